@@ -53,7 +53,7 @@ enum EventType {
 // values (-1 or null, errno ENOMEM for allocations), never exceptions. An
 // event is owned by one thread at a time.
 class Abstract_Event {
-  public:
+public:
     // A new event with an opened header holding a fresh token. Without
     // memory the event has no block and its accessors answer 0.
     Abstract_Event();
@@ -169,7 +169,7 @@ class Abstract_Event {
     // Writes the event to the log at debug priority.
     void dump();
 
-  private:
+private:
     Message_Header* header() const;
     int prepare_header();
     int update_header();

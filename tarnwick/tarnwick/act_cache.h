@@ -14,7 +14,7 @@ namespace Tarnwick {
 // which connection holds its token. Each list has its own mutex; the
 // operations are linear in the number of open tokens.
 class ACT_List {
-  public:
+public:
     ACT_List();
     ~ACT_List();
     ACT_List(const ACT_List&) = delete;
@@ -30,7 +30,7 @@ class ACT_List {
     // The number of open tokens.
     size_t size();
 
-  private:
+private:
     ACE_Unbounded_Set<uint32_t> m_tokens;
     ACE_Thread_Mutex m_mutex;
 };

@@ -15,7 +15,7 @@ class Handler;
 // EventHandler, and nothing more.
 #define TARNWICK_DECLARE_EVENT(Name)                \
     class Name : public Abstract_Event {            \
-      public:                                       \
+    public:                                         \
         Name();                                     \
         Name(const Name& other);                    \
         Name& operator=(const Name& other);         \
@@ -52,7 +52,7 @@ TARNWICK_DECLARE_EVENT(JobStepProgressEvent);
 // answered with an error reply, and any other value that the event, changed
 // by the handler (the engine has set its result flag), is the reply.
 class EventHandler : public ACE_Task<ACE_MT_SYNCH> {
-  public:
+public:
     EventHandler();
     ~EventHandler() override;
 
@@ -92,7 +92,7 @@ class EventHandler : public ACE_Task<ACE_MT_SYNCH> {
 
 // Makes typed events.
 class Event_Factory {
-  public:
+public:
     // A new event of the class for `type` (1 to 19), given up with destroy().
     // Null for an unknown type (logged) or without memory (errno ENOMEM).
     static Abstract_Event* create(int type);

@@ -7,7 +7,7 @@ namespace Tarnwick {
 
 // One connected socket carrying whole messages in both directions.
 class Handler {
-  public:
+public:
     // The largest payload that a message keeps in memory, and the size of
     // the buffers that move payload between socket, memory and disk. 131072
     // when the library loads; an engine lowers it when it opens.

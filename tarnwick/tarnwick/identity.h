@@ -12,7 +12,7 @@ class IdentityEvent;
 // identification of a connection carries the one into the other as an
 // IdentityEvent. No lock guards the fields.
 class Identity {
-  public:
+public:
     // The kind of program; every value outside 1 to 5 reads as "unknown".
     enum Type { UNKNOWN = 0, TWAGENT = 1, TWMANAGE = 2, TWCTRL = 3, TWWFE = 4, TWWFC = 5 };
 
@@ -54,7 +54,7 @@ class Identity {
     // The identity of this process, created on first use, never destroyed.
     static Identity* instance();
 
-  private:
+private:
     std::string m_name;
     std::string m_login;
     std::string m_password;

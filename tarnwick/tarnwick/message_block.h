@@ -15,7 +15,7 @@ namespace Tarnwick {
 // that holds the Message_Header. The flag bit DATA_BLOCK_FLAG marks a data
 // block as one of this class.
 class Data_Block : public ACE_Data_Block {
-  public:
+public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
 
     Data_Block();
@@ -31,7 +31,7 @@ class Data_Block : public ACE_Data_Block {
 // duplicate of a Message_Block is a Message_Block. The reference counts of all
 // blocks are guarded by one process-wide lock, LockingStrategy().
 class Message_Block : public ACE_Message_Block {
-  public:
+public:
     // Set in the block's own flags: the block is a Message_Block.
     static const Message_Flags MESSAGE_BLOCK_FLAG = 0x4000;
 
@@ -67,7 +67,7 @@ class Message_Block : public ACE_Message_Block {
     // Null (errno ENOMEM) only if it could not be created.
     static ACE_Lock_Adapter<ACE_Thread_Mutex>* LockingStrategy();
 
-  private:
+private:
     explicit Message_Block(ACE_Data_Block* shared);
 
     // Logs a program error when the data block is not a Data_Block.
@@ -81,7 +81,7 @@ class Message_Block : public ACE_Message_Block {
 // Releases the block held in a variable at the end of a scope, unless the
 // variable was set to null (the block was handed on) before.
 class Message_Block_Guard {
-  public:
+public:
     explicit Message_Block_Guard(ACE_Message_Block*& block) : m_block(block) {}
     ~Message_Block_Guard() {
         if (m_block != nullptr)
@@ -90,7 +90,7 @@ class Message_Block_Guard {
     Message_Block_Guard(const Message_Block_Guard&) = delete;
     Message_Block_Guard& operator=(const Message_Block_Guard&) = delete;
 
-  private:
+private:
     ACE_Message_Block*& m_block;
 };
 

@@ -11,7 +11,7 @@ namespace Tarnwick {
 // order is told by the magic word alone (isReadable). It has no lock: it
 // belongs to whoever holds its block. Setters return the previous value.
 class Message_Header {
-  public:
+public:
     // The magic word, 0x00060201; on the wire the bytes 00 06 02 01.
     static const uint32_t MAGIC = 0x00060201;
 
@@ -63,7 +63,7 @@ class Message_Header {
     // Logs the header's fields at debug priority, as one record.
     void dump() const;
 
-  private:
+private:
     enum Flag { RESULT_FLAG = 0x02, BINARY_FLAG = 0x04, ERROR_FLAG = 0x08, BROADCAST_FLAG = 0x10 };
 
     void enable(Flag flag) { flags |= flag; }

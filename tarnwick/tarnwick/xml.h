@@ -15,7 +15,7 @@ namespace Tarnwick {
 // Owns one parsed document. Empty until a parse succeeds; a second parse
 // while a document is held is ignored (returns 0). Not thread-safe.
 class XMLDocument {
-  public:
+public:
     XMLDocument();
     ~XMLDocument();
     XMLDocument(const XMLDocument&) = delete;
@@ -42,13 +42,13 @@ class XMLDocument {
 
     xmlDocPtr document() const { return doc; }
 
-  private:
+private:
     xmlDocPtr doc;
 };
 
 // Base of the document writers; cannot be opened itself.
 class XMLWriter {
-  public:
+public:
     XMLWriter();
     virtual ~XMLWriter();
     XMLWriter(const XMLWriter&) = delete;
@@ -67,7 +67,7 @@ class XMLWriter {
     int writeString(const char* text);
     int endElement();
 
-  protected:
+protected:
     xmlTextWriterPtr writer;
     char* encoding;  // owned, null means "UTF-8"
     bool ended;
@@ -77,7 +77,7 @@ class XMLWriter {
 
 // Writes a document into an in-memory buffer.
 class XMLMemoryWriter : public XMLWriter {
-  public:
+public:
     XMLMemoryWriter();
     ~XMLMemoryWriter() override;
 
@@ -90,7 +90,7 @@ class XMLMemoryWriter : public XMLWriter {
     // Bytes written so far, flushed; -1 without a buffer.
     int64_t length();
 
-  private:
+private:
     xmlBufferPtr buffer;
 };
 

@@ -8,7 +8,7 @@
 namespace TarnwickTest {
 
 class BlockLimit {
-  public:
+public:
     explicit BlockLimit(uint64_t limit) : old_(Tarnwick::Handler::Data_Block_Size) {
         Tarnwick::Handler::Data_Block_Size = limit;
     }
@@ -16,7 +16,7 @@ class BlockLimit {
     BlockLimit(const BlockLimit&) = delete;
     BlockLimit& operator=(const BlockLimit&) = delete;
 
-  private:
+private:
     uint64_t old_;
 };
 

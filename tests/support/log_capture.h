@@ -10,7 +10,7 @@
 namespace TarnwickTest {
 
 class LogCapture {
-  public:
+public:
     // Starts capturing on the calling thread; stderr output of ACE_Log_Msg
     // is switched off until destruction.
     LogCapture();
@@ -29,7 +29,7 @@ class LogCapture {
     // "%D" and "(%t)".
     static std::string normalise(const std::string& raw);
 
-  private:
+private:
     std::ostringstream stream_;
     std::ostream* old_stream_;
     unsigned long old_flags_;

@@ -1,0 +1,636 @@
+// Tests of the XML document and writer wrappers.
+#include <tarnwick/xml.h>
+
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
+#include <libxml/xmlmemory.h>
+
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+
+using Tarnwick::XMLDocument;
+using Tarnwick::XMLMemoryWriter;
+using Tarnwick::XMLWriter;
+using TarnwickTest::LogCapture;
+
+namespace {
+
+// libxml2 is set up once for the whole program, as the application does.
+class LibxmlEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override { xmlInitParser(); }
+    void TearDown() override { xmlCleanupParser(); }
+};
+
+::testing::Environment* const libxmlEnvironment =
+    ::testing::AddGlobalTestEnvironment(new LibxmlEnvironment);
+
+using Lines = std::vector<std::string>;
+using StringMap = std::map<std::string, std::string>;
+
+const char kNoDocument[] = "%D ERROR (%t): Internal error: xpath query without parsed document.";
+const char kParseError[] = "%D ERROR (%t): internal error: XML parse error: ";
+const char kEvalError[] = "%D ERROR (%t): An error occurred while evaluating an xpath expression.";
+const char kDeclaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+
+const char kEvent[] =
+    "<event type=\"3\">\n"
+    "  <args>\n"
+    "    <arg name=\"user\">alice</arg>\n"
+    "    <arg name=\"empty\"/>\n"
+    "    <arg name=\"twice\">one</arg>\n"
+    "    <arg name=\"twice\">two</arg>\n"
+    "    <arg name=\"long\">0123456789</arg>\n"
+    "  </args>\n"
+    "</event>\n";
+
+// A document parsed from `text`; the parse must succeed.
+void parse(XMLDocument& doc, const char* text) {
+    ASSERT_EQ(doc.parseMemory(text, static_cast<uint32_t>(std::strlen(text))), 0);
+    ASSERT_NE(doc.document(), nullptr);
+}
+
+// A memory writer whose document encoding is not the default one.
+class EncodedWriter : public XMLMemoryWriter {
+public:
+    explicit EncodedWriter(const char* name) {
+        encoding = new char[std::strlen(name) + 1];
+        std::memcpy(encoding, name, std::strlen(name) + 1);
+    }
+};
+
+// A file in the temporary directory, removed again at the end of the test.
+class TemporaryFile {
+public:
+    explicit TemporaryFile(const std::string& text) {
+        char name[] = "/tmp/tarnwick_xml_test_XXXXXX";
+        int fd = mkstemp(name);
+        EXPECT_GE(fd, 0);
+        if (fd >= 0) {
+            EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+            close(fd);
+            path_ = name;
+        }
+    }
+    ~TemporaryFile() {
+        if (!path_.empty()) {
+            unlink(path_.c_str());
+        }
+    }
+    const char* path() const { return path_.c_str(); }
+
+private:
+    std::string path_;
+};
+
+// ---------------------------------------------------------------------------
+// Parsing
+
+TEST(XMLDocumentTest, ParseMemoryHoldsDocument) {
+    LogCapture cap;
+    XMLDocument doc;
+    EXPECT_EQ(doc.document(), nullptr);
+    EXPECT_EQ(doc.parseMemory(kEvent, sizeof kEvent - 1), 0);
+    ASSERT_NE(doc.document(), nullptr);
+    EXPECT_STREQ(reinterpret_cast<const char*>(xmlDocGetRootElement(doc.document())->name),
+                 "event");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, ParseFileReadsTemporaryFile) {
+    TemporaryFile file("<root><value>from file</value></root>\n");
+    LogCapture cap;
+    XMLDocument doc;
+    EXPECT_EQ(doc.parseFile(file.path()), 0);
+    ASSERT_NE(doc.document(), nullptr);
+    char out[32] = "preset";
+    EXPECT_EQ(doc.queryValue("/root/value", out, sizeof out), 0);
+    EXPECT_STREQ(out, "from file");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, ParseFileWithDocumentHeldKeepsFirst) {
+    TemporaryFile file("<other/>");
+    XMLDocument doc;
+    parse(doc, "<first/>");
+    xmlDocPtr first = doc.document();
+    LogCapture cap;
+    EXPECT_EQ(doc.parseFile(file.path()), 0);
+    EXPECT_EQ(doc.document(), first);
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, ParseMissingFileLogsLibxmlError) {
+    LogCapture cap;
+    XMLDocument doc;
+    EXPECT_EQ(doc.parseFile("/nonexistent/tarnwick/none.xml"), -1);
+    EXPECT_EQ(doc.document(), nullptr);
+    xmlErrorPtr error = xmlGetLastError();
+    ASSERT_NE(error, nullptr);
+    ASSERT_NE(error->message, nullptr);
+    EXPECT_EQ(cap.text(), std::string(kParseError) + error->message + "\n");
+}
+
+TEST(XMLDocumentTest, MalformedParseLogsLibxmlMessage) {
+    LogCapture cap;
+    XMLDocument doc;
+    const char text[] = "<a><b></a>";
+    EXPECT_EQ(doc.parseMemory(text, sizeof text - 1), -1);
+    EXPECT_EQ(doc.document(), nullptr);
+    // The message of libxml2 follows the prefix unchanged.
+    xmlErrorPtr error = xmlGetLastError();
+    ASSERT_NE(error, nullptr);
+    ASSERT_NE(error->message, nullptr);
+    EXPECT_GT(std::strlen(error->message), 0u);
+    EXPECT_EQ(cap.text(), std::string(kParseError) + error->message + "\n");
+    Lines lines = cap.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0].compare(0, std::strlen(kParseError), kParseError), 0);
+    EXPECT_GT(lines[0].size(), std::strlen(kParseError));
+}
+
+TEST(XMLDocumentTest, FailedParseCanBeRepeated) {
+    XMLDocument doc;
+    const char bad[] = "<a>";
+    {
+        LogCapture cap;
+        EXPECT_EQ(doc.parseMemory(bad, sizeof bad - 1), -1);
+    }
+    EXPECT_EQ(doc.parseMemory("<a/>", 4), 0);
+    EXPECT_NE(doc.document(), nullptr);
+}
+
+TEST(XMLDocumentTest, SilentParseFailureIsSuccessWithoutDocument) {
+    // An earlier error of libxml2 must not be taken for this parse's.
+    {
+        LogCapture cap;
+        XMLDocument broken;
+        EXPECT_EQ(broken.parseMemory("<x>", 3), -1);
+    }
+    LogCapture cap;
+    XMLDocument doc;
+    // libxml2 refuses an empty buffer without reporting an error.
+    EXPECT_EQ(doc.parseMemory("", 0), 0);
+    EXPECT_EQ(doc.document(), nullptr);
+    EXPECT_TRUE(cap.lines().empty());
+
+    char out[8] = "keep";
+    errno = 0;
+    EXPECT_EQ(doc.queryValue("/a", out, sizeof out), -1);
+    EXPECT_STREQ(out, "keep");
+    EXPECT_EQ(cap.lines(), Lines{kNoDocument});
+}
+
+// ---------------------------------------------------------------------------
+// Queries on an empty document
+
+TEST(XMLDocumentTest, QueryWithoutDocumentLogsAndFails) {
+    LogCapture cap;
+    XMLDocument doc;
+    char out[16] = "unchanged";
+    errno = 0;
+    EXPECT_EQ(doc.queryValue("/event", out, sizeof out), -1);
+    EXPECT_STREQ(out, "unchanged");
+    EXPECT_EQ(cap.lines(), Lines{kNoDocument});
+
+    cap.clear();
+    StringMap map;
+    errno = 0;
+    EXPECT_EQ(doc.queryMap("/event/args", map), -1);
+    EXPECT_TRUE(map.empty());
+    EXPECT_EQ(cap.lines(), Lines{kNoDocument});
+}
+
+TEST(XMLDocumentTest, QueryWithoutDocumentLogsErrnoForm) {
+    LogCapture cap;
+    XMLDocument doc;
+    char out[16] = "";
+    errno = ENOENT;
+    EXPECT_EQ(doc.queryValue("/event", out, sizeof out), -1);
+    EXPECT_EQ(cap.lines(), Lines{std::string(kNoDocument) + ": No such file or directory"});
+
+    cap.clear();
+    StringMap map;
+    errno = ENOENT;
+    EXPECT_EQ(doc.queryMap("/event/args", map), -1);
+    EXPECT_EQ(cap.lines(), Lines{std::string(kNoDocument) + ": No such file or directory"});
+}
+
+TEST(XMLDocumentTest, QueryValueMallocedWithoutDocumentIsSilent) {
+    LogCapture cap;
+    XMLDocument doc;
+    errno = 0;
+    EXPECT_EQ(doc.queryValueMalloced("/event"), nullptr);
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, ParseMemoryWithDocumentHeldKeepsFirst) {
+    XMLDocument doc;
+    parse(doc, "<first>1</first>");
+    xmlDocPtr first = doc.document();
+    LogCapture cap;
+    EXPECT_EQ(doc.parseMemory("<second>2</second>", 18), 0);
+    EXPECT_EQ(doc.document(), first);
+    // Even text that would not parse is not looked at.
+    EXPECT_EQ(doc.parseMemory("<broken", 7), 0);
+    EXPECT_EQ(doc.document(), first);
+    char out[8] = "";
+    EXPECT_EQ(doc.queryValue("/first", out, sizeof out), 0);
+    EXPECT_STREQ(out, "1");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+// ---------------------------------------------------------------------------
+// queryValue
+
+TEST(XMLDocumentTest, QueryValueCopiesText) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "";
+    EXPECT_EQ(doc.queryValue("/event/args/arg[@name='user']", out, sizeof out), 0);
+    EXPECT_STREQ(out, "alice");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueAbsentKeepsOutput) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "default";
+    EXPECT_EQ(doc.queryValue("/event/args/arg[@name='missing']", out, sizeof out), 0);
+    EXPECT_STREQ(out, "default");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueTwoNodesLogsCount) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "default";
+    const char query[] = "/event/args/arg[@name='twice']";
+    EXPECT_EQ(doc.queryValue(query, out, sizeof out), -1);
+    EXPECT_STREQ(out, "default");
+    // The message has no line end of its own.
+    EXPECT_EQ(cap.text(),
+              std::string("%D ERROR (%t): Invalid node and/or size: expected 1, got 2 (query = ") +
+                  query + ")");
+}
+
+TEST(XMLDocumentTest, QueryValueTextLongerThanSizeFails) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "";
+    const char query[] = "/event/args/arg[@name='long']";
+    // Ten characters need eleven bytes.
+    EXPECT_EQ(doc.queryValue(query, out, 10), -1);
+    EXPECT_EQ(doc.queryValue(query, out, 11), 0);
+    EXPECT_STREQ(out, "0123456789");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueNonElementFailsSilently) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "default";
+    EXPECT_EQ(doc.queryValue("/event/@type", out, sizeof out), -1);
+    EXPECT_EQ(doc.queryValue("/event/args/arg[@name='user']/text()", out, sizeof out), -1);
+    EXPECT_STREQ(out, "default");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueResultWithoutNodeSetIsAbsent) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "default";
+    EXPECT_EQ(doc.queryValue("count(/event/args/arg)", out, sizeof out), 0);
+    EXPECT_STREQ(out, "default");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueInvalidExpressionLogs) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "default";
+    errno = 0;
+    EXPECT_EQ(doc.queryValue("/event/[", out, sizeof out), -1);
+    EXPECT_STREQ(out, "default");
+    // The text carries a line end before the one that ends the message.
+    EXPECT_EQ(cap.text(), std::string(kEvalError) + "\n\n");
+    EXPECT_EQ(cap.lines(), (Lines{kEvalError, ""}));
+}
+
+TEST(XMLDocumentTest, QueryValueInvalidExpressionLogsErrnoForm) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char out[16] = "";
+    errno = ENOENT;
+    EXPECT_EQ(doc.queryValue("/event/[", out, sizeof out), -1);
+    EXPECT_EQ(cap.text(), std::string(kEvalError) + "\n: No such file or directory\n");
+}
+
+// ---------------------------------------------------------------------------
+// queryValueMalloced
+
+TEST(XMLDocumentTest, QueryValueMallocedCopiesText) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    char* value = doc.queryValueMalloced("/event/args/arg[@name='long']");
+    ASSERT_NE(value, nullptr);
+    EXPECT_STREQ(value, "0123456789");
+    delete[] value;
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, ElementWithoutTextIsNullMallocedButEmptyValue) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    const char query[] = "/event/args/arg[@name='empty']";
+    EXPECT_EQ(doc.queryValueMalloced(query), nullptr);
+    char out[16] = "default";
+    EXPECT_EQ(doc.queryValue(query, out, sizeof out), 0);
+    EXPECT_STREQ(out, "");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryValueMallocedFailuresAreSilent) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    EXPECT_EQ(doc.queryValueMalloced("/event/args/arg[@name='missing']"), nullptr);
+    EXPECT_EQ(doc.queryValueMalloced("/event/args/arg[@name='twice']"), nullptr);
+    EXPECT_EQ(doc.queryValueMalloced("/event/@type"), nullptr);
+    EXPECT_EQ(doc.queryValueMalloced("/event/["), nullptr);
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+// ---------------------------------------------------------------------------
+// queryMap
+
+TEST(XMLDocumentTest, QueryMapFirstOfDuplicateNamesWins) {
+    XMLDocument doc;
+    parse(doc,
+          "<args><arg name=\"a\">1</arg><arg name=\"a\">2</arg><arg name=\"b\">3</arg></args>");
+    LogCapture cap;
+    StringMap map;
+    EXPECT_EQ(doc.queryMap("/args", map), 0);
+    EXPECT_EQ(map, (StringMap{{"a", "1"}, {"b", "3"}}));
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryMapKeepsExistingEntries) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    StringMap map{{"user", "bob"}, {"other", "x"}};
+    EXPECT_EQ(doc.queryMap("/event/args", map), 0);
+    EXPECT_EQ(map, (StringMap{{"user", "bob"},
+                              {"other", "x"},
+                              {"empty", ""},
+                              {"twice", "one"},
+                              {"long", "0123456789"}}));
+}
+
+TEST(XMLDocumentTest, QueryMapSkipsTextNodesAndUnnamedChildren) {
+    XMLDocument doc;
+    parse(doc,
+          "<args>\n  loose text\n  <arg>no name</arg>\n  <!-- note -->\n"
+          "  <arg id=\"c\">other attribute</arg>\n  <arg name=\"k\">v</arg>\n</args>");
+    StringMap map;
+    EXPECT_EQ(doc.queryMap("/args", map), 0);
+    EXPECT_EQ(map, (StringMap{{"k", "v"}}));
+}
+
+TEST(XMLDocumentTest, QueryMapWithoutChildrenReturnsZero) {
+    XMLDocument doc;
+    parse(doc, "<event><args/></event>");
+    StringMap map{{"kept", "1"}};
+    EXPECT_EQ(doc.queryMap("/event/args", map), 0);
+    EXPECT_EQ(map, (StringMap{{"kept", "1"}}));
+}
+
+TEST(XMLDocumentTest, QueryMapNeedsExactlyOneNode) {
+    XMLDocument doc;
+    parse(doc, "<event><args><arg name=\"a\">1</arg></args><args/></event>");
+    LogCapture cap;
+    StringMap map;
+    EXPECT_EQ(doc.queryMap("/event/args", map), -1);
+    EXPECT_EQ(doc.queryMap("/event/missing", map), -1);
+    EXPECT_TRUE(map.empty());
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+TEST(XMLDocumentTest, QueryMapInvalidExpressionLogs) {
+    XMLDocument doc;
+    parse(doc, kEvent);
+    LogCapture cap;
+    StringMap map;
+    errno = 0;
+    EXPECT_EQ(doc.queryMap("/event/[", map), -1);
+    EXPECT_EQ(cap.lines(), (Lines{kEvalError, ""}));
+}
+
+// ---------------------------------------------------------------------------
+// Writers
+
+TEST(XMLWriterTest, BaseWriterCannotBeOpened) {
+    XMLWriter writer;
+    EXPECT_EQ(writer.open(0), -1);
+    EXPECT_EQ(writer.open(XMLWriter::Indentation), -1);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), -1);
+    XMLMemoryWriter memory;
+    XMLWriter& base = memory;
+    EXPECT_EQ(base.open(XMLWriter::Indentation), 0);
+}
+
+TEST(XMLWriterTest, OperationsFailWithoutOpen) {
+    XMLMemoryWriter writer;
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), -1);
+    EXPECT_EQ(writer.startElement("p", "urn:p", "a"), -1);
+    EXPECT_EQ(writer.writeAttribute("name", "value"), -1);
+    EXPECT_EQ(writer.writeString("text"), -1);
+    EXPECT_EQ(writer.endElement(), -1);
+    EXPECT_EQ(writer.content(), nullptr);
+    EXPECT_EQ(writer.length(), -1);
+}
+
+TEST(XMLWriterTest, MemoryWriterIndentedDocument) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(XMLWriter::Indentation), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "event"), 0);
+    EXPECT_EQ(writer.writeAttribute("type", "3"), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "args"), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "arg"), 0);
+    EXPECT_EQ(writer.writeAttribute("name", "user"), 0);
+    EXPECT_EQ(writer.writeString("alice"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "arg"), 0);
+    EXPECT_EQ(writer.writeAttribute("name", "expr"), 0);
+    EXPECT_EQ(writer.writeString("a < b & c"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    const std::string expected = std::string(kDeclaration) +
+                                 "<event type=\"3\">\n"
+                                 " <args>\n"
+                                 "  <arg name=\"user\">alice</arg>\n"
+                                 "  <arg name=\"expr\">a &lt; b &amp; c</arg>\n"
+                                 " </args>\n"
+                                 "</event>\n";
+    const char* content = writer.content();
+    ASSERT_NE(content, nullptr);
+    EXPECT_EQ(std::string(content), expected);
+    EXPECT_EQ(writer.length(), static_cast<int64_t>(expected.size()));
+    // The pointer belongs to the writer and stays put without further writes.
+    EXPECT_EQ(writer.content(), content);
+
+    // What was written reads back through the document.
+    XMLDocument doc;
+    parse(doc, content);
+    char out[16] = "";
+    EXPECT_EQ(doc.queryValue("/event/args/arg[@name='expr']", out, sizeof out), 0);
+    EXPECT_STREQ(out, "a < b & c");
+}
+
+TEST(XMLWriterTest, MemoryWriterWithoutIndentation) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "b"), 0);
+    EXPECT_EQ(writer.writeString("x"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()), std::string(kDeclaration) + "<a><b>x</b></a>");
+}
+
+TEST(XMLWriterTest, LengthFollowsWrites) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(XMLWriter::Indentation), 0);
+    // The declaration is there as soon as the writer is open.
+    EXPECT_EQ(writer.length(), static_cast<int64_t>(std::strlen(kDeclaration)));
+    EXPECT_EQ(std::string(writer.content()), kDeclaration);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "root"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    const std::string expected = std::string(kDeclaration) + "<root/>\n";
+    EXPECT_EQ(writer.length(), static_cast<int64_t>(expected.size()));
+    EXPECT_EQ(std::string(writer.content()), expected);
+}
+
+TEST(XMLWriterTest, SecondOpenReturnsZeroAndKeepsContent) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.open(XMLWriter::Indentation), 0);
+    EXPECT_EQ(std::string(writer.content()), std::string(kDeclaration) + "<a/>");
+}
+
+TEST(XMLWriterTest, NamespacedElement) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement("tw", "urn:tarnwick", "event"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()),
+              std::string(kDeclaration) + "<tw:event xmlns:tw=\"urn:tarnwick\"/>");
+}
+
+TEST(XMLWriterTest, AttributeValueIsEscaped) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.writeAttribute("v", "1 < 2 & \"q\" %d"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()),
+              std::string(kDeclaration) + "<a v=\"1 &lt; 2 &amp; &quot;q&quot; %d\"/>");
+}
+
+TEST(XMLWriterTest, WriteStringInvalidInEncodingWritesNothing) {
+    EncodedWriter writer("ASCII");
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.writeString("caf\xc3\xa9 au lait"), -1);
+    EXPECT_EQ(writer.writeString("plain ascii text"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "b"), 0);
+    EXPECT_EQ(writer.writeString("\xff is not ascii at all"), -1);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()),
+              "<?xml version=\"1.0\" encoding=\"ASCII\"?>\n<a>plain ascii text</a><b/>");
+}
+
+TEST(XMLWriterTest, WriterEncodingNamesTheDocument) {
+    EncodedWriter writer("ISO-8859-1");
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    // Latin-1 input: 0xE9 is e acute, written back out in Latin-1.
+    EXPECT_EQ(writer.writeString("caf\xe9"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()),
+              "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n<a>caf\xe9</a>");
+}
+
+TEST(XMLWriterTest, UnendedDocumentIsReleasedCleanly) {
+    // The destructor ends the document; nothing of it must leak or fail.
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(XMLWriter::Indentation | XMLWriter::Compression), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "b"), 0);
+}
+
+// ---------------------------------------------------------------------------
+// convertInput
+
+TEST(ConvertInputTest, NullInputGivesNull) {
+    EXPECT_EQ(Tarnwick::convertInput(nullptr, "UTF-8"), nullptr);
+}
+
+TEST(ConvertInputTest, UnknownEncodingGivesNull) {
+    EXPECT_EQ(Tarnwick::convertInput("text", "no-such-encoding"), nullptr);
+    EXPECT_EQ(Tarnwick::convertInput("text", nullptr), nullptr);
+}
+
+TEST(ConvertInputTest, InvalidInputGivesNull) {
+    EXPECT_EQ(Tarnwick::convertInput("caf\xc3\xa9 au lait", "ASCII"), nullptr);
+    EXPECT_EQ(Tarnwick::convertInput("a byte \x80 in the middle", "US-ASCII"), nullptr);
+    // A UTF-16 text of an odd number of bytes does not convert completely.
+    EXPECT_EQ(Tarnwick::convertInput("abc", "UTF-16LE"), nullptr);
+}
+
+TEST(ConvertInputTest, ConvertsToUtf8) {
+    xmlChar* utf8 = Tarnwick::convertInput("caf\xc3\xa9", "UTF-8");
+    ASSERT_NE(utf8, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(utf8), "caf\xc3\xa9");
+    xmlFree(utf8);
+
+    xmlChar* latin = Tarnwick::convertInput("caf\xe9", "ISO-8859-1");
+    ASSERT_NE(latin, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(latin), "caf\xc3\xa9");
+    xmlFree(latin);
+
+    xmlChar* ascii = Tarnwick::convertInput("plain ascii text", "ASCII");
+    ASSERT_NE(ascii, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(ascii), "plain ascii text");
+    xmlFree(ascii);
+
+    xmlChar* empty = Tarnwick::convertInput("", "UTF-8");
+    ASSERT_NE(empty, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(empty), "");
+    xmlFree(empty);
+}
+
+}  // namespace

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
 #include <sstream>
 
 namespace Tarnwick {
@@ -443,6 +444,13 @@ int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
         TW_LOG_ERRNO("%D ERROR (%t): An error occurred while evaluating an xpath expression.\n");
         return -1;
     }
+    // Each name takes the text of the first child of the first parameter
+    // that the query "//message/param[@name='<name>']" selects. The names
+    // come in document order, so for a plain name (one text node, no
+    // apostrophe) that parameter is the owner of the name's first
+    // occurrence, and the query need not run: this keeps the fill linear in
+    // the number of parameters. Other names go through the query itself.
+    std::set<std::string> seen;
     xmlNodeSetPtr nodes = names->nodesetval;
     for (int i = 0; nodes != nullptr && i < nodes->nodeNr; ++i) {
         xmlNodePtr attribute = nodes->nodeTab[i];
@@ -451,18 +459,29 @@ int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
             continue;
         }
         const char* name = reinterpret_cast<const char*>(attribute->children->content);
-        xmlXPathObjectPtr param = xmlXPathEvalExpression(
-            reinterpret_cast<const xmlChar*>(parameterQuery(name).c_str()), context);
-        if (param == nullptr)
-            continue;
-        xmlNodeSetPtr selected = param->nodesetval;
-        if (selected != nullptr && selected->nodeNr > 0) {
-            xmlNodePtr element = selected->nodeTab[0];
-            if (element->children != nullptr && element->children->content != nullptr) {
-                setArg(name, reinterpret_cast<const char*>(element->children->content));
+        xmlNodePtr owner = nullptr;
+        xmlXPathObjectPtr param = nullptr;
+        bool const plain = attribute->children->type == XML_TEXT_NODE &&
+                           attribute->children->next == nullptr &&
+                           std::strchr(name, '\'') == nullptr;
+        if (plain) {
+            if (!seen.insert(name).second)
+                continue;
+            owner = attribute->parent;
+        } else {
+            param = xmlXPathEvalExpression(
+                reinterpret_cast<const xmlChar*>(parameterQuery(name).c_str()), context);
+            if (param == nullptr)
+                continue;
+            if (param->nodesetval != nullptr && param->nodesetval->nodeNr > 0) {
+                owner = param->nodesetval->nodeTab[0];
             }
         }
-        xmlXPathFreeObject(param);
+        if (owner != nullptr && owner->children != nullptr && owner->children->content != nullptr) {
+            setArg(name, reinterpret_cast<const char*>(owner->children->content));
+        }
+        if (param != nullptr)
+            xmlXPathFreeObject(param);
     }
     xmlXPathFreeObject(names);
     xmlXPathFreeContext(context);

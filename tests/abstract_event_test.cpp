@@ -664,3 +664,22 @@ TEST(AbstractEvent, DumpReportsABadHeaderLength) {
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines[0], "%D ERROR (%t): Invalid header size: 28 != 32 ");
 }
+
+TEST(AbstractEvent, EachNameTakesItsFirstParameterEvenWhenThatIsEmpty) {
+    EventPtr event = receivedText(std::string(DECLARATION) +
+                                  "<message><param name=\"d\"></param><param name=\"d\">2</param>"
+                                  "<param name=\"e\">1</param><param name=\"e\">2</param>"
+                                  "<other><param name=\"f\">3</param></other></message>" +
+                                  std::string(1, '\0'));
+    EXPECT_EQ(event->getArgMap(), (std::map<std::string, std::string>{{"e", "1"}}));
+}
+
+TEST(AbstractEvent, NameIsPastedIntoTheQueryAsItStands) {
+    // Two apostrophes make a valid query that selects the parameter "b".
+    EventPtr event = receivedText(std::string(DECLARATION) +
+                                  "<message><param name=\"b\">B</param>"
+                                  "<param name=\"a' or @name='b\">A</param></message>" +
+                                  std::string(1, '\0'));
+    EXPECT_EQ(event->getArgMap(),
+              (std::map<std::string, std::string>{{"a' or @name='b", "B"}, {"b", "B"}}));
+}

@@ -2,7 +2,7 @@
 
 #include <ace/Log_Msg.h>
 
-#include <regex>
+#include <cstring>
 
 namespace TarnwickTest {
 
@@ -25,11 +25,54 @@ LogCapture::~LogCapture() {
     log->set_flags(old_flags_);
 }
 
+namespace {
+
+// True when `text` at `pos` matches `pattern`, where '9' stands for a digit.
+bool matches(const std::string& text, size_t pos, const char* pattern) {
+    for (size_t i = 0; pattern[i] != '\0'; ++i, ++pos) {
+        if (pos >= text.size())
+            return false;
+        char const c = text[pos];
+        if (pattern[i] == '9' ? (c < '0' || c > '9') : c != pattern[i])
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 std::string LogCapture::normalise(const std::string& raw) {
-    static const std::regex date(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
-    static const std::regex thread(R"(((?:ERROR|WARN |INFO |DEBUG) )\(\d+\))");
-    std::string out = std::regex_replace(raw, date, "%D");
-    return std::regex_replace(out, thread, "$1(%t)");
+    static const char* const DATE = "9999-99-99 99:99:99.999999";
+    static const char* const LEVELS[] = {"ERROR (", "WARN  (", "INFO  (", "DEBUG ("};
+    std::string out;
+    out.reserve(raw.size());
+    size_t pos = 0;
+    while (pos < raw.size()) {
+        if (matches(raw, pos, DATE)) {
+            out += "%D";
+            pos += std::strlen(DATE);
+            continue;
+        }
+        bool replaced = false;
+        for (const char* level : LEVELS) {
+            size_t const length = std::strlen(level);
+            if (raw.compare(pos, length, level) != 0)
+                continue;
+            size_t digits = pos + length;
+            while (digits < raw.size() && raw[digits] >= '0' && raw[digits] <= '9')
+                ++digits;
+            if (digits > pos + length && digits < raw.size() && raw[digits] == ')') {
+                out.append(level, length);
+                out += "%t)";
+                pos = digits + 1;
+                replaced = true;
+            }
+            break;
+        }
+        if (!replaced)
+            out += raw[pos++];
+    }
+    return out;
 }
 
 std::string LogCapture::text() const {

@@ -17,13 +17,21 @@ const size_t HEADER_SIZE = sizeof(Message_Header);
 
 Data_Block::Data_Block()
     : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, nullptr, nullptr,
-                     Message_Block::LockingStrategy(), 0, nullptr) {
+                     Message_Block::LockingStrategy(), 0, ACE_Allocator::instance()) {
     if (base() != nullptr && capacity() >= HEADER_SIZE)
         new (base()) Message_Header();
     set_flags(DATA_BLOCK_FLAG);
 }
 
 Data_Block::~Data_Block() = default;
+
+Data_Block* Data_Block::create() {
+    ACE_Allocator* allocator = ACE_Allocator::instance();
+    void* memory = allocator->malloc(sizeof(Data_Block));
+    if (memory == nullptr)
+        return nullptr;
+    return new (memory) Data_Block();
+}
 
 ACE_Lock_Adapter<ACE_Thread_Mutex>* Message_Block::m_locking_strategy = nullptr;
 
@@ -36,7 +44,7 @@ ACE_Lock_Adapter<ACE_Thread_Mutex>* Message_Block::LockingStrategy() {
     return m_locking_strategy;
 }
 
-Message_Block::Message_Block() : ACE_Message_Block(new (std::nothrow) Data_Block(), 0, nullptr) {
+Message_Block::Message_Block() : ACE_Message_Block(Data_Block::create(), 0, nullptr) {
     set_self_flags(MESSAGE_BLOCK_FLAG);
 }
 

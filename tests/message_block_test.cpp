@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -176,8 +177,9 @@ TEST(MessageBlock, DuplicateIsAMessageBlockSharingHeaderAndPayload) {
 TEST(MessageBlock, PlainDataBlockIsReportedByEveryCheckedOperation) {
     LogCapture capture;
     BlockRef b;
-    ACE_Data_Block* plain =
-        new ACE_Data_Block(64, ACE_Message_Block::MB_DATA, nullptr, nullptr, nullptr, 0, nullptr);
+    ACE_Data_Block* plain = new (ACE_Allocator::instance()->malloc(sizeof(ACE_Data_Block)))
+        ACE_Data_Block(64, ACE_Message_Block::MB_DATA, nullptr, nullptr, nullptr, 0,
+                       ACE_Allocator::instance());
     b->data_block(plain);
     char pointer[32];
     std::snprintf(pointer, sizeof pointer, "%x",

@@ -4,6 +4,7 @@
 #include <tarnwick/message_header.h>
 
 #include <ace/Lock_Adapter_T.h>
+#include <ace/Malloc_Base.h>
 #include <ace/Message_Block.h>
 #include <ace/Thread_Mutex.h>
 
@@ -17,6 +18,11 @@ namespace Tarnwick {
 class Data_Block : public ACE_Data_Block {
 public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
+
+    // A new data block from ACE's allocator, which also frees it when the
+    // last reference goes; null without memory. Make data blocks this way,
+    // never with a plain new.
+    static Data_Block* create();
 
     Data_Block();
     ~Data_Block() override;

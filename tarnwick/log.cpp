@@ -2,6 +2,7 @@
 
 #include <ace/Log_Msg.h>
 
+#include <locale.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -26,11 +27,22 @@ ACE_Log_Priority priorityOf(const char* format) {
     return LM_ERROR;
 }
 
+// Wide arguments (%W) are written as UTF-8 whatever the process locale is:
+// the message is formatted under a UTF-8 character type on this thread only.
+locale_t utf8Locale() {
+    static locale_t const locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
+    return locale;
+}
+
 void emit(const char* file, int line, int error, const char* format, va_list args) {
     ACE_Log_Msg* log = ACE_Log_Msg::instance();
     log->conditional_set(file, line, 0, error);
+    locale_t const utf8 = utf8Locale();
+    locale_t const previous = utf8 != static_cast<locale_t>(0) ? uselocale(utf8) : nullptr;
     errno = error;
     log->log(format, priorityOf(format), args);
+    if (previous != nullptr)
+        uselocale(previous);
     errno = error;
 }
 

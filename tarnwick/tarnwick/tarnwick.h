@@ -22,7 +22,8 @@ int checkURL(const wchar_t* url);
 
 // Starts `count` threads of `task` with `stack_size` bytes of stack each,
 // joinable or detached. Returns the result of the task's activate, or -1
-// (null task; errno ENOMEM when the stack size table can't be allocated).
+// (null task; errno EINVAL for a negative count, ENOMEM when the stack size
+// table can't be allocated).
 int startThread(ACE_Task<ACE_MT_SYNCH>* task, int count, size_t stack_size, bool joinable);
 
 // Display name of a command number (0 to 21). The number is not checked.

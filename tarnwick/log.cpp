@@ -3,9 +3,15 @@
 #include <ace/Log_Msg.h>
 
 #include <locale.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <ctime>
+#include <iostream>
+#include <iterator>
+#include <locale>
+#include <new>
 #include <string>
 
 namespace Tarnwick {
@@ -64,6 +70,142 @@ void logLastError(const char* file, int line, const char* text, ...) {
     va_start(args, text);
     emit(file, line, error, format.c_str(), args);
     va_end(args);
+}
+
+}  // namespace Tarnwick
+
+namespace Tarnwick {
+
+namespace {
+
+const int FLAG_MASK = static_cast<int>(0xC000007Fu);
+
+}  // namespace
+
+Log* Log::_instance = nullptr;
+int Log::_flags = 0;
+const char* const Log::_names[] = {"CRIT", "ERR", "WARN", "AUTH", "INFO", "NOTICE", "TRACE"};
+
+Log::Log() = default;
+Log::~Log() = default;
+
+Log* Log::instance() {
+    return instance(Normal() | Time() | ThreadID());
+}
+
+Log* Log::instance(int flags) {
+    if (_instance == nullptr) {
+        _instance = new (std::nothrow) Log();
+        _flags = flags & FLAG_MASK;
+    }
+    return _instance;
+}
+
+int Log::flags() {
+    return _flags;
+}
+
+int Log::flags(int flags) {
+    _flags = flags & FLAG_MASK;
+    return _flags;
+}
+
+int Log::On(int mask) {
+    return _flags & mask;
+}
+
+void Log::message(level_t level, const std::string& text) {
+    if ((_flags & (1 << level)) == 0)
+        return;
+    _ilog(level, text);
+}
+
+void Log::message(level_t level, int code, const std::string& text) {
+    if ((_flags & (1 << level)) == 0)
+        return;
+    _ilog(level, code, text);
+}
+
+void Log::_ilog(level_t level, const std::string& text) {
+    instance()->_log(level, text);
+}
+
+void Log::_ilog(level_t level, int code, const std::string& text) {
+    instance()->_log(level, code, text);
+}
+
+void Log::_ilog(level_t level, const std::stringstream& text) {
+    _ilog(level, text.str());
+}
+
+void Log::_ilog(level_t level, int code, const std::stringstream& text) {
+    _ilog(level, code, text.str());
+}
+
+#define TARNWICK_LOG_LEVEL(function, level)                       \
+    void Log::function(const std::string& text) {                 \
+        message(level, text);                                     \
+    }                                                             \
+    void Log::function(int code, const std::string& text) {       \
+        message(level, code, text);                               \
+    }                                                             \
+    void Log::function(const std::stringstream& text) {           \
+        message(level, text.str());                               \
+    }                                                             \
+    void Log::function(int code, const std::stringstream& text) { \
+        message(level, code, text.str());                         \
+    }
+
+TARNWICK_LOG_LEVEL(crit, CRIT)
+TARNWICK_LOG_LEVEL(error, ERR)
+TARNWICK_LOG_LEVEL(warn, WARN)
+TARNWICK_LOG_LEVEL(auth, AUTH)
+TARNWICK_LOG_LEVEL(info, INFO)
+TARNWICK_LOG_LEVEL(notice, NOTICE)
+TARNWICK_LOG_LEVEL(trace, TRACE)
+
+#undef TARNWICK_LOG_LEVEL
+
+void Log::_log(level_t level, const std::string& text) {
+    std::stringstream body;
+    body << ": " << text << '\n';
+    _output(level, body);
+}
+
+void Log::_log(level_t level, int code, const std::string& text) {
+    std::stringstream body;
+    body << ' ' << code << ": " << text << '\n';
+    _output(level, body);
+}
+
+void Log::_output(level_t level, const std::stringstream& body) {
+    if ((_flags & Time()) != 0) {
+        _log_timestamp();
+        std::cerr << ' ';
+    }
+    if ((_flags & ThreadID()) != 0)
+        std::cerr << '[' << static_cast<long>(gettid()) << "] ";
+    if (level >= CRIT && level <= TRACE) {
+        std::cerr << _names[level];
+    } else {
+        std::cerr << "UNKNOWN LOG LEVEL " << static_cast<int>(level);
+    }
+    std::cerr << body.str();
+}
+
+void Log::_log_timestamp() {
+    std::time_t const now = std::time(nullptr);
+    std::tm local;
+    localtime_r(&now, &local);
+    const std::time_put<char>& put = std::use_facet<std::time_put<char>>(std::locale::classic());
+    std::ostreambuf_iterator<char> out(std::cerr);
+    put.put(out, std::cerr, ' ', &local, 'c');
+    std::cerr << ' ';
+    put.put(out, std::cerr, ' ', &local, 'Z');
+}
+
+void Log::_log_threadid() {
+    std::cerr << static_cast<long>(gettid());
 }
 
 }  // namespace Tarnwick

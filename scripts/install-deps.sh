@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing, the examples, the
+# benchmarks and the fuzz targets of tarnwick need. Does nothing (and prints
+# nothing) when every package is already installed.
+set -euo pipefail
+
+packages=(
+    # toolchain
+    build-essential cmake pkg-config git binutils
+    # clang, libFuzzer and the clang sanitizer runtimes, formatter
+    clang libclang-rt-14-dev clang-format
+    # library dependencies
+    libace-dev libace-ssl-dev libssl-dev openssl libxml2-dev libcurl4-openssl-dev
+    libboost-dev libcap-dev
+    # tests and benchmarks
+    googletest libgtest-dev libgmock-dev libbenchmark-dev
+    # tools used by tests: capabilities (setcap/getcap), ps/pgrep, file(1)
+    libcap2-bin procps file
+)
+
+# Prints the packages of the arguments that are not installed.
+not_installed() {
+    local pkg status
+    for pkg in "$@"; do
+        status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+        if [[ "$status" != "install ok installed" ]]; then
+            echo "$pkg"
+        fi
+    done
+}
+
+mapfile -t missing < <(not_installed "${packages[@]}")
+if [[ ${#missing[@]} -eq 0 ]]; then
+    exit 0
+fi
+
+sudo=()
+if [[ $(id -u) -ne 0 ]]; then
+    if ! command -v sudo >/dev/null 2>&1; then
+        echo "install-deps: missing packages (${missing[*]}) and not root; sudo not found" >&2
+        exit 1
+    fi
+    sudo=(sudo)
+fi
+
+echo "install-deps: installing ${missing[*]}"
+apt=("${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300)
+"${apt[@]}" update -qq
+"${apt[@]}" install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+
+mapfile -t still < <(not_installed "${missing[@]}")
+if [[ ${#still[@]} -gt 0 ]]; then
+    echo "install-deps: could not install ${still[*]}" >&2
+    exit 1
+fi
+echo "install-deps: done"

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# The main job: installs what the build needs, builds the library and the
+# example programs in build/ and runs every example.
+#
+# Each examples/NAME.cpp is one program, build/examples/NAME; examples run
+# without arguments and end by themselves.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+jobs=${TARNWICK_JOBS:-2}
+
+scripts/install-deps.sh
+
+echo "==== main: configure (build)"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_BUILD_EXAMPLES=ON >/dev/null
+echo "==== main: build library and examples"
+cmake --build build -j "$jobs" --target tarnwick tarnwick_examples
+
+status=0
+ran=0
+for src in examples/*.cpp; do
+    [[ -e "$src" ]] || continue
+    name=$(basename "$src" .cpp)
+    echo "==== main: build/examples/$name"
+    if "build/examples/$name" </dev/null; then
+        ran=$((ran + 1))
+    else
+        rc=$?
+        echo "main: example $name exited with status $rc" >&2
+        status=1
+    fi
+done
+
+if [[ $status -eq 0 ]]; then
+    echo "==== main: $ran example(s) ran"
+fi
+exit $status

@@ -1,6 +1,7 @@
 #include <tarnwick/abstract_event.h>
 #include <tarnwick/log.h>
 #include <tarnwick/message_block.h>
+#include <tarnwick/path.h>
 #include <tarnwick/tarnwick.h>
 #include <tarnwick/xml.h>
 
@@ -302,7 +303,10 @@ int Abstract_Event::loadDocument(bool quiet) {
     }
     int result = 0;
     ACE_Message_Block* payload = m_block->cont();
-    if (payload != nullptr) {
+    if (m_block->isStoredOnDisk()) {
+        const char* name = m_block->getFileName();
+        if (Path::IsFile(name)) result = m_document->parseFile(name);
+    } else if (payload != nullptr) {
         ACE_Message_Block* piece = payload->duplicate();
         if (piece == nullptr) {
             errno = ENOMEM;
@@ -667,13 +671,16 @@ int Abstract_Event::data(ACE_Message_Block* block) {
     }
     setACT(0);
 
-    ACE_Message_Block* payload = m_block->cont();
-    if (!isBinary() && payload != nullptr && payload->length() > 0 &&
-        payload->length() <= INT_MAX) {
-        xmlDocPtr doc = xmlParseMemory(payload->rd_ptr(), static_cast<int>(payload->length()));
+    if (!isBinary()) {
+        xmlDocPtr doc = nullptr;
+        ACE_Message_Block* payload = m_block->cont();
+        if (m_block->isStoredOnDisk()) {
+            doc = xmlParseFile(m_block->getFileName());
+        } else if (payload != nullptr && payload->length() > 0 && payload->length() <= INT_MAX) {
+            doc = xmlParseMemory(payload->rd_ptr(), static_cast<int>(payload->length()));
+        }
         __setArgsFromXMLDoc(doc);
-        if (doc != nullptr)
-            xmlFreeDoc(doc);
+        if (doc != nullptr) xmlFreeDoc(doc);
     }
     return update_header();
 }

@@ -1,6 +1,10 @@
 #include <tarnwick/act_cache.h>
+#include <tarnwick/identity.h>
+#include <tarnwick/log.h>
+#include <tarnwick/path.h>
 
 #include <ace/Guard_T.h>
+#include <ace/Singleton.h>
 
 #include <cerrno>
 
@@ -38,6 +42,38 @@ bool ACT_List::contains(uint32_t token) {
 size_t ACT_List::size() {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     return m_tokens.size();
+}
+
+ACT_Cache::ACT_Cache() = default;
+
+ACT_Cache* ACT_Cache::instance() {
+    return ACE_Singleton<ACT_Cache, ACE_Thread_Mutex>::instance();
+}
+
+int ACT_Cache::prepare() {
+    if (!m_directory.empty())
+        return 0;
+    std::string directory;
+    if (Path::TempPath(directory) == -1)
+        return -1;
+    Path::Join(directory, "event-cache");
+    Path::Join(directory, Identity::instance()->typeAsString());
+    if (!Path::IsDirectory(directory) && Path::MkTree(directory, 0700) == -1) {
+        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
+        return 0;
+    }
+    TW_LOG("%D DEBUG (%t): Events with a large payload will be cached in %C\n", directory.c_str());
+    m_directory = directory;
+    return 0;
+}
+
+int ACT_Cache::path(uint32_t token, std::string& file) {
+    if (prepare() == -1 || token == 0)
+        return -1;
+    file = m_directory;
+    std::string const name = "event-" + std::to_string(token) + ".dat";
+    Path::Join(file, name.c_str());
+    return 0;
 }
 
 }  // namespace Tarnwick

@@ -1,7 +1,10 @@
+#include <tarnwick/act_cache.h>
 #include <tarnwick/handler.h>
 #include <tarnwick/message_block.h>
 
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -10,7 +13,9 @@
 #include <vector>
 
 #include "block_limit.h"
+#include "child.h"
 #include "log_capture.h"
+#include "scratch_cache.h"
 
 using Tarnwick::Data_Block;
 using Tarnwick::Message_Block;
@@ -212,4 +217,258 @@ TEST(MessageBlock, GuardReleasesAndNullsTheVariable) {
     ACE_Message_Block* nothing = nullptr;
     { Message_Block_Guard guard(nothing); }
     EXPECT_EQ(nothing, nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Payloads past the limit: the spill file in the event cache.
+
+namespace {
+
+std::string fileContent(const char* path) {
+    std::string content;
+    FILE* file = std::fopen(path, "rb");
+    if (file == nullptr)
+        return content;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0)
+        content.append(buffer, n);
+    std::fclose(file);
+    return content;
+}
+
+bool exists(const std::string& path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
+
+std::string pattern(size_t size, char seed) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>(seed + i % 251);
+    return text;
+}
+
+// A block with the token `act` in its header.
+Message_Block* blockWithToken(uint32_t act) {
+    Message_Block* block = new Message_Block();
+    block->getHeader()->setACT(act);
+    block->wr_ptr(32);
+    return block;
+}
+
+}  // namespace
+
+TEST(MessageBlockSpill, PayloadPastTheLimitGoesToDiskWithNoContinuation) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(101);
+    std::string const data = pattern(16385, 'a');
+    EXPECT_EQ(block->write(data.data(), data.size()), 16385);
+    EXPECT_TRUE(block->isStoredOnDisk());
+    EXPECT_EQ(block->cont(), nullptr);
+    ASSERT_NE(block->getFileName(), nullptr);
+    EXPECT_EQ(std::string(block->getFileName()), cache.directory() + "/event-101.dat");
+    EXPECT_EQ(fileContent(block->getFileName()), data);
+    EXPECT_EQ(block->getLength(), 16385u);
+    block->release();
+}
+
+TEST(MessageBlockSpill, SecondWriteMovesTheFirstIntoTheFileInOrder) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(102);
+    std::string const first = pattern(10000, 'x');
+    std::string const second = pattern(10000, 'k');
+    EXPECT_EQ(block->write(first.data(), first.size()), 10000);
+    EXPECT_FALSE(block->isStoredOnDisk());
+    ASSERT_NE(block->cont(), nullptr);
+    EXPECT_EQ(block->write(second.data(), second.size()), 10000);
+    EXPECT_TRUE(block->isStoredOnDisk());
+    EXPECT_EQ(block->cont(), nullptr);
+    EXPECT_EQ(fileContent(block->getFileName()), first + second);
+    EXPECT_EQ(block->getLength(), 20000u);
+    // Once on disk, small writes append to the file too.
+    EXPECT_EQ(block->write("z", 1), 1);
+    EXPECT_EQ(block->getLength(), 20001u);
+    block->release();
+}
+
+TEST(MessageBlockSpill, WriteWithoutATokenFails) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(0);
+    std::string const data = pattern(16385, 'a');
+    EXPECT_EQ(block->write(data.data(), data.size()), -1);
+    EXPECT_FALSE(block->isStoredOnDisk());
+    block->release();
+}
+
+TEST(MessageBlockSpill, TwoMessagesWithOneTokenShareOneFile) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* a = blockWithToken(103);
+    Message_Block* b = blockWithToken(103);
+    std::string const one = pattern(16385, '1');
+    std::string const two = pattern(16400, '2');
+    ASSERT_EQ(a->write(one.data(), one.size()), 16385);
+    ASSERT_EQ(b->write(two.data(), two.size()), 16400);
+    EXPECT_STREQ(a->getFileName(), b->getFileName());
+    EXPECT_EQ(fileContent(a->getFileName()), one + two);
+    a->release();
+    b->release();
+}
+
+TEST(MessageBlockSpill, ReadGivesFullChunksWithWouldBlockThenZero) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(104);
+    std::string const data = pattern(40000, 'r');
+    ASSERT_EQ(block->write(data.data(), data.size()), 40000);
+    EXPECT_EQ(block->getActualLength(), 40000u);
+
+    std::string got;
+    std::vector<int64_t> counts;
+    for (;;) {
+        ACE_Message_Block* piece = nullptr;
+        errno = 0;
+        int64_t const n = block->read(piece);
+        counts.push_back(n);
+        if (n <= 0) {
+            EXPECT_EQ(piece, nullptr);
+            break;
+        }
+        EXPECT_EQ(errno, EWOULDBLOCK);
+        ASSERT_NE(piece, nullptr);
+        EXPECT_EQ(piece->size(), 16384u);
+        got.append(piece->rd_ptr(), piece->length());
+        piece->release();
+        if (counts.size() == 3) {
+            EXPECT_EQ(block->getActualLength(), 0u);
+        }
+    }
+    EXPECT_EQ(counts, (std::vector<int64_t>{16384, 16384, 7232, 0}));
+    EXPECT_EQ(got, data);
+    // The handle is closed at the end; a new pass starts from the beginning.
+    EXPECT_EQ(block->getActualLength(), 40000u);
+    block->release();
+}
+
+TEST(MessageBlockSpill, ActualLengthOfAFileThatHasGoneIsTheFailedLength) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(105);
+    std::string const data = pattern(16385, 'g');
+    ASSERT_EQ(block->write(data.data(), data.size()), 16385);
+    ASSERT_EQ(::unlink(block->getFileName()), 0);
+    EXPECT_EQ(block->getLength(), 0xFFFFFFFFu);
+    EXPECT_EQ(block->getActualLength(), 0xFFFFFFFFu);
+    LogCapture capture;
+    ACE_Message_Block* piece = nullptr;
+    errno = 0;
+    EXPECT_EQ(block->read(piece), -1);
+    EXPECT_EQ(capture.lines(),
+              std::vector<std::string>{"%D ERROR (%t): Can not read message data from disk.: No "
+                                       "such file or directory"});
+    block->release();
+}
+
+TEST(MessageBlockSpill, NameCountsAsOnDiskBeforeAnyByte) {
+    Message_Block* block = blockWithToken(106);
+    EXPECT_FALSE(block->isStoredOnDisk());
+    EXPECT_EQ(block->getFileName(), nullptr);
+    EXPECT_EQ(block->setFileName("/nonexistent/event-106.dat"), 0);
+    EXPECT_TRUE(block->isStoredOnDisk());
+    EXPECT_STREQ(block->getFileName(), "/nonexistent/event-106.dat");
+    block->release();
+}
+
+TEST(MessageBlockSpill, LastReleaseDeletesTheFileAndADuplicateKeepsIt) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(107);
+    std::string const data = pattern(20000, 'd');
+    ASSERT_EQ(block->write(data.data(), data.size()), 20000);
+    std::string const name = block->getFileName();
+    ACE_Message_Block* copy = block->duplicate();
+    block->release();
+    EXPECT_TRUE(exists(name));
+    copy->release();
+    EXPECT_FALSE(exists(name));
+}
+
+TEST(MessageBlockSpill, ResetDeletesTheFile) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(108);
+    std::string const data = pattern(20000, 'e');
+    ASSERT_EQ(block->write(data.data(), data.size()), 20000);
+    std::string const name = block->getFileName();
+    EXPECT_EQ(block->reset(), 0);
+    EXPECT_FALSE(exists(name));
+    EXPECT_FALSE(block->isStoredOnDisk());
+    EXPECT_EQ(block->getLength(), 0u);
+    block->release();
+}
+
+TEST(MessageBlockSpill, LargestTokenGivesTenDigits) {
+    TarnwickTest::ScratchCache cache;
+    std::string file;
+    ASSERT_EQ(Tarnwick::ACT_Cache::instance()->path(4294967295u, file), 0);
+    EXPECT_EQ(file, cache.directory() + "/event-4294967295.dat");
+}
+
+TEST(MessageBlockSpill, TokenZeroHasNoFile) {
+    std::string file = "unchanged";
+    EXPECT_EQ(Tarnwick::ACT_Cache::instance()->path(0, file), -1);
+    EXPECT_EQ(file, "unchanged");
+}
+
+TEST(MessageBlockSpill, PlainDataBlockHasNoFile) {
+    LogCapture capture;
+    BlockRef b;
+    b->data_block(new (ACE_Allocator::instance()->malloc(sizeof(ACE_Data_Block))) ACE_Data_Block(
+        64, ACE_Message_Block::MB_DATA, nullptr, nullptr, nullptr, 0, ACE_Allocator::instance()));
+    EXPECT_EQ(b->getFileName(), nullptr);
+    EXPECT_EQ(b->setFileName("x"), -1);
+    EXPECT_FALSE(b->isStoredOnDisk());
+    std::vector<std::string> lines = capture.lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0].find("%D ERROR (%t): Tarnwick::Message_Block::getFileName : Program error"),
+              0u);
+    EXPECT_EQ(lines[1].find("%D ERROR (%t): Tarnwick::Message_Block::setFileName : Program error"),
+              0u);
+    EXPECT_EQ(
+        lines[2].find("%D ERROR (%t): Tarnwick::Message_Block::isStoredOnDisk : Program error"),
+        0u);
+}
+
+TEST(MessageBlockSpill, UnwritableTemporaryDirectoryPutsFilesInTheWorkingDirectory) {
+    char work[] = "/tmp/tarnwick-cwd-XXXXXX";
+    ASSERT_NE(mkdtemp(work), nullptr);
+    auto result = TarnwickTest::runInChild([&work] {
+        if (::chdir(work) != 0)
+            return 10;
+        ::setenv("TMPDIR", "/proc/tarnwick-none", 1);
+        LogCapture capture;
+        Tarnwick::ACT_Cache cache;
+        if (cache.prepare() != 0)
+            return 11;
+        if (!cache.directory().empty())
+            return 12;
+        if (capture.lines() !=
+            std::vector<std::string>{"%D ERROR (%t): Can not create path component "
+                                     "/proc/tarnwick-none: No such file or directory",
+                                     "%D ERROR (%t): Can not make directory "
+                                     "/proc/tarnwick-none/event-cache/unknown: No such file or "
+                                     "directory"}) {
+            std::fprintf(stderr, "%s", capture.text().c_str());
+            return 13;
+        }
+        std::string file;
+        if (cache.path(77, file) != 0 || file != "event-77.dat")
+            return 14;
+        return 0;
+    });
+    EXPECT_EQ(result.exitCode(), 0) << result.errors;
+    ::rmdir(work);
 }

@@ -9,12 +9,14 @@
 #include <ace/Thread_Mutex.h>
 
 #include <cstdint>
+#include <string>
 
 namespace Tarnwick {
 
 // The data part beneath a Message_Block: a reference-counted 32-byte buffer
-// that holds the Message_Header. The flag bit DATA_BLOCK_FLAG marks a data
-// block as one of this class.
+// that holds the Message_Header, and the spill file of a payload that has
+// outgrown memory. The file goes with the last reference. The flag bit
+// DATA_BLOCK_FLAG marks a data block as one of this class.
 class Data_Block : public ACE_Data_Block {
 public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
@@ -25,13 +27,36 @@ public:
     static Data_Block* create();
 
     Data_Block();
+    // Closes the reading handle and deletes the spill file.
     ~Data_Block() override;
+
+    // Closes a valid old handle and keeps `handle`.
+    void set_handle(ACE_HANDLE handle);
+    // The reading handle of the spill file, opened on first use; invalid
+    // without a file or when it can't be opened.
+    ACE_HANDLE& get_handle();
+    // The spill file's path, or null when the payload is not on disk.
+    const char* getFileName() const;
+    void setFileName(const char* name);
+    // True as soon as a spill file name is set.
+    bool isStoredOnDisk() const { return !m_fileName.empty(); }
+
+protected:
+    friend class Message_Block;
+    // Closes the handle and deletes the spill file. 0.
+    int reset();
+
+private:
+    ACE_HANDLE m_handle;
+    std::string m_fileName;
 };
 
 // One message. The data block's buffer holds the 32-byte header, over which
 // the block's read and write positions run; the payload lives in the
 // continuation, a plain ACE_Message_Block, until it grows past
-// Handler::Data_Block_Size.
+// Handler::Data_Block_Size, and from then on in a spill file of the event
+// cache (ACT_Cache), named after the header's token. Memory per message stays
+// bounded by that limit whatever the size of the payload.
 //
 // Blocks are shared with duplicate() and ended with release(); every
 // duplicate of a Message_Block is a Message_Block. The reference counts of all
@@ -53,21 +78,31 @@ public:
     // The header at the data block's base, whatever the read position.
     Message_Header* getHeader() const;
 
-    // Total length of the payload.
+    // Total length of the payload; 0xFFFFFFFF when a spill file can't be read.
     uint32_t getLength();
     // The header's size field; 0 when the header is missing or not readable.
     uint32_t getSize();
     // The part of the payload that remains to be read.
     uint32_t getActualLength();
-    // Appends `length` bytes to the payload. Returns `length`, 0 for length
-    // 0, or -1 (null data, allocation failure with errno ENOMEM, or a payload
-    // that can't be kept).
+    // Appends `length` bytes to the payload, moving it to a spill file once
+    // it outgrows the limit. Returns `length`, 0 for length 0, or -1 (null
+    // data; errno ENOMEM; no token or cache for the file; a file error,
+    // logged).
     int64_t write(const char* data, uint64_t length);
-    // The next piece of the payload: `out` receives a block the caller
-    // releases. Returns its byte count, or 0 when nothing is left to read.
+    // The next piece of the payload into `out` (a new block of
+    // Data_Block_Size bytes when null), which the caller releases. Returns its
+    // byte count; from a spill file with errno EWOULDBLOCK, as more may come.
+    // 0 when nothing is left; -1 on a read error (logged when the file can't
+    // be opened).
     int64_t read(ACE_Message_Block*& out);
-    // Drops the payload; the header stays. Returns 0.
+    // Drops the payload and deletes a spill file; the header stays. 0.
     int reset();
+
+    // The spill file, or null; see Data_Block.
+    const char* getFileName();
+    // -1 without a Data_Block, else 0.
+    int setFileName(const char* name);
+    bool isStoredOnDisk();
 
     // The lock that guards the reference counts of all message blocks.
     // Null (errno ENOMEM) only if it could not be created.
@@ -76,10 +111,13 @@ public:
 private:
     explicit Message_Block(ACE_Data_Block* shared);
 
-    // Logs a program error when the data block is not a Data_Block.
-    void checkDataBlock(const char* operation) const;
-    // Where payloads above the in-memory limit go.
+    // The data block as a Data_Block, or null when it is not one.
+    Data_Block* dataBlock() const;
+    // The same, logging a program error for `operation` when it is not one.
+    Data_Block* checkDataBlock(const char* operation) const;
+    // Appends to the spill file, moving the in-memory payload there first.
     int64_t writeToDisk(const char* data, uint64_t length);
+    int64_t readFromDisk(Data_Block* block, ACE_Message_Block*& out);
 
     static ACE_Lock_Adapter<ACE_Thread_Mutex>* m_locking_strategy;
 };

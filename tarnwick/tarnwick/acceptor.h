@@ -1,0 +1,53 @@
+// The passive endpoint of an engine: accepts peers and makes their handlers.
+#pragma once
+
+#include <tarnwick/handler_t.h>
+
+#include <ace/Event_Handler.h>
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Acceptor.h>
+#include <ace/SSL/SSL_SOCK_Acceptor.h>
+
+namespace Tarnwick {
+
+class Engine;
+
+// A listening socket in the engine's reactor.
+class Acceptor_Base : public ACE_Event_Handler {
+public:
+    explicit Acceptor_Base(Engine* engine) : m_engine(engine) {}
+    ~Acceptor_Base() override {}
+
+    // Listens at `address` (address reuse, backlog 5). 0 or -1.
+    virtual int open(const ACE_INET_Addr& address) = 0;
+
+protected:
+    Engine* m_engine;
+};
+
+// Accepts with `Acceptor` into new handlers of type `ConnectionHandler`, one
+// per reactor event, with a limit of 5 seconds that covers an SSL
+// handshake. A failed accept is logged and the listener goes on. The
+// acceptor deletes itself when the reactor closes it.
+template <typename Acceptor, typename ConnectionHandler>
+class Acceptor_T : public Acceptor_Base {
+public:
+    explicit Acceptor_T(Engine* engine);
+
+    int open(const ACE_INET_Addr& address) override;
+    ACE_HANDLE get_handle() const override;
+    int handle_input(ACE_HANDLE handle = ACE_INVALID_HANDLE) override;
+    int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
+
+protected:
+    ~Acceptor_T() override;
+
+private:
+    Acceptor m_acceptor;
+    ACE_HANDLE m_handle;
+};
+
+typedef Acceptor_T<ACE_SOCK_Acceptor, PlainHandler> PlainAcceptor;
+typedef Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler> SSLAcceptor;
+
+}  // namespace Tarnwick

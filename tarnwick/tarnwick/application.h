@@ -1,0 +1,152 @@
+// The frame of every client program: Application, its Tasks, and the Service
+// abstraction of a host service.
+#pragma once
+
+#include <ace/Event_Handler.h>
+#include <ace/Sig_Handler.h>
+#include <ace/Task.h>
+
+#include <cstddef>
+#include <string>
+
+namespace Tarnwick {
+
+class Application;
+
+// A unit of long-running work, driven by the Application through its life:
+// open, run, any number of reload and reload_ready, suspend, and close.
+// Work usually runs on threads that run() starts; svc() is the thread body.
+class Task : public ACE_Task<ACE_MT_SYNCH> {
+public:
+    Task();
+    ~Task() override;
+
+    // The task's name; "no" + name is the setting that switches it off.
+    virtual const wchar_t* name() = 0;
+    // Prepares the task; -1 stops the start-up. 0 here.
+    virtual int open();
+    // Ends the task; the result is ignored. 0 here.
+    virtual int close();
+    // Takes new configuration; -1 stops the reload. 0 here.
+    virtual int reload();
+    // Starts the work; -1 stops the start-up. 0 here.
+    virtual int run();
+    // Told after every task has reloaded; the result is ignored. 0 here.
+    virtual int reload_ready();
+    int suspend() override;
+
+    // Deletes the task.
+    void destroy();
+    // False when the setting "no" + name() has the value 0.
+    bool enabled();
+};
+
+// One registered task, with whether the application owns (deletes) it.
+class TaskSlot {
+public:
+    TaskSlot();
+    TaskSlot(const TaskSlot& other);
+    TaskSlot& operator=(const TaskSlot& other);
+    ~TaskSlot();
+
+    Task* task;
+    int owned;
+};
+
+// The host service that a daemon runs as.
+class Service {
+public:
+    Service();
+    virtual ~Service();
+    // Remembers the application. 0.
+    virtual int open(Application* application);
+    virtual int run() = 0;
+    const wchar_t* description();
+    const wchar_t* long_description();
+
+protected:
+    Application* m_application;
+};
+
+// The base of every client program. A subclass declares its settings in its
+// constructor, implements name(), description(), long_description() and
+// main(), and its entry point returns run(argc, argv).
+//
+// run() parses the command line (--help and --version end the process with
+// status 0), reads the configuration, sets the log mask ("quiet", "debug")
+// and the log file ("logfile", or <log>/<name()>.log), installs handlers for
+// SIGINT and SIGTERM (close), SIGSEGV (log and abort) and SIGHUP (reload
+// request), and runs main(). Its exit status is 1 when opening fails or
+// main() returns -1, otherwise main()'s result.
+class Application : public ACE_Event_Handler {
+public:
+    Application();
+    ~Application() override;
+
+    // The first command-line argument, or null.
+    virtual const wchar_t* binaryname();
+    // Short name: the default product of the settings, the log file's name.
+    virtual const wchar_t* name() = 0;
+    // One-line title, shown in the version line.
+    virtual const wchar_t* description() = 0;
+    virtual const wchar_t* long_description() = 0;
+    // "6.6.3.0".
+    virtual const wchar_t* version();
+    // The work of the program; the result is the exit status.
+    virtual int main() = 0;
+    // Runs the program; returns the exit status.
+    virtual int run(int argc, wchar_t** const argv);
+    // The same for UTF-8 arguments, as main(int, char**) receives them.
+    int run(int argc, char** argv);
+    // Marks the program stopped and closes the tasks in reverse order. 0.
+    virtual int close();
+    // Hook run at the end of opening; 0 here.
+    virtual int open();
+    // Reloads every enabled task, then tells each that all are reloaded.
+    // 0, or -1 (logged) when a task fails.
+    virtual int reload();
+    virtual int suspend();
+    // Hook run after opening; -1 ends run(). 0 here.
+    virtual int validate();
+    // Registers a task; with `owned` the application deletes it. 0, or -1
+    // with errno ENOMEM.
+    virtual int register_task(Task* task, int owned);
+
+    int handle_signal(int signum, siginfo_t* info = nullptr,
+                      ucontext_t* context = nullptr) override;
+
+    void stop();
+    int isStopped();
+    void reload_pending(bool pending);
+    bool reload_pending();
+    // The log file chosen from "logfile" or "log". 0, or -1 when there is
+    // none.
+    int getLogFile(std::string& out);
+
+protected:
+    // Parses and reads the configuration, sets up the log; then open().
+    virtual int open(int argc, wchar_t** const argv);
+
+    int open_all_tasks();
+    int start_all_tasks();
+    int close_all_tasks();
+    int reload_all_tasks();
+    int notify_reload_ready_all_tasks();
+    int suspend_all_tasks();
+    // The first task of exactly that name, enabled or not; null if none.
+    Task* findTask(const wchar_t* name);
+
+private:
+    Application(const Application&);
+    Application& operator=(const Application&);
+
+    wchar_t* m_binaryname;
+    int m_stopped;
+    bool m_reloadPending;
+    TaskSlot* m_tasks;
+    size_t m_count;
+    size_t m_capacity;
+    ACE_Sig_Handler m_signalHandler;
+};
+
+}  // namespace Tarnwick

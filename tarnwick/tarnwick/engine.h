@@ -1,0 +1,142 @@
+// The message engine: reactor, worker threads, event handler and router.
+#pragma once
+
+#include <ace/INET_Addr.h>
+#include <ace/Lock_Adapter_T.h>
+#include <ace/Reactor.h>
+#include <ace/Signal.h>
+#include <ace/Synch_Options.h>
+#include <ace/Task.h>
+#include <ace/Thread_Mutex.h>
+
+#include <cstdint>
+
+namespace Tarnwick {
+
+class Abstract_Event;
+class Acceptor_Base;
+class EventHandler;
+class Handler;
+class IdentityEvent;
+class Router_Base;
+
+// The flag word of Engine::makeConnection and makeActiveConnection.
+enum ConnectionFlag {
+    CONNECTION_PASSIVE = 2,  // listen at the address; clear: connect to it
+    CONNECTION_SSL = 4       // SSL stream; clear: plain TCP
+};
+
+// The process-wide heart of the message system. It owns the reactor, on
+// whose thread all socket work happens, and the worker threads that turn
+// received messages into events and dispatch them. An event for this
+// process goes to the EventHandler; one for another peer goes on through the
+// Router_Base; results and failures go back along the path they came by.
+//
+// Order of use: getSingleton(); optionally enableServerMode() and
+// disableIdentification(); event_handler() and router(); the process's
+// Identity type and name; open(); makeConnection(); then run() or repeated
+// run_step() on the thread that owns the reactor; last shutdown().
+class Engine : public ACE_Task<ACE_MT_SYNCH> {
+public:
+    Engine();
+    ~Engine() override;
+
+    static Engine* getSingleton();
+
+    // Sets up SSL (with `ssl`), the reactor (room for 1010 handles), the
+    // chunk size 16384, the worker queue, the payload cache, and starts
+    // `threads` worker threads (0: dispatch on the reactor thread). 0 or -1.
+    int open(int threads, bool ssl);
+    // Runs the reactor loop on the calling thread until it ends. 0 or -1.
+    int run();
+    // One pass of the reactor, waiting at most 2 microseconds.
+    int run_step();
+    // Stops the workers, closes every connection and the reactor, and
+    // destroys an owned event handler and router. 0.
+    int shutdown();
+    // Does nothing; 0. (The task's close(u_long) is another operation.)
+    int close();
+    // The worker thread body.
+    int svc() override;
+
+    ACE_Reactor* getReactor() { return m_reactor; }
+    EventHandler* event_handler() { return m_event_handler; }
+    // Replaces the event handler (destroying an owned one). 0 or -1.
+    int event_handler(EventHandler* handler, bool own);
+    Router_Base* router() { return m_router; }
+    // Replaces the router (deleting an owned one). 0.
+    int router(Router_Base* router, bool own);
+
+    // Called by a connection that has just opened: enters it in the router
+    // and sends it the identification request. 0 or -1.
+    int register_handler(Handler* handler);
+    // Tells the event handler and the router that a connection goes. 0 or -1.
+    int remove_handler(Handler* handler);
+
+    ACE_Lock_Adapter<ACE_Thread_Mutex>* locking_strategy() { return m_locking_strategy; }
+    // Names Identity::instance().
+    void setApplicationName(const char* name);
+    // Sets Handler::Data_Block_Size to a size from 512 to 1048576 bytes;
+    // other sizes are refused (logged). Call it after open().
+    void setBufferSize(uint64_t size);
+    bool monitoringEnabled() const { return m_monitoring; }
+    // Starts the activity timestamps of all present and future connections.
+    void enableMonitoring();
+    void disableIdentification() { m_identify = false; }
+    bool identifyIsRequired() { return m_identify; }
+    bool isServer() const { return m_server; }
+    void enableServerMode() { m_server = true; }
+    bool isClosed() const { return m_closed; }
+
+    // Sends an event through the router; its result.
+    int forward(Abstract_Event* event);
+    // Takes a received message into the engine: dispatched on the calling
+    // thread without workers, else queued for them. The caller keeps
+    // `block`. 0.
+    int forward(ACE_Message_Block* block);
+    // Turns a received message into an event and handles it: locally, or
+    // by forwarding, with replies and error replies. Owns `block`. 0 or -1.
+    int process_incoming(ACE_Message_Block* block);
+
+    // Closes every connection. 0, or -1 when there is none.
+    int disconnect();
+    // Sends one HeartBeatEvent to every connection. 0.
+    int sendGlobalHeartBeat();
+    // Closes the connections idle for more than `seconds`: agents by their
+    // last received byte when `use_receive_time`, others by any byte. 0.
+    int cleanupHandles(int seconds, bool use_receive_time);
+    // Gives the connections that sent `event` the identity it carries. 0 or
+    // -1 when no connection holds its token.
+    int activate_handler(IdentityEvent* event);
+
+    // Listens at `address` (CONNECTION_PASSIVE; one listener per engine) or
+    // connects to it. `options` is accepted and not used: a connect blocks.
+    int makeConnection(const ACE_INET_Addr& address, unsigned long flags,
+                       ACE_Synch_Options& options);
+    // Connects to `address`. With `handler` null the connection joins the
+    // engine; otherwise `*handler` receives a connection outside the engine
+    // and its one reference. 0 or -1.
+    static int makeActiveConnection(const ACE_INET_Addr& address, unsigned long flags,
+                                    ACE_Synch_Options& options, Handler** handler);
+
+private:
+    Engine(const Engine&);
+    Engine& operator=(const Engine&);
+
+    EventHandler* m_event_handler;
+    ACE_Thread_Mutex m_lock;
+    bool m_owns_event_handler;
+    Router_Base* m_router;
+    bool m_owns_router;
+    ACE_Lock_Adapter<ACE_Thread_Mutex>* m_locking_strategy;
+    int m_threads;
+    bool m_identify;
+    ACE_Sig_Action m_sigpipe_action;
+    bool m_monitoring;
+    Acceptor_Base* m_acceptor;
+    bool m_closed;
+    ACE_Reactor* m_reactor;
+    bool m_server;
+};
+
+}  // namespace Tarnwick

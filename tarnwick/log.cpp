@@ -40,13 +40,14 @@ locale_t utf8Locale() {
     return locale;
 }
 
-void emit(const char* file, int line, int error, const char* format, va_list args) {
+void emit(const char* file, int line, int error, ACE_Log_Priority priority, const char* format,
+          va_list args) {
     ACE_Log_Msg* log = ACE_Log_Msg::instance();
     log->conditional_set(file, line, 0, error);
     locale_t const utf8 = utf8Locale();
     locale_t const previous = utf8 != static_cast<locale_t>(0) ? uselocale(utf8) : nullptr;
     errno = error;
-    log->log(format, priorityOf(format), args);
+    log->log(format, priority, args);
     if (previous != nullptr)
         uselocale(previous);
     errno = error;
@@ -58,7 +59,7 @@ void logMessage(const char* file, int line, const char* format, ...) {
     int const error = errno;
     va_list args;
     va_start(args, format);
-    emit(file, line, error, format, args);
+    emit(file, line, error, priorityOf(format), format, args);
     va_end(args);
 }
 
@@ -68,7 +69,15 @@ void logLastError(const char* file, int line, const char* text, ...) {
     format += error != 0 ? ": %m\n" : "\n";
     va_list args;
     va_start(args, text);
-    emit(file, line, error, format.c_str(), args);
+    emit(file, line, error, priorityOf(text), format.c_str(), args);
+    va_end(args);
+}
+
+void logAtPriority(const char* file, int line, int priority, const char* format, ...) {
+    int const error = errno;
+    va_list args;
+    va_start(args, format);
+    emit(file, line, error, static_cast<ACE_Log_Priority>(priority), format, args);
     va_end(args);
 }
 

@@ -57,7 +57,40 @@ Data_Block::Data_Block()
     set_flags(DATA_BLOCK_FLAG);
 }
 
-Data_Block::~Data_Block() = default;
+Data_Block::~Data_Block() {
+    reset();
+}
+
+void Data_Block::set_handle(ACE_HANDLE handle) {
+    if (m_handle != ACE_INVALID_HANDLE)
+        closeKeepingErrno(m_handle);
+    m_handle = handle;
+}
+
+ACE_HANDLE& Data_Block::get_handle() {
+    if (m_handle == ACE_INVALID_HANDLE && !m_fileName.empty())
+        m_handle = ::open(m_fileName.c_str(), O_RDONLY | O_CLOEXEC);
+    return m_handle;
+}
+
+const char* Data_Block::getFileName() const {
+    return m_fileName.empty() ? nullptr : m_fileName.c_str();
+}
+
+void Data_Block::setFileName(const char* name) {
+    m_fileName = name != nullptr ? name : "";
+}
+
+int Data_Block::reset() {
+    set_handle(ACE_INVALID_HANDLE);
+    if (!m_fileName.empty()) {
+        int const error = errno;
+        ::unlink(m_fileName.c_str());
+        errno = error;
+        m_fileName.clear();
+    }
+    return 0;
+}
 
 Data_Block* Data_Block::create() {
     ACE_Allocator* allocator = ACE_Allocator::instance();

@@ -24,3 +24,6 @@ set_tests_properties(install_and_consume PROPERTIES TIMEOUT 900 RUN_SERIAL TRUE)
 
 unset(_tw_compile_options)
 unset(_tw_link_options)
+
+# Programs run by the application tests as child processes.
+add_subdirectory(programs)

@@ -572,3 +572,317 @@ TEST(PathRunPathTest, EmptyDirectoryStaysEmpty) {
 }
 
 }  // namespace
+
+// ===========================================================================
+// Application paths: the directory of temporary files (Path::TempPath) and
+// the checks of the directories that the configuration names (check_path,
+// validate_all_application_paths, createPathsFromConfig). Each test runs in
+// a child process, since it fills the process-wide configuration store.
+
+#include <tarnwick/configuration.h>
+#include <tarnwick/tarnwick.h>
+
+#include <ace/ACE.h>
+
+#include <child.h>
+
+namespace {
+
+using TarnwickTest::ChildResult;
+using TarnwickTest::LogCapture;
+using TarnwickTest::runInChild;
+
+// Declares the path settings ("log", "var", "pid", "rtdir", "temp").
+void declarePathSettings() {
+    Tarnwick::getConfigSingleton()->import(Tarnwick::PATH_SETTINGS);
+}
+
+// Declares the path settings and opens the configuration on `args` with no
+// application, so that it is validated (isOk) without reading a file. The
+// other required paths ("var", "pid", "rtdir") are given as `dir`.
+int openConfiguration(const std::string& dir, const std::vector<std::string>& args) {
+    declarePathSettings();
+    std::vector<std::wstring> wide_args{L"prog", wide("--var=" + dir), wide("--pid=" + dir),
+                                        wide("--rtdir=" + dir)};
+    for (const std::string& arg : args)
+        wide_args.push_back(wide(arg));
+    std::vector<wchar_t*> argv;
+    for (std::wstring& arg : wide_args)
+        argv.push_back(&arg[0]);
+    argv.push_back(nullptr);
+    return Tarnwick::getConfigSingleton()->open(nullptr, static_cast<int>(wide_args.size()),
+                                                argv.data());
+}
+
+void setValue(const wchar_t* key, const std::string& value) {
+    Tarnwick::getConfigSingleton()->setKeyVal(key, wide(value).c_str());
+}
+
+// 0 when all four forms of TempPath give `expected`; else the number of the
+// first form that didn't.
+int tempPathIs(const std::string& expected) {
+    wchar_t* const made = Path::TempPath();
+    bool const first = made != nullptr && wide(expected) == made;
+    ACE::strdelete(made);
+    if (!first)
+        return 1;
+    ACE_WString wide_path;
+    if (Path::TempPath(wide_path) != 0 || wide(expected) != wide_path.c_str())
+        return 2;
+    ACE_String_Base<char> ace_path;
+    if (Path::TempPath(ace_path) != 0 || expected != ace_path.c_str())
+        return 3;
+    std::string narrow;
+    if (Path::TempPath(narrow) != 0 || expected != narrow)
+        return 4;
+    return 0;
+}
+
+using ApplicationPathTest = PathTest;
+
+// ---------------------------------------------------------------------------
+// TempPath
+
+TEST_F(ApplicationPathTest, TempPathIsTheSystemDirectoryWithoutConfiguration) {
+    ChildResult const result = runInChild([&]() {
+        ::setenv("TMPDIR", dir_.c_str(), 1);
+        return tempPathIs(dir_ + "/");
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("", result.errors);
+}
+
+TEST_F(ApplicationPathTest, TempPathDefaultsToTmp) {
+    ChildResult const result = runInChild([&]() {
+        ::unsetenv("TMPDIR");
+        return tempPathIs("/tmp/");
+    });
+    EXPECT_EQ(0, result.exitCode());
+}
+
+TEST_F(ApplicationPathTest, TempPathTakesTheConfiguredDirectory) {
+    std::filesystem::create_directories(at("temp"));
+    ChildResult const result = runInChild([&]() {
+        ::setenv("TMPDIR", "/tmp", 1);
+        if (openConfiguration(dir_, {"--temp=" + at("temp")}) != 0)
+            return 10;
+        return tempPathIs(at("temp"));
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("", result.errors);
+}
+
+TEST_F(ApplicationPathTest, TempPathFallsBackWhenTempIsNoDirectory) {
+    writeFile(at("file"), "");
+    ChildResult const result = runInChild([&]() {
+        ::setenv("TMPDIR", dir_.c_str(), 1);
+        if (openConfiguration(dir_, {"--temp=" + at("file")}) != 0)
+            return 10;
+        if (tempPathIs(dir_ + "/") != 0)
+            return 11;
+        setValue(L"temp", at("missing"));
+        return tempPathIs(dir_ + "/");
+    });
+    EXPECT_EQ(0, result.exitCode());
+}
+
+TEST_F(ApplicationPathTest, TempPathIgnoresTempUntilTheConfigurationIsValidated) {
+    std::filesystem::create_directories(at("temp"));
+    ChildResult const result = runInChild([&]() {
+        ::setenv("TMPDIR", dir_.c_str(), 1);
+        declarePathSettings();
+        setValue(L"temp", at("temp"));
+        return tempPathIs(dir_ + "/");
+    });
+    EXPECT_EQ(0, result.exitCode());
+}
+
+TEST_F(ApplicationPathTest, TempPathFailsWhenTheSystemDirectoryDoesNotFit) {
+    ChildResult const result = runInChild([&]() {
+        std::string const too_long = "/" + std::string(PATH_MAX, 'x');
+        ::setenv("TMPDIR", too_long.c_str(), 1);
+        if (Path::TempPath() != nullptr)
+            return 1;
+        ACE_WString wide_path = ace(L"kept");
+        if (Path::TempPath(wide_path) != -1 || std::wstring(L"kept") != wide_path.c_str())
+            return 2;
+        ACE_String_Base<char> ace_path("kept");
+        if (Path::TempPath(ace_path) != -1 || std::string("kept") != ace_path.c_str())
+            return 3;
+        std::string narrow = "kept";
+        if (Path::TempPath(narrow) != -1 || narrow != "kept")
+            return 4;
+        return 0;
+    });
+    EXPECT_EQ(0, result.exitCode());
+}
+
+// ---------------------------------------------------------------------------
+// check_path
+
+TEST_F(ApplicationPathTest, CheckPathOfAnUnsetSetting) {
+    ChildResult const result = runInChild([]() {
+        declarePathSettings();
+        return Tarnwick::check_path(L"var") == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D ERROR (%t): Configuration setting 'var' not set. Please check your configuration\n",
+        LogCapture::normalise(result.errors));
+}
+
+TEST_F(ApplicationPathTest, CheckPathOfAnUndeclaredSetting) {
+    ChildResult const result =
+        runInChild([]() { return Tarnwick::check_path(L"nowhere") == -1 ? 0 : 1; });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D ERROR (%t): Configuration setting 'nowhere' not set. Please check your "
+        "configuration\n",
+        LogCapture::normalise(result.errors));
+}
+
+TEST_F(ApplicationPathTest, CheckPathOfAValueThatIsNoDirectory) {
+    writeFile(at("file"), "");
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        setValue(L"var", at("file"));
+        if (Tarnwick::check_path(L"var") != -1)
+            return 1;
+        setValue(L"var", at("missing"));
+        return Tarnwick::check_path(L"var") == -1 ? 0 : 2;
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("%D ERROR (%t): Path '" + at("file") +
+                  "' does not exist or is not a directory.\n"
+                  "%D ERROR (%t): Path '" +
+                  at("missing") + "' does not exist or is not a directory.\n",
+              LogCapture::normalise(result.errors));
+}
+
+TEST_F(ApplicationPathTest, CheckPathOfADirectory) {
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        setValue(L"var", dir_);
+        return Tarnwick::check_path(L"var");
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("", result.errors);
+}
+
+TEST(ApplicationPathCheckTest, CheckPathOfNoKey) {
+    errno = 0;
+    EXPECT_EQ(-1, Tarnwick::check_path(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+}
+
+// ---------------------------------------------------------------------------
+// validate_all_application_paths
+
+TEST_F(ApplicationPathTest, ValidateAllWithUnsetLogReportsOnlyLog) {
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        for (const wchar_t* key : {L"var", L"pid", L"rtdir"})
+            setValue(key, at("missing"));
+        return Tarnwick::validate_all_application_paths() == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D ERROR (%t): Configuration setting 'log' not set. Please check your configuration\n",
+        LogCapture::normalise(result.errors));
+}
+
+TEST_F(ApplicationPathTest, ValidateAllStopsAtTheFirstFailureInOrder) {
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        for (const wchar_t* key : {L"log", L"var", L"pid"})
+            setValue(key, dir_);
+        setValue(L"rtdir", at("no-rtdir"));
+        return Tarnwick::validate_all_application_paths() == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D ERROR (%t): Path '" + at("no-rtdir") + "' does not exist or is not a directory.\n",
+        LogCapture::normalise(result.errors));
+}
+
+TEST_F(ApplicationPathTest, ValidateAllWithEveryDirectory) {
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        for (const wchar_t* key : {L"log", L"var", L"pid", L"rtdir", L"temp"})
+            setValue(key, dir_);
+        return Tarnwick::validate_all_application_paths();
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("", result.errors);
+}
+
+// ---------------------------------------------------------------------------
+// createPathsFromConfig
+
+TEST(ApplicationPathCreateTest, NoListOrAnEmptyListSucceeds) {
+    EXPECT_EQ(0, Tarnwick::createPathsFromConfig(nullptr));
+    const wchar_t* empty[] = {nullptr};
+    EXPECT_EQ(0, Tarnwick::createPathsFromConfig(empty));
+}
+
+TEST_F(ApplicationPathTest, CreatePathsMakesAMissingDirectory) {
+    std::string const wanted = at("var/lib/app");
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        setValue(L"var", wanted);
+        setValue(L"log", dir_);
+        const wchar_t* keys[] = {L"log", L"var", nullptr};
+        return Tarnwick::createPathsFromConfig(keys);
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ("%D ERROR (%t): Path '" + wanted +
+                  "' does not exist or is not a directory.\n"
+                  "%D INFO  (%t): Creating directory " +
+                  wanted + ".\n",
+              LogCapture::normalise(result.errors));
+    EXPECT_TRUE(Path::IsDirectory(wanted));
+    EXPECT_EQ(0700u, permissionsOf(wanted));
+}
+
+TEST_F(ApplicationPathTest, CreatePathsPassesOverASettingWithoutValue) {
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        setValue(L"temp", at("temp"));
+        const wchar_t* keys[] = {L"var", L"temp", nullptr};
+        return Tarnwick::createPathsFromConfig(keys);
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D ERROR (%t): Configuration setting 'var' not set. Please check your configuration\n"
+        "%D ERROR (%t): Path '" +
+            at("temp") +
+            "' does not exist or is not a directory.\n"
+            "%D INFO  (%t): Creating directory " +
+            at("temp") + ".\n",
+        LogCapture::normalise(result.errors));
+    EXPECT_TRUE(Path::IsDirectory(at("temp")));
+}
+
+TEST_F(ApplicationPathTest, CreatePathsFailsWhenTheDirectoryCanNotBeMade) {
+    writeFile(at("file"), "");
+    ChildResult const result = runInChild([&]() {
+        declarePathSettings();
+        setValue(L"pid", at("file/run"));
+        setValue(L"rtdir", at("rtdir"));
+        const wchar_t* keys[] = {L"pid", L"rtdir", nullptr};
+        return Tarnwick::createPathsFromConfig(keys) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.exitCode());
+    std::string const errors = LogCapture::normalise(result.errors);
+    std::string const expected_start = "%D ERROR (%t): Path '" + at("file/run") +
+                                       "' does not exist or is not a directory.\n"
+                                       "%D INFO  (%t): Creating directory " +
+                                       at("file/run") + ".\n";
+    EXPECT_EQ(expected_start, errors.substr(0, expected_start.size()));
+    EXPECT_NE(std::string::npos, errors.find("Can not create path component")) << errors;
+    // The walk ended at the failure.
+    EXPECT_EQ(std::string::npos, errors.find(at("rtdir"))) << errors;
+    EXPECT_FALSE(Path::Exists(wide(at("rtdir")).c_str()));
+}
+
+}  // namespace

@@ -50,4 +50,7 @@ private:
 typedef Acceptor_T<ACE_SOCK_Acceptor, PlainHandler> PlainAcceptor;
 typedef Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler> SSLAcceptor;
 
+extern template class Acceptor_T<ACE_SOCK_Acceptor, PlainHandler>;
+extern template class Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler>;
+
 }  // namespace Tarnwick

@@ -10,6 +10,7 @@
 #include <ace/Thread_Mutex.h>
 
 #include <cstdint>
+#include <vector>
 
 namespace Tarnwick {
 
@@ -137,6 +138,19 @@ private:
     bool m_closed;
     ACE_Reactor* m_reactor;
     bool m_server;
+    // The reactor that the last shutdown closed. Handlers that are still
+    // referenced may point at it, so it lives until the next shutdown or
+    // the engine's end.
+    ACE_Reactor* m_retired_reactor;
+
+    // The threads of the workers that are running.
+    void listWorkers(std::vector<ACE_thread_t>& workers);
+
+    // The wait between two tries to make the reactor, and the clock of
+    // cleanupHandles. Tests replace them through EngineTestHooks.
+    static void (*s_retry_sleep)(const ACE_Time_Value& wait);
+    static ACE_Time_Value (*s_clock)();
+    friend struct EngineTestHooks;
 };
 
 }  // namespace Tarnwick

@@ -119,7 +119,13 @@ void logMessage(const char* file, int line, const char* format, ...);
 // errno is kept.
 void logLastError(const char* file, int line, const char* text, ...);
 
+// Logs one line at `priority` (an ACE_Log_Priority), for the texts that carry
+// no level word of their own, such as the usage text. errno is kept.
+void logAtPriority(const char* file, int line, int priority, const char* format, ...);
+
 }  // namespace Tarnwick
 
+#define TW_LOG_AT(priority, ...) \
+    ::Tarnwick::logAtPriority(__FILE__, __LINE__, priority, __VA_ARGS__)
 #define TW_LOG(...) ::Tarnwick::logMessage(__FILE__, __LINE__, __VA_ARGS__)
 #define TW_LOG_ERRNO(...) ::Tarnwick::logLastError(__FILE__, __LINE__, __VA_ARGS__)

@@ -1,0 +1,137 @@
+// Fuzz target: arbitrary bytes read as a configuration file through the
+// stream constructor, then queried, edited, copied and written back.
+//
+// Checked on every input that reads:
+//   - the written form reads again without an exception, and has every
+//     section of the first reading (a rewrite may add sections, from keys
+//     that begin with '[', but never loses one);
+//   - lookups leave no visible trace: the section list and the written form
+//     are the same before and after them;
+//   - writing to a stream that is not good throws.
+#include <tarnwick/configfile.h>
+#include <tarnwick/exception.h>
+#include <tarnwick/tarnwick.h>
+
+#include <ace/Log_Msg.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+void silence() {
+    ACE_Log_Msg* log = ACE_Log_Msg::instance();
+    log->clr_flags(ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM | ACE_Log_Msg::SYSLOG |
+                   ACE_Log_Msg::LOGGER);
+    log->priority_mask(0, ACE_Log_Msg::PROCESS);
+    log->priority_mask(0, ACE_Log_Msg::THREAD);
+}
+
+void check(bool condition) {
+    if (!condition)
+        std::abort();
+}
+
+std::string write(const Tarnwick::ConfigFile& file) {
+    std::ostringstream out;
+    out << file;
+    return out.str();
+}
+
+std::vector<std::string> names(const Tarnwick::ConfigFile& file) {
+    std::vector<std::string> out;
+    check(file.list_sections(out) == 0);
+    return out;
+}
+
+// Wide form of a stored name; empty when it is no UTF-8 (or holds a NUL).
+std::wstring wide(const std::string& text) {
+    if (text.find('\0') != std::string::npos)
+        return std::wstring();
+    wchar_t* converted = Tarnwick::utf8towcs_malloced(text.c_str());
+    if (converted == nullptr)
+        return std::wstring();
+    std::wstring out(converted);
+    Tarnwick::wcsfree(converted);
+    return out;
+}
+
+void exercise(Tarnwick::ConfigFile& file) {
+    std::vector<std::string> const before = names(file);
+    check(std::is_sorted(before.begin(), before.end()));
+    std::string const written = write(file);
+
+    try {
+        std::istringstream again(written);
+        Tarnwick::ConfigFile reread(again);
+        std::vector<std::string> const after = names(reread);
+        check(std::includes(after.begin(), after.end(), before.begin(), before.end()));
+    } catch (const Tarnwick::Exception&) {
+        std::abort();
+    }
+
+    static const wchar_t* const KEYS[] = {L"", L"k", L"log", L"var", L"   "};
+    for (const std::string& name : before) {
+        std::wstring const section = wide(name);
+        if (section.empty() && !name.empty())
+            continue;
+        check(file.hasSection(section.c_str()));
+        for (const wchar_t* key : KEYS) {
+            ACE_WString const value = file.get(section.c_str(), key);
+            check(file.hasOption(section.c_str(), key) || value.length() == 0);
+        }
+    }
+    // No section name holds a line end.
+    check(!file.hasSection(L"no\nsuch"));
+    check(!file.hasOption(L"no\nsuch", L"k"));
+    check(names(file) == before);
+    check(write(file) == written);
+
+    std::ostringstream bad;
+    bad.setstate(std::ios::badbit);
+    bool thrown = false;
+    try {
+        bad << file;
+    } catch (const Tarnwick::Exception&) {
+        thrown = true;
+    }
+    check(thrown);
+
+    Tarnwick::ConfigFile copy(file);
+    copy.setStoragePath("/fuzz/root");
+    check(copy.set(L"paths", L"log", L"log") == 0);
+    if (!before.empty()) {
+        std::wstring const first = wide(before.front());
+        if (!first.empty() || before.front().empty()) {
+            check(copy.remove(first.c_str()) == 0);
+            check(copy.set(first.c_str(), L"k", L"v") == 0);
+        }
+    }
+    std::vector<std::string> listed;
+    check(copy.list_sections(listed) == 0);
+    write(copy);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static bool const silenced = (silence(), true);
+    (void)silenced;
+
+    std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
+    Tarnwick::ConfigFile* file = nullptr;
+    try {
+        file = new Tarnwick::ConfigFile(in);
+    } catch (const Tarnwick::Exception& e) {
+        check(e.getErrNo() == Tarnwick::ERR_CONFIGFILE_READ);
+        return 0;
+    }
+    exercise(*file);
+    delete file;
+    return 0;
+}

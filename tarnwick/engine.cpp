@@ -1,0 +1,658 @@
+#include <tarnwick/acceptor.h>
+#include <tarnwick/act_cache.h>
+#include <tarnwick/engine.h>
+#include <tarnwick/event_factory.h>
+#include <tarnwick/handler_t.h>
+#include <tarnwick/identity.h>
+#include <tarnwick/log.h>
+#include <tarnwick/router_base.h>
+#include <tarnwick/tarnwick.h>
+
+#include <ace/Guard_T.h>
+#include <ace/OS_NS_sys_time.h>
+#include <ace/OS_NS_unistd.h>
+#include <ace/Reactor_Token_T.h>
+#include <ace/Select_Reactor_T.h>
+#include <ace/Singleton.h>
+#include <ace/Thread_Manager.h>
+#include <ace/Token.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace Tarnwick {
+
+namespace {
+
+// The engine's reactor: select() based, room for a fixed number of handles.
+typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Engine_Reactor;
+
+const size_t REACTOR_HANDLES = 1010;
+const int REACTOR_TRIES = 10;
+const uint64_t ENGINE_CHUNK_SIZE = 16384;
+const size_t QUEUE_BYTES_PER_WORKER = 655360;
+const size_t WORKER_STACK_SIZE = 524288;
+const uint64_t MIN_BUFFER_SIZE = 512;
+const uint64_t MAX_BUFFER_SIZE = 1048576;
+
+void sleepBeforeRetry(const ACE_Time_Value& wait) {
+    ACE_OS::sleep(wait);
+}
+
+ACE_Time_Value timeOfDay() {
+    return ACE_OS::gettimeofday();
+}
+
+// The peer's address for a log line; never null.
+const char* addressText(Handler* handler) {
+    const char* const address = handler->address();
+    return address != nullptr ? address : "";
+}
+
+}  // namespace
+
+void (*Engine::s_retry_sleep)(const ACE_Time_Value&) = sleepBeforeRetry;
+ACE_Time_Value (*Engine::s_clock)() = timeOfDay;
+
+Engine::Engine()
+    : m_event_handler(nullptr),
+      m_owns_event_handler(false),
+      m_router(nullptr),
+      m_owns_router(false),
+      m_locking_strategy(nullptr),
+      m_threads(1),
+      m_identify(true),
+      m_sigpipe_action(reinterpret_cast<ACE_SignalHandler>(SIG_IGN), SIGPIPE),
+      m_monitoring(false),
+      m_acceptor(nullptr),
+      m_closed(false),
+      m_reactor(nullptr),
+      m_server(false),
+      m_retired_reactor(nullptr) {
+    // Tokens come from Tarnwick::Random, which seeds itself.
+}
+
+Engine::~Engine() {
+    if (!m_closed)
+        shutdown();
+    delete m_retired_reactor;
+    m_retired_reactor = nullptr;
+}
+
+Engine* Engine::getSingleton() {
+    return ACE_Singleton<Engine, ACE_Thread_Mutex>::instance();
+}
+
+int Engine::open(int threads, bool ssl) {
+    if (ssl) {
+        // SSL SET-UP: Security::enable_server_setup() when m_server, then
+        // Security::Setup(), returning -1 when that fails. Until the
+        // security module provides them, an engine can't be opened for SSL.
+        TW_LOG("%D ERROR (%t): SSL is not available in this build.\n");
+        errno = ENOSYS;
+        return -1;
+    }
+
+    // A select reactor needs every handle it may hold below the process's
+    // descriptor limit; raise a lower soft limit as far as the hard one lets.
+    {
+        int const saved = errno;
+        set_fd_limit(static_cast<int>(REACTOR_HANDLES));
+        errno = saved;
+    }
+
+    ACE_Reactor* reactor = nullptr;
+    for (int attempt = 0; attempt < REACTOR_TRIES; ++attempt) {
+        Engine_Reactor* implementation = new (std::nothrow) Engine_Reactor(REACTOR_HANDLES);
+        if (implementation == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+        reactor = new (std::nothrow) ACE_Reactor(implementation, true);
+        if (reactor == nullptr) {
+            delete implementation;
+            errno = ENOMEM;
+            return -1;
+        }
+        if (reactor->initialized())
+            break;
+        int const saved = errno;
+        delete reactor;
+        reactor = nullptr;
+        errno = saved;
+        TW_LOG(
+            "%D WARN  (%t): Could not initialize reactor. Retry within 5 seconds.\n Please "
+            "ensure open file hard limits are above 1010 for this user. (ulimit)\n");
+        s_retry_sleep(ACE_Time_Value(5));
+    }
+    if (reactor == nullptr) {
+        TW_LOG(
+            "%D ERROR (%t): Could not initialize reactor: %m.\nPlease make sure that no "
+            "firewalls are blocking network connections.");
+        return -1;
+    }
+
+    m_reactor = reactor;
+    m_reactor->owner(ACE_Thread::self());
+
+    Handler::Data_Block_Size = ENGINE_CHUNK_SIZE;
+    m_threads = threads;
+
+    // A queue deactivated by an earlier shutdown takes work again.
+    msg_queue()->activate();
+    msg_queue()->high_water_mark(static_cast<size_t>(threads > 0 ? threads : 0) *
+                                 QUEUE_BYTES_PER_WORKER);
+    msg_queue()->low_water_mark(0);
+
+    if (m_locking_strategy == nullptr) {
+        m_locking_strategy = new (std::nothrow) ACE_Lock_Adapter<ACE_Thread_Mutex>();
+        if (m_locking_strategy == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+    }
+
+    // The directory where large payloads are spilled.
+    ACT_Cache* const cache = ACT_Cache::instance();
+    if (cache == nullptr || cache->prepare() == -1)
+        return -1;
+
+    m_closed = false;
+    return startThread(this, m_threads, WORKER_STACK_SIZE, true);
+}
+
+int Engine::run() {
+    if (m_reactor != nullptr) {
+        m_reactor->owner(ACE_Thread::self());
+        if (m_reactor->run_reactor_event_loop(ACE_Reactor::check_reconfiguration) != -1)
+            return 0;
+    } else {
+        errno = EINVAL;
+    }
+    if (errno != 0)
+        TW_LOG("%D ERROR (%t): Can not start application event loop: %m\n: %m\n");
+    else
+        TW_LOG("%D ERROR (%t): Can not start application event loop: %m\n\n");
+    return -1;
+}
+
+int Engine::run_step() {
+    if (m_reactor == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    m_reactor->owner(ACE_Thread::self());
+    ACE_Time_Value limit(0, 2);
+    return m_reactor->handle_events(limit);
+}
+
+int Engine::shutdown() {
+    if (m_closed)
+        return 0;
+
+    // The workers are joined one by one, and only then through wait(): the
+    // thread manager's wait for a task misses a thread that has already
+    // ended by the time it looks, and such a thread would stay unjoined.
+    std::vector<ACE_thread_t> workers;
+    listWorkers(workers);
+    msg_queue()->deactivate();
+    for (ACE_thread_t const worker : workers)
+        thr_mgr()->join(worker);
+    wait();
+    // Messages that no worker took are dropped.
+    msg_queue()->flush();
+
+    if (m_reactor != nullptr) {
+        m_reactor->end_reactor_event_loop();
+        m_reactor->close();
+        // The closed reactor object stays alive, since handlers that are
+        // still referenced may point at it; it goes with the engine.
+        delete m_retired_reactor;
+        m_retired_reactor = m_reactor;
+        m_reactor = nullptr;
+    }
+
+    if (m_event_handler != nullptr && m_owns_event_handler) {
+        m_event_handler->close(0);
+        m_event_handler->destroy();
+        m_event_handler = nullptr;
+    }
+    if (m_router != nullptr && m_owns_router) {
+        delete m_router;
+        m_router = nullptr;
+    }
+
+    delete m_locking_strategy;
+    m_locking_strategy = nullptr;
+
+    m_closed = true;
+    return 0;
+}
+
+void Engine::listWorkers(std::vector<ACE_thread_t>& workers) {
+    ACE_Thread_Manager* const manager = thr_mgr();
+    if (manager == nullptr)
+        return;
+    try {
+        int const count = manager->num_threads_in_task(this);
+        if (count <= 0)
+            return;
+        workers.resize(static_cast<size_t>(count));
+        ssize_t const listed = manager->thread_list(this, workers.data(), workers.size());
+        workers.resize(listed > 0 ? static_cast<size_t>(listed) : 0);
+    } catch (const std::bad_alloc&) {
+        workers.clear();
+    }
+    // A worker that shuts the engine down can't join itself.
+    workers.erase(
+        std::remove_if(workers.begin(), workers.end(),
+                       [](ACE_thread_t id) { return ACE_OS::thr_equal(id, ACE_Thread::self()); }),
+        workers.end());
+}
+
+int Engine::close() {
+    return 0;
+}
+
+int Engine::svc() {
+    ACE_Sig_Guard guard;
+    TW_LOG("%D DEBUG (%t): Engine: Starting worker thread\n");
+    for (;;) {
+        ACE_Message_Block* block = nullptr;
+        if (getq(block) == -1)
+            return -1;
+        if (block->msg_type() == ACE_Message_Block::MB_HANGUP) {
+            block->release();
+            return 0;
+        }
+        process_incoming(block->duplicate());
+        block->release();
+    }
+}
+
+int Engine::event_handler(EventHandler* handler, bool own) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    if (!guard.locked())
+        return -1;
+    if (m_event_handler != nullptr && m_owns_event_handler && m_event_handler != handler)
+        m_event_handler->destroy();
+    m_event_handler = handler;
+    m_owns_event_handler = own;
+    return 0;
+}
+
+int Engine::router(Router_Base* router, bool own) {
+    if (m_router != nullptr && m_owns_router && m_router != router)
+        delete m_router;
+    m_router = router;
+    m_owns_router = own;
+    return 0;
+}
+
+int Engine::register_handler(Handler* handler) {
+    if (m_router == nullptr)
+        errno = EINVAL;
+    if (m_router == nullptr || m_router->register_handler(handler) == -1) {
+        TW_LOG_ERRNO("%D ERROR (%t): Registration with router instance failed.");
+        return -1;
+    }
+    if (!m_identify)
+        return 0;
+
+    TW_LOG("%D DEBUG (%t): Sending Identification request.\n");
+    Abstract_Event* event = Event_Factory::create(IDENTITY_EVENT);
+    if (event == nullptr ||
+        Identity::instance()->updateEvent(static_cast<IdentityEvent*>(event)) == -1) {
+        TW_LOG(
+            "%D ERROR (%t): internal error: error occurred while trying to construct an "
+            "identity event.\n");
+        if (event != nullptr)
+            event->destroy();
+        return -1;
+    }
+    int const result = m_router->forward(event);
+    event->destroy();
+    return result;
+}
+
+int Engine::remove_handler(Handler* handler) {
+    if (m_closed)
+        return 0;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+        if (!guard.locked())
+            return -1;
+        if (m_event_handler != nullptr)
+            m_event_handler->handle_disconnect(handler);
+    }
+    if (m_router != nullptr && m_router->remove_handler(handler) == -1)
+        return -1;
+    return 0;
+}
+
+void Engine::setApplicationName(const char* name) {
+    if (name != nullptr)
+        Identity::instance()->setName(name);
+}
+
+void Engine::setBufferSize(uint64_t size) {
+    if (size < MIN_BUFFER_SIZE || size > MAX_BUFFER_SIZE) {
+        TW_LOG("%D WARN  (%t): Invalid buffer size provided, keeping default %d\n",
+               static_cast<int>(Handler::Data_Block_Size));
+        return;
+    }
+    TW_LOG("%D DEBUG (%t): Setting buffer size to %d\n", static_cast<int>(size));
+    Handler::Data_Block_Size = size;
+}
+
+void Engine::enableMonitoring() {
+    m_monitoring = true;
+    if (m_router == nullptr)
+        return;
+    Dispatch_Set set;
+    if (m_router->findAllHandlers(set) == -1)
+        return;
+    ACE_Unbounded_Set_Iterator<Handler*> it(set);
+    for (Handler** handler = nullptr; it.next(handler) != 0; it.advance())
+        (*handler)->enableActivityMonitoring();
+}
+
+int Engine::forward(Abstract_Event* event) {
+    if (m_router == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    return m_router->forward(event);
+}
+
+int Engine::forward(ACE_Message_Block* block) {
+    if (block == nullptr)
+        return 0;
+    if (m_threads == 0) {
+        process_incoming(block->duplicate());
+        return 0;
+    }
+    // No waiting: above the queue's high water mark the message is dropped.
+    ACE_Message_Block* queued = block->duplicate();
+    ACE_Time_Value no_wait(ACE_Time_Value::zero);
+    if (putq(queued, &no_wait) == -1)
+        queued->release();
+    return 0;
+}
+
+int Engine::process_incoming(ACE_Message_Block* block) {
+    Abstract_Event* event = Event_Factory::create(block);
+    if (event == nullptr) {
+        TW_LOG("%D ERROR (%t): An error occurred while converting network data into an event.\n");
+        if (block != nullptr)
+            block->release();
+        return -1;
+    }
+
+    // Non-local events that aren't broadcasts are passed on as they are.
+    int result = 1;
+    if (!m_router->isAuthorized(event)) {
+        result = event->error("Permission denied.", 1);
+    } else if (m_router->isLocal(event)) {
+        // Whatever the handler makes of the event is a reply.
+        event->setResult(true);
+        result = m_event_handler->handle_event(event);
+    } else if (event->isBroadCast()) {
+        event->reset();
+        event->write("broadcast ok\n", 13);
+    }
+
+    if (result == -1) {
+        TW_LOG("%D ERROR (%t): An unspecified error occurred: %m\n");
+        event->error("Unknown error occurred while executing command.", 1);
+    } else if (result == 0) {
+        m_router->clear_act(event->getACT());
+        event->destroy();
+        block->release();
+        return 0;
+    }
+
+    if (m_router->forward(event) == -1) {
+        try {
+            std::string const text = "Could not forward message to Agent with id " +
+                                     std::to_string(event->getAgentID()) + ".";
+            event->error(text.c_str(), 1);
+        } catch (...) {
+            event->error("Could not forward message.", 1);
+        }
+        m_router->forward(event);
+    }
+
+    event->destroy();
+    block->release();
+    return 0;
+}
+
+int Engine::disconnect() {
+    if (m_router == nullptr)
+        return -1;
+    Dispatch_Set set;
+    if (m_router->findAllHandlers(set) == -1)
+        return -1;
+    ACE_Unbounded_Set_Iterator<Handler*> it(set);
+    for (Handler** handler = nullptr; it.next(handler) != 0; it.advance())
+        (*handler)->close(0);
+    return 0;
+}
+
+int Engine::sendGlobalHeartBeat() {
+    if (m_router == nullptr)
+        return 0;
+    Dispatch_Set set;
+    if (m_router->findAllHandlers(set) == -1)
+        return 0;
+    Abstract_Event* heartbeat = Event_Factory::create(HEART_BEAT_EVENT);
+    if (heartbeat == nullptr)
+        return 0;
+    heartbeat->setBroadCast(false);
+    ACE_Message_Block* block = heartbeat->data(false);
+    if (block != nullptr) {
+        ACE_Unbounded_Set_Iterator<Handler*> it(set);
+        for (Handler** handler = nullptr; it.next(handler) != 0; it.advance())
+            (*handler)->forward(block);
+    }
+    heartbeat->destroy();
+    return 0;
+}
+
+int Engine::cleanupHandles(int seconds, bool use_receive_time) {
+    ACE_Time_Value const now = s_clock();
+    if (m_router == nullptr)
+        return 0;
+    Dispatch_Set set;
+    if (m_router->findAllHandlers(set) == -1)
+        return 0;
+    ACE_Unbounded_Set_Iterator<Handler*> it(set);
+    for (Handler** entry = nullptr; it.next(entry) != 0; it.advance()) {
+        Handler* const handler = *entry;
+        ACE_Time_Value const& last = use_receive_time && handler->isAgent()
+                                         ? handler->lastRecvActivity()
+                                         : handler->lastActivity();
+        ACE_Time_Value const idle = now - last;
+        if (idle.sec() > seconds || (idle.sec() == seconds && idle.usec() > 0)) {
+            TW_LOG("%D INFO  (%t): Timeout reached for connection from %C\n", addressText(handler));
+            handler->close(0);
+        }
+    }
+    return 0;
+}
+
+int Engine::activate_handler(IdentityEvent* event) {
+    Dispatch_Set set;
+    uint32_t const token = event != nullptr ? event->getACT() : 0;
+    if (m_router == nullptr || m_router->findHandlersByACT(token, set) == -1) {
+        TW_LOG("%D ERROR (%t): Can not find network handler. Activation failed.\n");
+        return -1;
+    }
+    ACE_Unbounded_Set_Iterator<Handler*> it(set);
+    for (Handler** entry = nullptr; it.next(entry) != 0; it.advance()) {
+        Handler* const handler = *entry;
+        Identity identity;
+        identity.updateFromEvent(event);
+        handler->identity(identity);
+        if (handler->isAgent()) {
+            TW_LOG("%D INFO  (%t): Connection from %C activated : %C %d\n", addressText(handler),
+                   handler->identity().typeAsString(),
+                   static_cast<int>(handler->identity().agentid()));
+        } else {
+            TW_LOG("%D INFO  (%t): Connection from %C activated : %C\n", addressText(handler),
+                   handler->identity().typeAsString());
+        }
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Connection establishment.
+
+int Engine::makeConnection(const ACE_INET_Addr& address, unsigned long flags,
+                           ACE_Synch_Options& options) {
+    if ((flags & CONNECTION_PASSIVE) == 0)
+        return makeActiveConnection(address, flags, options, nullptr);
+
+    TW_LOG("%D DEBUG (%t): Setting up passive connection.\n");
+    // One passive endpoint per process. The pointer only marks that one was
+    // made: the reactor deletes the acceptor when it closes it.
+    if (m_acceptor != nullptr)
+        return -1;
+    if (m_reactor == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+
+    Acceptor_Base* acceptor = nullptr;
+    if ((flags & CONNECTION_SSL) != 0) {
+        acceptor = new (std::nothrow) SSLAcceptor(this);
+    } else {
+        TW_LOG("%D WARN  (%t): Configuring a passive connection using non-encrypted sockets!\n");
+        acceptor = new (std::nothrow) PlainAcceptor(this);
+    }
+    if (acceptor == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    m_acceptor = acceptor;
+
+    if (acceptor->open(address) == -1) {
+        int const saved = errno;
+        delete acceptor;
+        errno = saved;
+        return -1;
+    }
+    if (m_reactor->register_handler(acceptor, ACE_Event_Handler::ACCEPT_MASK) == -1) {
+        int const saved = errno;
+        delete acceptor;
+        errno = saved;
+        return -1;
+    }
+    return 0;
+}
+
+int Engine::makeActiveConnection(const ACE_INET_Addr& address, unsigned long flags,
+                                 ACE_Synch_Options& options, Handler** handler) {
+    TW_LOG("%D DEBUG (%t): Setting up active connection.\n");
+    Handler* connection = nullptr;
+    if ((flags & CONNECTION_SSL) != 0) {
+        TW_LOG("%D DEBUG (%t): Using legacy SSL certificates for authentication.\n");
+        connection = new (std::nothrow) SSLHandler();
+    } else {
+        TW_LOG("%D DEBUG (%t): Using legacy authentication.\n");
+        connection = new (std::nothrow) PlainHandler();
+    }
+    if (connection == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    if (handler == nullptr)
+        connection->setEngine(Engine::getSingleton());
+
+    if (connection->connect_to(address, options) == -1) {
+        int const saved = errno;
+        if (handler == nullptr && connection->reactor() != nullptr) {
+            // It failed after entering the reactor (the router refused it, or
+            // the identification request found no way): leave as an accepted
+            // connection does, through its close path.
+            connection->handle_close(ACE_INVALID_HANDLE, 0);
+        } else {
+            connection->release();
+        }
+        errno = saved;
+        return -1;
+    }
+    if (handler != nullptr)
+        *handler = connection;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// The acceptors.
+
+template <typename Acceptor, typename ConnectionHandler>
+Acceptor_T<Acceptor, ConnectionHandler>::Acceptor_T(Engine* engine)
+    : Acceptor_Base(engine), m_handle(ACE_INVALID_HANDLE) {}
+
+template <typename Acceptor, typename ConnectionHandler>
+Acceptor_T<Acceptor, ConnectionHandler>::~Acceptor_T() {
+    m_acceptor.close();
+    m_handle = ACE_INVALID_HANDLE;
+}
+
+template <typename Acceptor, typename ConnectionHandler>
+int Acceptor_T<Acceptor, ConnectionHandler>::open(const ACE_INET_Addr& address) {
+    if (m_acceptor.open(address, 1, PF_UNSPEC, 5, 0) == -1)
+        return -1;
+    m_handle = m_acceptor.get_handle();
+    return 0;
+}
+
+template <typename Acceptor, typename ConnectionHandler>
+ACE_HANDLE Acceptor_T<Acceptor, ConnectionHandler>::get_handle() const {
+    return m_handle;
+}
+
+template <typename Acceptor, typename ConnectionHandler>
+int Acceptor_T<Acceptor, ConnectionHandler>::handle_input(ACE_HANDLE) {
+    ConnectionHandler* handler = new (std::nothrow) ConnectionHandler();
+    if (handler == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    handler->setEngine(m_engine);
+
+    ACE_Time_Value timeout(5);
+    bool const reset_new_handle =
+        reactor() != nullptr ? reactor()->uses_event_associations() : false;
+    if (m_acceptor.accept(handler->peer(), nullptr, &timeout, true, reset_new_handle) != -1 &&
+        handler->open(nullptr) != -1) {
+        TW_LOG("%D DEBUG (%t): Incoming connection from %C\n", addressText(handler));
+        return 0;
+    }
+
+    int const saved = errno;
+    handler->handle_close(ACE_INVALID_HANDLE, 0);
+    errno = saved;
+    TW_LOG("%D ERROR (%t): Incoming connection failed: %m\n");
+    return 0;
+}
+
+template <typename Acceptor, typename ConnectionHandler>
+int Acceptor_T<Acceptor, ConnectionHandler>::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
+    TW_LOG("%D DEBUG (%t): Closing passive connection.\n");
+    m_acceptor.close();
+    m_handle = ACE_INVALID_HANDLE;
+    delete this;
+    return 0;
+}
+
+template class Acceptor_T<ACE_SOCK_Acceptor, PlainHandler>;
+template class Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler>;
+
+}  // namespace Tarnwick

@@ -1,0 +1,476 @@
+#include <tarnwick/engine.h>
+#include <tarnwick/event_factory.h>
+#include <tarnwick/handler_t.h>
+#include <tarnwick/identity.h>
+#include <tarnwick/router.h>
+
+#include <ace/INET_Addr.h>
+#include <ace/SOCK_Acceptor.h>
+#include <ace/SOCK_Stream.h>
+#include <ace/Synch_Options.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "log_capture.h"
+
+using namespace Tarnwick;
+using TarnwickTest::LogCapture;
+
+namespace {
+
+typedef std::vector<std::string> Lines;
+
+// Connected handlers outside any engine: forward() queues their messages and
+// asks the engine's reactor for a write wake-up, so the engine is opened
+// (without workers) for the whole suite; nothing runs its loop.
+class RouterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        Engine::getSingleton()->disableIdentification();
+        ASSERT_EQ(Engine::getSingleton()->open(0, false), 0);
+    }
+    static void TearDownTestSuite() { Engine::getSingleton()->shutdown(); }
+
+    void SetUp() override {
+        ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
+        ASSERT_EQ(m_listener.open(any, 1), 0);
+        ASSERT_EQ(m_listener.get_local_addr(m_address), 0);
+    }
+
+    void TearDown() override {
+        for (Handler* handler : m_handlers) {
+            Engine::getSingleton()->getReactor()->remove_handler(
+                handler, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
+            handler->close(0);
+            handler->release();
+        }
+        for (auto& peer : m_peers)
+            peer->close();
+        m_listener.close();
+    }
+
+    // A new connection; the test keeps one reference, released at the end.
+    Handler* connect(Identity::Type type = Identity::UNKNOWN, uint32_t agentid = 0) {
+        Handler* handler = nullptr;
+        ACE_Synch_Options options;
+        EXPECT_EQ(Engine::makeActiveConnection(m_address, 0, options, &handler), 0);
+        m_peers.emplace_back(new ACE_SOCK_Stream());
+        EXPECT_EQ(m_listener.accept(*m_peers.back()), 0);
+        Identity identity("peer", type, 0);
+        identity.setAgentID(agentid);
+        handler->identity(identity);
+        m_handlers.push_back(handler);
+        return handler;
+    }
+
+    // A connection whose socket is closed: forward() fails on it.
+    Handler* dead() {
+        Handler* handler = connect();
+        handler->close(0);
+        return handler;
+    }
+
+    // Registers with `router`, which takes a reference of its own here.
+    static void enter(Router_Base& router, Handler* handler) {
+        ASSERT_EQ(router.register_handler(handler->duplicate()), 0);
+    }
+
+    ACE_SOCK_Acceptor m_listener;
+    ACE_INET_Addr m_address;
+    std::vector<Handler*> m_handlers;
+    std::vector<std::unique_ptr<ACE_SOCK_Stream>> m_peers;
+};
+
+// Exposes find() and lets a test choose the default kind of search.
+class OpenRouter : public Router {
+public:
+    using Router::find;
+    int default_filter_type() override { return filter; }
+    int filter = Routing_Key::ROUTE_HANDLER;
+};
+
+class OpenSingle : public SinglePeerRouter {
+public:
+    using SinglePeerRouter::find;
+};
+
+std::vector<Handler*> members(Dispatch_Set& set) {
+    std::vector<Handler*> out;
+    for (ACE_Unbounded_Set<Handler*>::iterator it = set.begin(); it != set.end(); ++it)
+        out.push_back(*it);
+    return out;
+}
+
+size_t queued(Handler* handler) {
+    return handler->msg_queue()->message_count();
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Routing keys
+
+TEST_F(RouterTest, KeysMatchByKind) {
+    Handler* agent = connect(Identity::TWAGENT, 7);
+    Handler* sameAgent = connect(Identity::TWAGENT, 7);
+    Handler* other = connect(Identity::TWCTRL, 7);
+    Handler* unidentified = connect();
+    unidentified->setInitiatedByConnector();
+    agent->getSourceACT().add(42);
+
+    Routing_Key const storedAgent(agent);
+    Routing_Key const storedOther(other);
+    Routing_Key const storedPlain(unidentified);
+    Routing_Key const empty;
+
+    // Kind 0: the same connection, or two agents of one id.
+    EXPECT_TRUE(storedAgent == Routing_Key(agent));
+    EXPECT_TRUE(storedAgent == Routing_Key(sameAgent));
+    EXPECT_FALSE(storedOther == Routing_Key(agent));
+    EXPECT_TRUE(storedOther == Routing_Key(other));
+    EXPECT_TRUE(empty == Routing_Key(static_cast<Handler*>(nullptr)));
+
+    Routing_Key all(Routing_Key::ROUTE_ALL);
+    EXPECT_TRUE(empty == all);
+    EXPECT_TRUE(storedPlain == all);
+
+    Routing_Key agents(Routing_Key::ROUTE_ALL_AGENTS);
+    EXPECT_TRUE(storedAgent == agents);
+    EXPECT_FALSE(storedOther == agents);
+    EXPECT_FALSE(empty == agents);
+
+    Routing_Key byId(Routing_Key::ROUTE_AGENT);
+    byId.agentid = 7;
+    EXPECT_TRUE(storedAgent == byId);
+    EXPECT_FALSE(storedOther == byId);
+    byId.agentid = 8;
+    EXPECT_FALSE(storedAgent == byId);
+
+    Routing_Key byToken(Routing_Key::ROUTE_ACT);
+    byToken.ACT = 42;
+    EXPECT_TRUE(storedAgent == byToken);
+    EXPECT_FALSE(storedOther == byToken);
+    EXPECT_FALSE(empty == byToken);
+
+    Routing_Key connector(Routing_Key::ROUTE_CONNECTOR);
+    EXPECT_TRUE(storedPlain == connector);
+    EXPECT_FALSE(storedAgent == connector);
+
+    EXPECT_FALSE(storedAgent == Routing_Key(6));
+    EXPECT_FALSE(storedAgent == Routing_Key(-1));
+}
+
+TEST(RoutingKey, AssignmentKeepsTheTargetsToken) {
+    Routing_Key source(Routing_Key::ROUTE_AGENT);
+    source.agentid = 9;
+    source.ACT = 11;
+    Routing_Key target;
+    target.ACT = 5;
+    target = source;
+    EXPECT_EQ(target.type, Routing_Key::ROUTE_AGENT);
+    EXPECT_EQ(target.agentid, 9u);
+    EXPECT_EQ(target.ACT, 5u);
+    Routing_Key copy(source);
+    EXPECT_EQ(copy.ACT, 11u);
+}
+
+TEST(RoutingKey, DumpPrintsToStandardOutput) {
+    Routing_Key key(Routing_Key::ROUTE_ACT);
+    key.ACT = 3;
+    key.agentid = 4;
+    std::ostringstream out;
+    std::streambuf* old = std::cout.rdbuf(out.rdbuf());
+    key.dump();
+    std::cout.rdbuf(old);
+    EXPECT_EQ(out.str(), "this.handler == 0\nType: 4\nACT: 3\nAgentID: 4\n");
+}
+
+// ---------------------------------------------------------------------------
+// Router
+
+TEST_F(RouterTest, FindOnAnEmptyRouterFails) {
+    OpenRouter router;
+    Dispatch_Set set;
+    EXPECT_EQ(router.find(Routing_Key(Routing_Key::ROUTE_ALL), set), -1);
+    EXPECT_EQ(router.findAllHandlers(set), -1);
+}
+
+TEST_F(RouterTest, RegistrationLogsTheCountAndRefusesDuplicates) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    LogCapture capture;
+    enter(router, a);
+    enter(router, b);
+    errno = 0;
+    EXPECT_EQ(router.register_handler(a), -1);
+    EXPECT_EQ(capture.lines(), (Lines{"%D DEBUG (%t): Connection stored in connection map: 1 items",
+                                      "%D DEBUG (%t): Connection stored in connection map: 2 items",
+                                      "%D ERROR (%t): Duplicate entry found in connection map."}));
+    router.remove_handler(a);
+    router.remove_handler(b);
+}
+
+TEST_F(RouterTest, FindWalksNewestFirstAndTakesAReferenceEach) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    Handler* c = connect();
+    enter(router, a);
+    enter(router, b);
+    enter(router, c);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.findAllHandlers(set), 0);
+        EXPECT_EQ(members(set), (std::vector<Handler*>{c, b, a}));
+        // Each member holds a reference: releasing the router's and the
+        // test's still leaves the handler alive until the set goes.
+    }
+    router.remove_handler(a);
+    router.remove_handler(b);
+    router.remove_handler(c);
+}
+
+TEST_F(RouterTest, TokenZeroIsRefusedFirst) {
+    OpenRouter router;
+    Abstract_Event* event = Event_Factory::create(GET_VERSION_EVENT);
+    // Only a header without a token can be sent without one: make it so.
+    event->data(false);
+    ACE_Message_Block* block = event->data(false);
+    reinterpret_cast<uint32_t*>(block->base())[1] = 0;
+    event->setBroadCast(true);
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(router.forward(event), -1);
+    EXPECT_EQ(capture.lines(), (Lines{"%D ERROR (%t): Invalid event: no return path", ""}));
+    EXPECT_EQ(router.forward(static_cast<Abstract_Event*>(nullptr)), -1);
+    event->destroy();
+}
+
+TEST_F(RouterTest, AResultGoesByItsTokenNotByItsAgentId) {
+    OpenRouter router;
+    Handler* asker = connect();
+    Handler* agent = connect(Identity::TWAGENT, 5);
+    enter(router, asker);
+    enter(router, agent);
+    asker->getSourceACT().add(77);
+
+    Abstract_Event* reply = Event_Factory::create(GET_VERSION_EVENT);
+    reply->setACT(77);
+    reply->setAgentID(5);
+    reply->setResult(true);
+    EXPECT_EQ(router.forward(reply), 0);
+    EXPECT_EQ(queued(asker), 1u);
+    EXPECT_EQ(queued(agent), 0u);
+    EXPECT_FALSE(asker->getSourceACT().contains(77));
+    reply->destroy();
+    router.remove_handler(asker);
+    router.remove_handler(agent);
+}
+
+TEST_F(RouterTest, AgentIdWinsOverBroadcastAndTheTargetNotesTheToken) {
+    OpenRouter router;
+    Handler* five = connect(Identity::TWAGENT, 5);
+    Handler* six = connect(Identity::TWAGENT, 6);
+    enter(router, five);
+    enter(router, six);
+    Abstract_Event* request = Event_Factory::create(DIR_LIST_EVENT);
+    request->setACT(300);
+    request->setAgentID(6);
+    request->setBroadCast(true);
+    LogCapture capture;
+    EXPECT_EQ(router.forward(request), 0);
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(queued(five), 0u);
+    EXPECT_EQ(queued(six), 1u);
+    EXPECT_TRUE(six->getTargetACT().contains(300));
+    request->destroy();
+    router.remove_handler(five);
+    router.remove_handler(six);
+}
+
+TEST_F(RouterTest, BroadcastReachesTheAgentsOnly) {
+    OpenRouter router;
+    Handler* five = connect(Identity::TWAGENT, 5);
+    Handler* six = connect(Identity::TWAGENT, 6);
+    Handler* control = connect(Identity::TWCTRL, 0);
+    enter(router, five);
+    enter(router, six);
+    enter(router, control);
+    Abstract_Event* event = Event_Factory::create(RELOAD_EVENT);
+    event->setBroadCast(true);
+    LogCapture capture;
+    EXPECT_EQ(router.forward(event), 0);
+    EXPECT_EQ(capture.lines(), Lines{"%D DEBUG (%t): Broadcasting event object to all Agents!"});
+    EXPECT_EQ(queued(five), 1u);
+    EXPECT_EQ(queued(six), 1u);
+    EXPECT_EQ(queued(control), 0u);
+    event->destroy();
+    router.remove_handler(five);
+    router.remove_handler(six);
+    router.remove_handler(control);
+}
+
+TEST_F(RouterTest, BroadcastWithoutAgentsFails) {
+    OpenRouter router;
+    Abstract_Event* event = Event_Factory::create(RELOAD_EVENT);
+    event->setBroadCast(true);
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(router.forward(event), -1);
+    EXPECT_EQ(capture.lines(),
+              (Lines{"%D DEBUG (%t): Broadcasting event object to all Agents!",
+                     "%D ERROR (%t): An unknown error occurred while forwarding an event."}));
+    event->destroy();
+}
+
+TEST_F(RouterTest, ReplyWhoseTokenNoConnectionHoldsFails) {
+    OpenRouter router;
+    Handler* a = connect();
+    enter(router, a);
+    Abstract_Event* reply = Event_Factory::create(GET_VERSION_EVENT);
+    reply->setACT(12345);
+    reply->setResult(true);
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(router.forward(reply), -1);
+    EXPECT_EQ(capture.lines(),
+              Lines{"%D ERROR (%t): An unknown error occurred while forwarding an event."});
+    reply->destroy();
+    router.remove_handler(a);
+}
+
+TEST_F(RouterTest, DefaultKindFindsNothingUnlessChanged) {
+    OpenRouter router;
+    Handler* mine = connect();
+    mine->setInitiatedByConnector();
+    Handler* theirs = connect();
+    enter(router, mine);
+    enter(router, theirs);
+    Abstract_Event* event = Event_Factory::create(KICK_EVENT);
+    {
+        LogCapture capture;
+        EXPECT_EQ(router.forward(event), -1);
+    }
+    router.filter = Routing_Key::ROUTE_CONNECTOR;
+    EXPECT_EQ(router.forward(event), 0);
+    EXPECT_EQ(queued(mine), 1u);
+    EXPECT_EQ(queued(theirs), 0u);
+    event->destroy();
+    router.remove_handler(mine);
+    router.remove_handler(theirs);
+}
+
+TEST_F(RouterTest, ForwardToDeadConnectionsReturnsZero) {
+    OpenRouter router;
+    Handler* a = dead();
+    Handler* b = dead();
+    Dispatch_Set set;
+    set.insert(a->duplicate());
+    set.insert(b->duplicate());
+    Abstract_Event* event = Event_Factory::create(KICK_EVENT);
+    LogCapture capture;
+    EXPECT_EQ(router.forward(event, set), 0);
+    EXPECT_EQ(capture.lines(),
+              (Lines{"%D ERROR (%t): Can not forward: network handle is invalid",
+                     "%D ERROR (%t): Can not forward: network handle is invalid"}));
+    EXPECT_FALSE(a->getTargetACT().contains(event->getACT()));
+    event->destroy();
+}
+
+TEST_F(RouterTest, ClearActForgetsTheTokenEverywhere) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    enter(router, a);
+    enter(router, b);
+    a->getSourceACT().add(9);
+    b->getSourceACT().add(9);
+    b->getSourceACT().add(10);
+    EXPECT_EQ(router.clear_act(9), 0);
+    EXPECT_FALSE(a->getSourceACT().contains(9));
+    EXPECT_FALSE(b->getSourceACT().contains(9));
+    EXPECT_TRUE(b->getSourceACT().contains(10));
+    EXPECT_EQ(router.clear_act(999), 0);
+    router.remove_handler(a);
+    router.remove_handler(b);
+}
+
+TEST_F(RouterTest, CloseAllConnectionsClosesEach) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    enter(router, a);
+    enter(router, b);
+    LogCapture capture;
+    EXPECT_EQ(router.closeAllConnections(), 0);
+    EXPECT_EQ(a->get_handle(), ACE_INVALID_HANDLE);
+    EXPECT_EQ(b->get_handle(), ACE_INVALID_HANDLE);
+    std::vector<std::string> lines = capture.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "%D DEBUG (%t): Closing all open network connections.");
+    router.remove_handler(a);
+    router.remove_handler(b);
+    OpenRouter empty;
+    LogCapture quiet;
+    EXPECT_EQ(empty.closeAllConnections(), 0);
+    EXPECT_TRUE(quiet.lines().empty());
+}
+
+TEST_F(RouterTest, RemovingAnAgentMayRemoveAnotherEntryOfTheSameId) {
+    OpenRouter router;
+    Handler* first = connect(Identity::TWAGENT, 3);
+    Handler* second = connect(Identity::TWAGENT, 3);
+    enter(router, first);
+    // The second agent of one id is a duplicate by kind 0.
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(router.register_handler(second), -1);
+    router.remove_handler(first);
+    Dispatch_Set set;
+    EXPECT_EQ(router.findAllHandlers(set), -1);
+}
+
+// ---------------------------------------------------------------------------
+// SinglePeerRouter
+
+TEST_F(RouterTest, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
+    OpenSingle router;
+    EXPECT_FALSE(router.isConnected());
+    Dispatch_Set none;
+    EXPECT_EQ(router.find(Routing_Key(Routing_Key::ROUTE_ALL), none), -1);
+    Handler* first = connect();
+    Handler* second = connect();
+    enter(router, first);
+    EXPECT_EQ(router.register_handler(second), 0);  // accepted, not stored
+    EXPECT_TRUE(router.isConnected());
+    Dispatch_Set set;
+    Routing_Key key(Routing_Key::ROUTE_AGENT);
+    key.agentid = 99;
+    ASSERT_EQ(router.find(key, set), 0);
+    EXPECT_EQ(members(set), std::vector<Handler*>{first});
+    Abstract_Event* event = Event_Factory::create(GET_VERSION_EVENT);
+    EXPECT_EQ(router.forward(event), 0);
+    EXPECT_EQ(queued(first), 1u);
+    event->destroy();
+    router.remove_handler(first);
+}
+
+TEST_F(RouterTest, SinglePeerClearsItsPeerOnAnyRemoval) {
+    OpenSingle router;
+    Handler* peer = connect();
+    Handler* other = connect();
+    enter(router, peer);
+    EXPECT_EQ(router.remove_handler(other), 0);
+    EXPECT_FALSE(router.isConnected());
+    EXPECT_EQ(router.remove_handler(other), 0);
+    Dispatch_Set set;
+    EXPECT_EQ(router.find(Routing_Key(), set), -1);
+}

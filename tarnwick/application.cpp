@@ -36,13 +36,7 @@ const size_t kFirstTaskCapacity = 10;
 // UTF-8 form of wide text; empty for null or text that can't be converted.
 std::string narrow(const wchar_t* text) {
     std::string out;
-    if (text == nullptr)
-        return out;
-    char* utf8 = wcstoutf8_malloced(text);
-    if (utf8 != nullptr) {
-        out = utf8;
-        utf8free(utf8);
-    }
+    wcstoutf8(text, out);
     return out;
 }
 

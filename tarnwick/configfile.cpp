@@ -29,19 +29,6 @@ std::string trimmed(const std::string& line, std::size_t begin, std::size_t end)
     return line.substr(first, last - first + 1);
 }
 
-// UTF-8 form of `text`; false (errno set) for null or unconvertible text.
-bool toNarrow(const wchar_t* text, std::string& out) {
-    if (text == nullptr) {
-        errno = EINVAL;
-        return false;
-    }
-    std::unique_ptr<char, void (*)(char*)> converted(wcstoutf8_malloced(text), utf8free);
-    if (!converted)
-        return false;
-    out.assign(converted.get());
-    return true;
-}
-
 // Wide form of `text` up to its first NUL; empty when that is no valid UTF-8.
 ACE_WString toWide(const std::string& text) {
     std::unique_ptr<wchar_t, void (*)(wchar_t*)> converted(utf8towcs_malloced(text.c_str()),
@@ -180,12 +167,12 @@ void ConfigFileSection::update(std::ostream& stream) const {
 // ConfigFile
 
 ConfigFile::ConfigFile(const wchar_t* filename) {
-    if (filename != nullptr && !toNarrow(filename, this->filename))
+    if (filename != nullptr && !wcstoutf8(filename, this->filename))
         this->filename.clear();
 }
 
 ConfigFile::ConfigFile(const Registry& registry) {
-    if (!toNarrow(registry.configfile(), filename))
+    if (!wcstoutf8(registry.configfile(), filename))
         filename.clear();
 }
 
@@ -332,7 +319,7 @@ ConfigFileOption* ConfigFile::__option(const std::string& section, const std::st
 ACE_WString ConfigFile::get(const wchar_t* section, const wchar_t* key) {
     std::string narrowSection;
     std::string narrowKey;
-    if (!toNarrow(section, narrowSection) || !toNarrow(key, narrowKey))
+    if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey))
         return ACE_WString();
     ConfigFileOption* const option = __option(narrowSection, narrowKey);
     if (option == nullptr)
@@ -378,15 +365,15 @@ int ConfigFile::set(const wchar_t* section, const wchar_t* key, const wchar_t* v
     std::string narrowSection;
     std::string narrowKey;
     std::string narrowValue;
-    if (!toNarrow(section, narrowSection) || !toNarrow(key, narrowKey) ||
-        !toNarrow(value, narrowValue))
+    if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey) ||
+        !wcstoutf8(value, narrowValue))
         return -1;
     return __set(narrowSection, narrowKey, narrowValue);
 }
 
 int ConfigFile::remove(const wchar_t* section) {
     std::string name;
-    if (!toNarrow(section, name))
+    if (!wcstoutf8(section, name))
         return -1;
     auto const found = sections.find(name);
     if (found == sections.end()) {
@@ -402,7 +389,7 @@ int ConfigFile::remove(const wchar_t* section) {
 
 bool ConfigFile::hasSection(const wchar_t* section) {
     std::string name;
-    if (!toNarrow(section, name))
+    if (!wcstoutf8(section, name))
         return false;
     return sections[name] != nullptr;
 }
@@ -410,7 +397,7 @@ bool ConfigFile::hasSection(const wchar_t* section) {
 bool ConfigFile::hasOption(const wchar_t* section, const wchar_t* key) {
     std::string narrowSection;
     std::string narrowKey;
-    if (!toNarrow(section, narrowSection) || !toNarrow(key, narrowKey))
+    if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey))
         return false;
     return __option(narrowSection, narrowKey) != nullptr;
 }

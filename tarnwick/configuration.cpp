@@ -112,15 +112,6 @@ std::wstring keyOf(const Setting* setting) {
     return name != nullptr ? std::wstring(name) : std::wstring();
 }
 
-bool toUTF8(const wchar_t* text, std::string& out) {
-    char* const converted = wcstoutf8_malloced(text);
-    if (converted == nullptr)
-        return false;
-    out = converted;
-    utf8free(converted);
-    return true;
-}
-
 // What follows the last '/' of `path`.
 const wchar_t* baseName(const wchar_t* path) {
     if (path == nullptr)
@@ -596,7 +587,7 @@ void Configuration::usage() {
     try {
         for (size_t i = 0; i < m_registered.size(); ++i) {
             const wchar_t* const section = m_registered[i]->section();
-            if (section != nullptr && toUTF8(section, sectionOf[i]))
+            if (section != nullptr && wcstoutf8(section, sectionOf[i]))
                 sections.push_back(sectionOf[i]);
         }
     } catch (const std::bad_alloc&) {
@@ -848,7 +839,7 @@ bool Configuration::keyEquals(const wchar_t* key, const wchar_t* value, bool whe
         return false;
     std::string storedText;
     std::string valueText;
-    if (!toUTF8(stored, storedText) || !toUTF8(value, valueText))
+    if (!wcstoutf8(stored, storedText) || !wcstoutf8(value, valueText))
         return false;
     return storedText == valueText;
 }

@@ -32,19 +32,10 @@ std::string registryRoot() {
     return root != nullptr && *root != '\0' ? root : kDefaultRoot;
 }
 
-bool toUTF8(const wchar_t* text, std::string& utf8) {
-    char* const converted = wcstoutf8_malloced(text);
-    if (converted == nullptr)
-        return false;
-    utf8 = converted;
-    utf8free(converted);
-    return true;
-}
-
 // The UTF-8 file name of a product's entry; false for a product that can
 // have none (not text, or holding '/'), with errno set.
 bool entryName(const ACE_String_Base<wchar_t>& product, std::string& name) {
-    if (!toUTF8(product.c_str(), name))
+    if (!wcstoutf8(product.c_str(), name))
         return false;
     if (name.find('/') != std::string::npos) {
         errno = EINVAL;
@@ -160,7 +151,7 @@ bool storeValue(bool present, const std::string& value, ACE_String_Base<wchar_t>
 // set) otherwise.
 bool entryLine(const char* key, const ACE_String_Base<wchar_t>& value, std::string& line) {
     std::string utf8;
-    if (!toUTF8(value.c_str(), utf8))
+    if (!wcstoutf8(value.c_str(), utf8))
         return false;
     if (utf8.find_first_of("\r\n") != std::string::npos) {
         errno = EINVAL;
@@ -354,12 +345,12 @@ int Registry::setPath(const wchar_t* path) {
 }
 
 void Registry::getConfigFilePath(std::string& configfile) const {
-    if (!toUTF8(configfile_.c_str(), configfile))
+    if (!wcstoutf8(configfile_.c_str(), configfile))
         configfile.clear();
 }
 
 void Registry::getStoragePath(std::string& path) const {
-    if (!toUTF8(path_.c_str(), path))
+    if (!wcstoutf8(path_.c_str(), path))
         path.clear();
 }
 

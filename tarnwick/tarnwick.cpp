@@ -795,6 +795,24 @@ wchar_t* utf8towcs_malloced(const char* source) {
     return target;
 }
 
+bool wcstoutf8(const wchar_t* source, std::string& out) {
+    char* const converted = wcstoutf8_malloced(source);
+    if (converted == nullptr)
+        return false;
+    out = converted;
+    utf8free(converted);
+    return true;
+}
+
+bool utf8towcs(const char* source, std::wstring& out) {
+    wchar_t* const converted = utf8towcs_malloced(source);
+    if (converted == nullptr)
+        return false;
+    out = converted;
+    wcsfree(converted);
+    return true;
+}
+
 void wcsfree(wchar_t* text) {
     std::free(text);
 }

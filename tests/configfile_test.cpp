@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "unprivileged.h"
 
 using namespace Tarnwick;
 using TarnwickTest::LogCapture;
@@ -357,13 +358,14 @@ TEST_F(ConfigFileTest, OpenOfADirectoryReadsNothing) {
 }
 
 TEST_F(ConfigFileTest, OpenOfAnUnreadableFileReadsNothing) {
-    if (geteuid() == 0)
-        GTEST_SKIP() << "root reads every file";
     put("secret.conf", "[a]\nk=v\n");
     ASSERT_EQ(chmod(path("secret.conf").c_str(), 0), 0);
-    ConfigFile file(wpath("secret.conf").c_str());
-    EXPECT_EQ(file.open(), 0);
-    EXPECT_EQ(sectionNames(file), NONE);
+    ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+    TarnwickTest::asUnprivilegedUser([this] {
+        ConfigFile file(wpath("secret.conf").c_str());
+        EXPECT_EQ(file.open(), 0);
+        EXPECT_EQ(sectionNames(file), NONE);
+    });
 }
 
 TEST_F(ConfigFileTest, EmptyFilenameFailsOpenAndUpdate) {
@@ -405,17 +407,18 @@ TEST_F(ConfigFileTest, UpdateOfAnUnwritableTargetFails) {
 }
 
 TEST_F(ConfigFileTest, UpdateOfAReadOnlyFileFails) {
-    if (geteuid() == 0)
-        GTEST_SKIP() << "root writes every file";
     put("ro.conf", "[a]\nk=v\n");
     ASSERT_EQ(chmod(path("ro.conf").c_str(), 0444), 0);
-    ConfigFile file(wpath("ro.conf").c_str());
-    ASSERT_EQ(file.open(), 0);
-    ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
-    LogCapture capture;
-    EXPECT_EQ(file.update(), -1);
-    EXPECT_EQ(capture.lines(),
-              std::vector<std::string>{"%D ERROR (%t): Failed to write to output stream."});
+    ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
+    TarnwickTest::asUnprivilegedUser([this] {
+        ConfigFile file(wpath("ro.conf").c_str());
+        ASSERT_EQ(file.open(), 0);
+        ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
+        LogCapture capture;
+        EXPECT_EQ(file.update(), -1);
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Failed to write to output stream."});
+    });
     EXPECT_EQ(contents("ro.conf"), "[a]\nk=v\n");
 }
 

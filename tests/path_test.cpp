@@ -17,6 +17,7 @@
 #include <fstream>
 #include <string>
 #include <vector>
+#include "unprivileged.h"
 
 using Tarnwick::Path;
 
@@ -53,27 +54,7 @@ mode_t permissionsOf(const std::string& path) {
     return info.st_mode & 07777;
 }
 
-// Runs `check` as it is when the process isn't root, else in a child that
-// has become the user "nobody" (permissions don't bind root).
-template <typename Check>
-void asUnprivilegedUser(Check check) {
-    if (::geteuid() != 0) {
-        check();
-        return;
-    }
-    pid_t const child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        if (::setgid(65534) != 0 || ::setuid(65534) != 0)
-            ::_exit(2);
-        check();
-        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    ASSERT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "the check failed as user nobody";
-}
+using TarnwickTest::asUnprivilegedUser;
 
 // A fresh directory under /tmp for each test, removed with all it holds.
 class PathTest : public ::testing::Test {

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace Tarnwick {
 
@@ -81,6 +82,10 @@ char* wcstoutf8_malloced(const wchar_t* source);
 wchar_t* utf8towcs_malloced(const char* source);
 void wcsfree(wchar_t* text);
 void utf8free(char* text);
+// The same into strings: false (errno EINVAL for null, EILSEQ for text that
+// doesn't convert, ENOMEM) with `out` unchanged.
+bool wcstoutf8(const wchar_t* source, std::string& out);
+bool utf8towcs(const char* source, std::wstring& out);
 // Convert into a caller's buffer of `size` bytes (characters); non-zero on
 // success, 0 on failure or when the result with its terminator doesn't fit.
 int wcstoutf8_buf(char* target, const wchar_t* source, size_t size);

@@ -305,7 +305,8 @@ int Abstract_Event::loadDocument(bool quiet) {
     ACE_Message_Block* payload = m_block->cont();
     if (m_block->isStoredOnDisk()) {
         const char* name = m_block->getFileName();
-        if (Path::IsFile(name)) result = m_document->parseFile(name);
+        if (Path::IsFile(name))
+            result = m_document->parseFile(name);
     } else if (payload != nullptr) {
         ACE_Message_Block* piece = payload->duplicate();
         if (piece == nullptr) {
@@ -680,7 +681,8 @@ int Abstract_Event::data(ACE_Message_Block* block) {
             doc = xmlParseMemory(payload->rd_ptr(), static_cast<int>(payload->length()));
         }
         __setArgsFromXMLDoc(doc);
-        if (doc != nullptr) xmlFreeDoc(doc);
+        if (doc != nullptr)
+            xmlFreeDoc(doc);
     }
     return update_header();
 }

@@ -13,7 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "block_limit.h"
 #include "log_capture.h"
+#include "scratch_cache.h"
 #include "wire.h"
 
 using namespace Tarnwick;
@@ -682,4 +684,49 @@ TEST(AbstractEvent, NameIsPastedIntoTheQueryAsItStands) {
                                   std::string(1, '\0'));
     EXPECT_EQ(event->getArgMap(),
               (std::map<std::string, std::string>{{"a' or @name='b", "B"}, {"b", "B"}}));
+}
+
+TEST(AbstractEvent, LargeFormattedPayloadTravelsThroughTheSpillFile) {
+    TarnwickTest::ScratchCache cache;
+    TarnwickTest::BlockLimit limit(16384);
+    std::string const big(40000, 'v');
+    std::string name;
+    {
+        GetVersionEvent sent;
+        sent.setACT(5151);
+        sent.setArg("big", big);
+        sent.setArg("small", "s");
+        ACE_Message_Block* block = sent.data(false);
+        ASSERT_NE(block, nullptr);
+        Message_Block* message = static_cast<Message_Block*>(block);
+        ASSERT_TRUE(message->isStoredOnDisk());
+        EXPECT_EQ(message->cont(), nullptr);
+        EXPECT_EQ(message->getHeader()->getSize(), message->getLength());
+
+        // The receiving side assembles its own copy; give it another token so
+        // that the two don't share one spill file.
+        std::string wire(reinterpret_cast<const char*>(message->getHeader()), 32);
+        Message_Header* header = reinterpret_cast<Message_Header*>(&wire[0]);
+        header->setACT(5152);
+        header->encode();
+        ACE_Message_Block* piece = nullptr;
+        int64_t n;
+        while ((n = message->read(piece)) > 0) {
+            wire.append(piece->rd_ptr(), piece->length());
+            piece->release();
+            piece = nullptr;
+        }
+        Message_Block* incoming = TarnwickTest::blockFromWire(wire);
+        ASSERT_TRUE(incoming->isStoredOnDisk());
+        name = incoming->getFileName();
+        EventPtr event(Event_Factory::create(incoming));
+        incoming->release();
+        ASSERT_NE(event.event, nullptr);
+        EXPECT_EQ(event->getArgMap().at("small"), "s");
+        EXPECT_EQ(event->getArgMap().at("big"), big);
+        std::string value;
+        EXPECT_EQ(event->getArg("big", value), 0);
+        EXPECT_EQ(value, big);
+    }
+    EXPECT_NE(::access(name.c_str(), F_OK), 0);
 }

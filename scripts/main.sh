@@ -3,7 +3,10 @@
 # example programs in build/ and runs every example.
 #
 # Each examples/NAME.cpp is one program, build/examples/NAME; examples run
-# without arguments and end by themselves.
+# without arguments and end by themselves. The programs marked
+# "tarnwick-example: session" (the demo agent and its control tool) need
+# arguments: they run together, in the scripted session of
+# examples/demo_session.sh.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -23,6 +26,7 @@ ran=0
 for src in examples/*.cpp; do
     [[ -e "$src" ]] || continue
     name=$(basename "$src" .cpp)
+    grep -q "tarnwick-example: session" "$src" && continue
     echo "==== main: build/examples/$name"
     if "build/examples/$name" </dev/null; then
         ran=$((ran + 1))
@@ -32,6 +36,14 @@ for src in examples/*.cpp; do
         status=1
     fi
 done
+
+echo "==== main: session of demo_agent and demo_control"
+if bash examples/demo_session.sh build/examples/demo_agent build/examples/demo_control </dev/null; then
+    ran=$((ran + 1))
+else
+    echo "main: the demo session failed" >&2
+    status=1
+fi
 
 if [[ $status -eq 0 ]]; then
     echo "==== main: $ran example(s) ran"

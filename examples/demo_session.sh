@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# A short session with the demo agent and its control tool, on the loopback
+# interface:
+#
+#   demo_session.sh AGENT CONTROL
+#
+# starts AGENT (demo_agent) on a free port of 127.0.0.1, runs CONTROL
+# (demo_control) for a few commands, shows each reply, and stops the agent
+# with SIGTERM. Exit status 0 when every command ended as expected and the
+# agent stopped cleanly.
+set -uo pipefail
+
+if [[ $# -ne 2 ]]; then
+    echo "usage: $0 AGENT CONTROL" >&2
+    exit 2
+fi
+agent=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+control=$(cd "$(dirname "$2")" && pwd)/$(basename "$2")
+
+work=$(mktemp -d)
+agent_pid=
+cleanup() {
+    if [[ -n $agent_pid ]] && kill -0 "$agent_pid" 2>/dev/null; then
+        kill -KILL "$agent_pid" 2>/dev/null
+    fi
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# A directory for the listing.
+mkdir -p "$work/listing/reports"
+printf 'first line\n' >"$work/listing/notes.txt"
+printf 'a,b\n1,2\n' >"$work/listing/data.csv"
+
+cd "$work" || exit 1
+"$agent" --port=0 --portfile="$work/port" --threads=2 >"$work/agent.out" 2>"$work/agent.log" &
+agent_pid=$!
+
+for _ in $(seq 100); do
+    [[ -s $work/port ]] && break
+    kill -0 "$agent_pid" 2>/dev/null || break
+    sleep 0.1
+done
+if [[ ! -s $work/port ]]; then
+    echo "demo_session: the agent did not start" >&2
+    cat "$work/agent.out" "$work/agent.log" >&2
+    exit 1
+fi
+port=$(cat "$work/port")
+cat "$work/agent.out"
+
+failures=0
+# run EXPECTED_STATUS ARGS...: one command of the control tool.
+run() {
+    local expected=$1
+    shift
+    echo "\$ demo_control $*"
+    "$control" --port="$port" --quiet "$@" 2>"$work/control.log"
+    local status=$?
+    echo "  (exit status $status)"
+    if [[ $status -ne $expected ]]; then
+        echo "demo_session: expected exit status $expected" >&2
+        cat "$work/control.log" >&2
+        failures=$((failures + 1))
+    fi
+}
+
+run 0 --command=version
+run 0 --command=dirlist --path=listing
+run 0 --command=heartbeat
+run 1 --command=kick
+
+kill -TERM "$agent_pid"
+wait "$agent_pid"
+agent_status=$?
+agent_pid=
+if [[ $agent_status -ne 0 ]]; then
+    echo "demo_session: the agent did not stop cleanly" >&2
+    failures=$((failures + 1))
+fi
+tail -n +2 "$work/agent.out"
+# With the agent gone, the tool can't connect: status 2.
+run 2 --command=version
+
+echo "agent exit status $agent_status; its log:"
+# The log without dates and thread numbers.
+sed -E 's/^[0-9-]+ [0-9:.]+ ([A-Z]+ +)\([0-9]+\): /  \1/' "$work/agent.log"
+
+[[ $failures -eq 0 ]]

@@ -1,0 +1,1764 @@
+// The engine: opening and closing, the way of an event through it,
+// connections made and accepted, engine-wide operations on connections, and
+// the identification of peers.
+//
+// The engine is one object per process and keeps its one listener for good,
+// so each test runs in a child process of its own. The peers are handlers
+// driven by hand (made with an out-argument to makeActiveConnection, which
+// leaves them outside the engine), read and written on the thread that also
+// runs the reactor; one test runs a second engine in a process of its own.
+#include <tarnwick/abstract_event.h>
+#include <tarnwick/engine.h>
+#include <tarnwick/event_factory.h>
+#include <tarnwick/handler_t.h>
+#include <tarnwick/identity.h>
+#include <tarnwick/router.h>
+
+#include <ace/INET_Addr.h>
+#include <ace/OS_NS_sys_time.h>
+#include <ace/OS_NS_unistd.h>
+#include <ace/SOCK_Acceptor.h>
+#include <ace/SOCK_Connector.h>
+#include <ace/SOCK_Stream.h>
+#include <ace/Synch_Options.h>
+#include <ace/Thread.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+#include "child.h"
+#include "log_capture.h"
+#include "wire.h"
+
+namespace Tarnwick {
+
+// Replaces the engine's wait between two tries to make its reactor, and the
+// clock of cleanupHandles.
+struct EngineTestHooks {
+    static void sleep(void (*wait)(const ACE_Time_Value&)) { Engine::s_retry_sleep = wait; }
+    static void clock(ACE_Time_Value (*now)()) { Engine::s_clock = now; }
+};
+
+}  // namespace Tarnwick
+
+using namespace Tarnwick;
+using TarnwickTest::LogCapture;
+
+namespace {
+
+typedef std::vector<std::string> Lines;
+
+// ---------------------------------------------------------------------------
+// Test frame
+
+// A scratch TMPDIR for the whole program, so that the engines' event cache
+// directories don't land in the system's temporary directory.
+class ScratchTemp : public ::testing::Environment {
+public:
+    void SetUp() override {
+        char pattern[] = "/tmp/engine_test.XXXXXX";
+        const char* made = ::mkdtemp(pattern);
+        ASSERT_NE(made, nullptr);
+        m_directory = made;
+        ::setenv("TMPDIR", m_directory.c_str(), 1);
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_directory, ignored);
+    }
+
+private:
+    std::string m_directory;
+};
+
+const ::testing::Environment* const scratch_temp =
+    ::testing::AddGlobalTestEnvironment(new ScratchTemp);
+
+// Runs `body` in a child process: the engine is a process-wide object.
+void isolated(const std::function<void()>& body) {
+    TarnwickTest::ChildResult const result = TarnwickTest::runInChild([&body]() {
+        body();
+#if defined(__SANITIZE_ADDRESS__)
+        if (__lsan_do_recoverable_leak_check() != 0)
+            ADD_FAILURE() << "memory leaked";
+#endif
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_TRUE(result.exited()) << "signal " << result.signal() << "\n"
+                                 << result.output << result.errors;
+    EXPECT_EQ(result.exitCode(), 0) << result.output << result.errors;
+}
+
+// Captures the log of a test body; shows it when the body failed.
+class LogLines {
+public:
+    ~LogLines() {
+        if (::testing::Test::HasFailure())
+            std::cout << "---- log\n" << m_capture.text() << "----\n";
+    }
+    Lines lines() const { return m_capture.lines(); }
+    std::string text() const { return m_capture.text(); }
+    bool has(const std::string& line) const {
+        for (const std::string& each : lines()) {
+            if (each == line)
+                return true;
+        }
+        return false;
+    }
+    int count(const std::string& line) const {
+        int found = 0;
+        for (const std::string& each : lines()) {
+            if (each == line)
+                ++found;
+        }
+        return found;
+    }
+    int countPrefix(const std::string& prefix) const {
+        int found = 0;
+        for (const std::string& each : lines()) {
+            if (each.compare(0, prefix.size(), prefix) == 0)
+                ++found;
+        }
+        return found;
+    }
+    bool hasPrefix(const std::string& prefix) const { return countPrefix(prefix) > 0; }
+    void clear() { m_capture.clear(); }
+
+private:
+    LogCapture m_capture;
+};
+
+ACE_Time_Value now() {
+    return ACE_OS::gettimeofday();
+}
+
+void sleepMicroseconds(int microseconds) {
+    ACE_OS::sleep(ACE_Time_Value(0, microseconds));
+}
+
+// Runs reactor steps until `done` says yes, for at most `ms` milliseconds.
+bool pumpUntil(Engine* engine, const std::function<bool()>& done, int ms = 5000) {
+    ACE_Time_Value const deadline = now() + ACE_Time_Value(ms / 1000, (ms % 1000) * 1000);
+    for (;;) {
+        if (done())
+            return true;
+        if (now() > deadline)
+            return false;
+        if (engine->getReactor() != nullptr)
+            engine->run_step();
+        sleepMicroseconds(200);
+    }
+}
+
+// Runs reactor steps for `ms` milliseconds.
+void pumpFor(Engine* engine, int ms) {
+    pumpUntil(
+        engine, [] { return false; }, ms);
+}
+
+// A port on 127.0.0.1 that nothing listens at.
+u_short freePort() {
+    ACE_SOCK_Acceptor probe;
+    ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
+    if (probe.open(any, 1) == -1)
+        return 0;
+    ACE_INET_Addr local;
+    probe.get_local_addr(local);
+    probe.close();
+    return local.get_port_number();
+}
+
+ACE_INET_Addr loopback(u_short port) {
+    return ACE_INET_Addr(port, "127.0.0.1");
+}
+
+// A raw listening socket of the test's own.
+class Listener {
+public:
+    Listener() {
+        ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
+        EXPECT_EQ(m_acceptor.open(any, 1), 0);
+        EXPECT_EQ(m_acceptor.get_local_addr(m_address), 0);
+    }
+    ~Listener() { m_acceptor.close(); }
+    const ACE_INET_Addr& address() const { return m_address; }
+    u_short port() const { return m_address.get_port_number(); }
+    int accept(ACE_SOCK_Stream& stream) { return m_acceptor.accept(stream); }
+
+private:
+    ACE_SOCK_Acceptor m_acceptor;
+    ACE_INET_Addr m_address;
+};
+
+// The bytes that arrive on `stream` within `ms` milliseconds.
+std::string readFor(ACE_SOCK_Stream& stream, int ms) {
+    std::string bytes;
+    ACE_Time_Value const deadline = now() + ACE_Time_Value(0, ms * 1000);
+    char buffer[4096];
+    while (now() < deadline) {
+        ACE_Time_Value wait(0, 10000);
+        ssize_t const count = stream.recv(buffer, sizeof buffer, &wait);
+        if (count > 0)
+            bytes.append(buffer, static_cast<size_t>(count));
+        else if (count == 0)
+            break;
+    }
+    return bytes;
+}
+
+uint32_t wordAt(const std::string& bytes, size_t offset) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < 4; ++i)
+        value = (value << 8) | static_cast<unsigned char>(bytes[offset + i]);
+    return value;
+}
+
+// The payload of a whole received message.
+std::string payloadOf(ACE_Message_Block* block) {
+    return TarnwickTest::payloadPart(TarnwickTest::wireBytes(block));
+}
+
+std::string argOf(Abstract_Event* event, const char* name) {
+    std::string value;
+    event->getArg(name, value);
+    return value;
+}
+
+int numberOf(Abstract_Event* event, const char* name) {
+    int value = -12345;
+    event->getArg(name, &value);
+    return value;
+}
+
+// ---------------------------------------------------------------------------
+// The test's own event handler and router
+
+std::atomic<int> destroyed_handlers(0);
+
+// GetVersionEvent: answered with a version. DirListEvent: fails (-1).
+// KickEvent, HeartBeatEvent: consumed, no reply. IdentityEvent: identifies
+// its connection, no reply. Anything else: unsupported, answered with an
+// error. It notes each event and the thread it came on, and each disconnect;
+// any thread may read these.
+class TestEventHandler : public EventHandler {
+public:
+    TestEventHandler() : m_end_loop_on_kick(false) {}
+    ~TestEventHandler() override { ++destroyed_handlers; }
+
+    void endLoopOnKick() { m_end_loop_on_kick = true; }
+
+    int handle(GetVersionEvent* event) override {
+        note(event);
+        event->reset();
+        event->setArg("version", "6.6.3");
+        return 1;
+    }
+    int handle(DirListEvent* event) override {
+        note(event);
+        errno = EIO;
+        return -1;
+    }
+    int handle(KickEvent* event) override {
+        if (m_end_loop_on_kick)
+            Engine::getSingleton()->getReactor()->end_reactor_event_loop();
+        note(event);
+        return 0;
+    }
+    int handle(HeartBeatEvent* event) override {
+        note(event);
+        return 0;
+    }
+    int handle(IdentityEvent* event) override {
+        int const result = Engine::getSingleton()->activate_handler(event);
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_activations.push_back(result);
+        }
+        note(event);
+        return 0;
+    }
+    int handle_unsupported(Abstract_Event* event) override {
+        note(event);
+        return event->error("Unsupported event.", ENOSYS);
+    }
+    int handle_disconnect(Handler*) override {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        ++m_disconnects;
+        return 0;
+    }
+
+    int seen(uint32_t type) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_seen[type];
+    }
+    int events() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return static_cast<int>(m_threads.size());
+    }
+    std::vector<ACE_thread_t> threads() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_threads;
+    }
+    std::vector<int> activations() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_activations;
+    }
+    int disconnects() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_disconnects;
+    }
+
+private:
+    void note(Abstract_Event* event) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        ++m_seen[event->getType()];
+        m_threads.push_back(ACE_Thread::self());
+    }
+
+    bool m_end_loop_on_kick;
+    std::mutex m_mutex;
+    std::map<uint32_t, int> m_seen;
+    std::vector<ACE_thread_t> m_threads;
+    std::vector<int> m_activations;
+    int m_disconnects = 0;
+};
+
+// A Router that refuses StopJobEvent and treats broadcasts and events with
+// an agent id as another peer's, to be passed on; with `relay`, replies too.
+// Events that name no destination go by the kind of search `filter`.
+class TestRouter : public Router {
+public:
+    explicit TestRouter(int filter = Routing_Key::ROUTE_HANDLER, bool relay = false)
+        : m_filter(filter), m_relay(relay) {}
+
+    bool isAuthorized(Abstract_Event* event) override { return event->getType() != STOP_JOB_EVENT; }
+    bool isLocal(Abstract_Event* event) override {
+        return !event->isBroadCast() && event->getAgentID() == 0 && !(m_relay && event->isResult());
+    }
+
+protected:
+    int default_filter_type() override { return m_filter; }
+
+private:
+    int m_filter;
+    bool m_relay;
+};
+
+// The identity of this process.
+void setIdentity(Identity::Type type, uint32_t agentid) {
+    Identity* self = Identity::instance();
+    self->setName("engine_test");
+    self->setType(type);
+    self->setAgentID(agentid);
+    self->setLogin("tester");
+    self->setPassword("secret");
+}
+
+// The engine of a test body, with its event handler and router (owned by
+// the engine) and, with `identify`, identification requests.
+struct EngineSetup {
+    Engine* engine;
+    TestEventHandler* handler;
+    Router_Base* router;
+};
+
+EngineSetup prepare(Router_Base* router, bool identify) {
+    EngineSetup setup;
+    setup.engine = Engine::getSingleton();
+    setup.handler = new TestEventHandler();
+    setup.router = router;
+    if (!identify)
+        setup.engine->disableIdentification();
+    setup.engine->event_handler(setup.handler, true);
+    setup.engine->router(router, true);
+    setIdentity(Identity::TWAGENT, 1);
+    return setup;
+}
+
+EngineSetup start(int threads, Router_Base* router, bool identify) {
+    EngineSetup setup = prepare(router, identify);
+    EXPECT_EQ(setup.engine->open(threads, false), 0);
+    return setup;
+}
+
+u_short startListening(Engine* engine) {
+    u_short const port = freePort();
+    ACE_Synch_Options options;
+    EXPECT_EQ(engine->makeConnection(loopback(port), CONNECTION_PASSIVE, options), 0);
+    return port;
+}
+
+int connections(Router_Base* router) {
+    Dispatch_Set set;
+    if (router->findAllHandlers(set) == -1)
+        return 0;
+    return static_cast<int>(set.size());
+}
+
+bool holdsSourceToken(Router_Base* router, uint32_t token) {
+    Dispatch_Set set;
+    return router->findHandlersByACT(token, set) == 0;
+}
+
+// A connection to the engine driven by hand: made with an out-argument, so
+// that it has no engine; non-blocking; read and written on the thread that
+// runs the engine's reactor.
+class Peer {
+public:
+    explicit Peer(u_short port) : m_handler(nullptr), m_closed(false) {
+        ACE_Synch_Options options;
+        if (Engine::makeActiveConnection(loopback(port), 0, options, &m_handler) == 0)
+            static_cast<PlainHandler*>(m_handler)->peer().enable(ACE_NONBLOCK);
+        else
+            m_handler = nullptr;
+    }
+    ~Peer() {
+        if (m_handler != nullptr) {
+            m_handler->close(0);
+            m_handler->release();
+        }
+    }
+    Peer(const Peer&) = delete;
+    Peer& operator=(const Peer&) = delete;
+
+    bool connected() const { return m_handler != nullptr; }
+    Handler* handler() { return m_handler; }
+
+    // Writes the whole message of `event` (its header is left in network
+    // order).
+    bool send(Abstract_Event* event) {
+        ACE_Message_Block* block = event->data(false);
+        if (m_handler == nullptr || block == nullptr)
+            return false;
+        for (int i = 0; i < 100000; ++i) {
+            errno = 0;
+            int64_t const result = m_handler->send(block, nullptr);
+            if (result < 0)
+                return false;
+            if (errno != EWOULDBLOCK)
+                return true;
+            sleepMicroseconds(100);
+        }
+        return false;
+    }
+    // Makes an event of `type`, lets `fill` change it, sends it and gives
+    // its token.
+    uint32_t send(int type, const std::function<void(Abstract_Event*)>& fill = nullptr) {
+        Abstract_Event* event = Event_Factory::create(type);
+        if (event == nullptr)
+            return 0;
+        if (fill)
+            fill(event);
+        uint32_t const token = event->getACT();
+        bool const sent = send(event);
+        event->destroy();
+        return sent ? token : 0;
+    }
+    // Sends an IdentityEvent of `identity`; its token.
+    uint32_t identify(Identity& identity) {
+        IdentityEvent event;
+        if (identity.updateEvent(&event) == -1)
+            return 0;
+        uint32_t const token = event.getACT();
+        return send(&event) ? token : 0;
+    }
+
+    // The next whole message, reading while the engine runs; null when none
+    // came within `ms` milliseconds or the connection ended.
+    ACE_Message_Block* receiveBlock(Engine* engine, int ms = 5000) {
+        ACE_Message_Block* block = nullptr;
+        pumpUntil(
+            engine,
+            [&]() {
+                if (m_handler == nullptr || m_closed)
+                    return true;
+                errno = 0;
+                int64_t const result = m_handler->recv(block, nullptr);
+                if (result > 0)
+                    return true;
+                block = nullptr;
+                if (result == 0 || errno != EWOULDBLOCK) {
+                    m_closed = true;
+                    return true;
+                }
+                return false;
+            },
+            ms);
+        return block;
+    }
+    // The next message as an event, destroyed by the caller.
+    Abstract_Event* receive(Engine* engine, int ms = 5000) {
+        ACE_Message_Block* block = receiveBlock(engine, ms);
+        if (block == nullptr)
+            return nullptr;
+        Abstract_Event* event = Event_Factory::create(block);
+        block->release();
+        return event;
+    }
+    // True when nothing arrives within `ms` milliseconds and the connection
+    // stays.
+    bool quiet(Engine* engine, int ms = 100) {
+        ACE_Message_Block* block = receiveBlock(engine, ms);
+        if (block != nullptr) {
+            block->release();
+            return false;
+        }
+        return !m_closed;
+    }
+    // True once the connection has ended, reading (and dropping) what still
+    // comes for at most `ms` milliseconds.
+    bool closed(Engine* engine, int ms = 5000) {
+        ACE_Time_Value const deadline = now() + ACE_Time_Value(ms / 1000, (ms % 1000) * 1000);
+        while (!m_closed && now() < deadline) {
+            ACE_Message_Block* block = receiveBlock(engine, 50);
+            if (block != nullptr)
+                block->release();
+        }
+        return m_closed;
+    }
+
+private:
+    Handler* m_handler;
+    bool m_closed;
+};
+
+// An identity that a peer sends.
+Identity peerIdentity(Identity::Type type, uint32_t agentid, bool credentials = true) {
+    Identity identity("peer", type, 0);
+    identity.setAgentID(agentid);
+    if (credentials) {
+        identity.setLogin("operator");
+        identity.setPassword("pw");
+    }
+    return identity;
+}
+
+// Identifies `peer` to the engine as an agent with `agentid`, and waits
+// until the engine has taken it in.
+bool identifyAsAgent(EngineSetup& setup, Peer& peer, uint32_t agentid) {
+    Identity identity = peerIdentity(Identity::TWAGENT, agentid);
+    size_t const before = setup.handler->activations().size();
+    if (peer.identify(identity) == 0)
+        return false;
+    return pumpUntil(setup.engine, [&] { return setup.handler->activations().size() > before; });
+}
+
+// The server-side handler of the agent `agentid`, with a reference.
+Handler* agentConnection(Router_Base* router, uint32_t agentid) {
+    Dispatch_Set set;
+    if (router->findHandlersByAgentID(agentid, set) == -1 || set.size() != 1)
+        return nullptr;
+    Handler* handler = *set.begin();
+    return handler->duplicate();
+}
+
+const std::string ACTIVATED_AGENT_7 =
+    "%D INFO  (%t): Connection from 127.0.0.1 activated : twagent 7";
+const std::string CONVERSION_FAILED =
+    "%D ERROR (%t): An error occurred while converting network data into an event.";
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Opening and closing
+
+TEST(Engine, SingletonIsOneObject) {
+    isolated([] {
+        Engine* engine = Engine::getSingleton();
+        ASSERT_NE(engine, nullptr);
+        EXPECT_EQ(engine, Engine::getSingleton());
+        EXPECT_EQ(engine->getReactor(), nullptr);
+        EXPECT_EQ(engine->event_handler(), nullptr);
+        EXPECT_EQ(engine->router(), nullptr);
+        EXPECT_TRUE(engine->identifyIsRequired());
+        EXPECT_FALSE(engine->isServer());
+        EXPECT_FALSE(engine->monitoringEnabled());
+        EXPECT_FALSE(engine->isClosed());
+        EXPECT_EQ(engine->locking_strategy(), nullptr);
+        // The engine ignores SIGPIPE for good.
+        struct sigaction action;
+        ASSERT_EQ(::sigaction(SIGPIPE, nullptr, &action), 0);
+        EXPECT_EQ(action.sa_handler, SIG_IGN);
+    });
+}
+
+TEST(Engine, SwitchesGoOneWay) {
+    isolated([] {
+        Engine* engine = Engine::getSingleton();
+        engine->disableIdentification();
+        EXPECT_FALSE(engine->identifyIsRequired());
+        engine->enableServerMode();
+        EXPECT_TRUE(engine->isServer());
+        engine->enableMonitoring();
+        EXPECT_TRUE(engine->monitoringEnabled());
+        engine->setApplicationName("probe");
+        EXPECT_STREQ(Identity::instance()->name(), "probe");
+        engine->setApplicationName(nullptr);
+        EXPECT_STREQ(Identity::instance()->name(), "probe");
+    });
+}
+
+TEST(Engine, ReplacingOwnedHandlerAndRouterDestroysTheOldOnes) {
+    isolated([] {
+        Engine* engine = Engine::getSingleton();
+        destroyed_handlers = 0;
+        TestEventHandler* first = new TestEventHandler();
+        EXPECT_EQ(engine->event_handler(first, true), 0);
+        EXPECT_EQ(engine->event_handler(), first);
+        TestEventHandler second;
+        EXPECT_EQ(engine->event_handler(&second, false), 0);
+        EXPECT_EQ(destroyed_handlers.load(), 1);
+        EXPECT_EQ(engine->event_handler(), &second);
+        EXPECT_EQ(engine->event_handler(nullptr, false), 0);
+        EXPECT_EQ(destroyed_handlers.load(), 1);
+
+        Router router;
+        EXPECT_EQ(engine->router(new Router(), true), 0);
+        EXPECT_EQ(engine->router(&router, false), 0);
+        EXPECT_EQ(engine->router(), &router);
+        EXPECT_EQ(engine->router(nullptr, false), 0);
+    });
+}
+
+TEST(Engine, OpenWithoutWorkers) {
+    isolated([] {
+        LogLines log;
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        EXPECT_EQ(engine->thr_count(), 0u);
+        ASSERT_NE(engine->getReactor(), nullptr);
+        EXPECT_TRUE(engine->getReactor()->initialized());
+        EXPECT_NE(engine->locking_strategy(), nullptr);
+        EXPECT_EQ(Handler::Data_Block_Size, 16384u);
+        EXPECT_EQ(engine->msg_queue()->high_water_mark(), 0u);
+        EXPECT_EQ(engine->msg_queue()->low_water_mark(), 0u);
+        EXPECT_FALSE(engine->isClosed());
+        EXPECT_GE(engine->run_step(), 0);
+        EXPECT_EQ(engine->close(), 0);
+        EXPECT_NE(engine->getReactor(), nullptr);
+        EXPECT_EQ(log.count("%D DEBUG (%t): Engine: Starting worker thread"), 0);
+        // The payload cache is ready.
+        const char* tmp = ::getenv("TMPDIR");
+        ASSERT_NE(tmp, nullptr);
+        EXPECT_TRUE(std::filesystem::is_directory(std::string(tmp) + "/event-cache/twagent"));
+        EXPECT_EQ(engine->shutdown(), 0);
+    });
+}
+
+TEST(Engine, OpenWithWorkers) {
+    isolated([] {
+        LogLines log;
+        EngineSetup setup = start(2, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        EXPECT_EQ(engine->thr_count(), 2u);
+        EXPECT_EQ(engine->msg_queue()->high_water_mark(), 2u * 655360u);
+        EXPECT_EQ(engine->msg_queue()->low_water_mark(), 0u);
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_EQ(engine->thr_count(), 0u);
+        EXPECT_EQ(log.count("%D DEBUG (%t): Engine: Starting worker thread"), 2);
+    });
+}
+
+TEST(Engine, OpenWithSslIsRefusedInThisBuild) {
+    isolated([] {
+        LogLines log;
+        EngineSetup setup = prepare(new TestRouter(), false);
+        EXPECT_EQ(setup.engine->open(1, true), -1);
+        EXPECT_EQ(setup.engine->getReactor(), nullptr);
+        EXPECT_EQ(setup.engine->thr_count(), 0u);
+        EXPECT_TRUE(log.has("%D ERROR (%t): SSL is not available in this build."));
+    });
+}
+
+namespace {
+
+std::vector<ACE_Time_Value> retry_waits;
+
+void recordWait(const ACE_Time_Value& wait) {
+    retry_waits.push_back(wait);
+}
+
+}  // namespace
+
+TEST(Engine, ReactorIsTriedTenTimes) {
+    isolated([] {
+        // A hard limit of descriptors below what the reactor needs.
+        struct rlimit low = {64, 64};
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+        EngineTestHooks::sleep(recordWait);
+        LogLines log;
+        EngineSetup setup = prepare(new TestRouter(), false);
+        EXPECT_EQ(setup.engine->open(0, false), -1);
+        EXPECT_EQ(setup.engine->getReactor(), nullptr);
+        ASSERT_EQ(retry_waits.size(), 10u);
+        for (const ACE_Time_Value& wait : retry_waits)
+            EXPECT_EQ(wait, ACE_Time_Value(5));
+        EXPECT_EQ(log.count("%D WARN  (%t): Could not initialize reactor. Retry within 5 seconds."),
+                  10);
+        EXPECT_EQ(
+            log.count(
+                " Please ensure open file hard limits are above 1010 for this user. (ulimit)"),
+            10);
+        std::string const text = log.text();
+        std::string const tail =
+            ".\nPlease make sure that no firewalls are blocking network connections.";
+        ASSERT_GE(text.size(), tail.size());
+        EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
+        EXPECT_NE(text.find("%D ERROR (%t): Could not initialize reactor: "), std::string::npos);
+    });
+}
+
+TEST(Engine, SetBufferSizeLimits) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        LogLines log;
+        engine->setBufferSize(512);
+        EXPECT_EQ(Handler::Data_Block_Size, 512u);
+        engine->setBufferSize(1048576);
+        EXPECT_EQ(Handler::Data_Block_Size, 1048576u);
+        engine->setBufferSize(511);
+        EXPECT_EQ(Handler::Data_Block_Size, 1048576u);
+        engine->setBufferSize(1048577);
+        EXPECT_EQ(Handler::Data_Block_Size, 1048576u);
+        Lines const expected = {
+            "%D DEBUG (%t): Setting buffer size to 512",
+            "%D DEBUG (%t): Setting buffer size to 1048576",
+            "%D WARN  (%t): Invalid buffer size provided, keeping default 1048576",
+            "%D WARN  (%t): Invalid buffer size provided, keeping default 1048576",
+        };
+        EXPECT_EQ(log.lines(), expected);
+        engine->shutdown();
+    });
+}
+
+TEST(Engine, SetBufferSizeBeforeOpenIsLost) {
+    isolated([] {
+        EngineSetup setup = prepare(new TestRouter(), false);
+        setup.engine->setBufferSize(4096);
+        EXPECT_EQ(Handler::Data_Block_Size, 4096u);
+        ASSERT_EQ(setup.engine->open(0, false), 0);
+        EXPECT_EQ(Handler::Data_Block_Size, 16384u);
+        setup.engine->shutdown();
+    });
+}
+
+TEST(Engine, EngineWideCallsWithoutConnections) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        EXPECT_EQ(engine->disconnect(), -1);
+        EXPECT_EQ(engine->sendGlobalHeartBeat(), 0);
+        EXPECT_EQ(engine->cleanupHandles(10, false), 0);
+        EXPECT_EQ(engine->cleanupHandles(10, true), 0);
+        engine->shutdown();
+    });
+}
+
+TEST(Engine, ShutdownTwice) {
+    isolated([] {
+        destroyed_handlers = 0;
+        EngineSetup setup = start(2, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_TRUE(engine->isClosed());
+        EXPECT_EQ(engine->getReactor(), nullptr);
+        EXPECT_EQ(engine->event_handler(), nullptr);
+        EXPECT_EQ(engine->router(), nullptr);
+        EXPECT_EQ(engine->locking_strategy(), nullptr);
+        EXPECT_EQ(destroyed_handlers.load(), 1);
+        LogLines log;
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_TRUE(engine->isClosed());
+        EXPECT_EQ(destroyed_handlers.load(), 1);
+        EXPECT_TRUE(log.lines().empty());
+    });
+}
+
+TEST(Engine, ShutdownKeepsHandlerAndRouterThatItDoesNotOwn) {
+    isolated([] {
+        destroyed_handlers = 0;
+        Engine* engine = Engine::getSingleton();
+        engine->disableIdentification();
+        TestEventHandler handler;
+        TestRouter router;
+        engine->event_handler(&handler, false);
+        engine->router(&router, false);
+        ASSERT_EQ(engine->open(1, false), 0);
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_EQ(engine->event_handler(), &handler);
+        EXPECT_EQ(engine->router(), &router);
+        EXPECT_EQ(destroyed_handlers.load(), 0);
+        engine->event_handler(nullptr, false);
+        engine->router(nullptr, false);
+    });
+}
+
+TEST(Engine, ShutdownClosesEveryConnection) {
+    isolated([] {
+        destroyed_handlers = 0;
+        EngineSetup setup = start(2, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer first(port);
+        Peer second(port);
+        ASSERT_TRUE(first.connected() && second.connected());
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_EQ(destroyed_handlers.load(), 1);
+        EXPECT_TRUE(first.closed(engine));
+        EXPECT_TRUE(second.closed(engine));
+    });
+}
+
+TEST(Engine, ShutdownTellsTheEventHandlerOfEachConnection) {
+    isolated([] {
+        Engine* engine = Engine::getSingleton();
+        engine->disableIdentification();
+        TestEventHandler handler;
+        engine->event_handler(&handler, false);
+        engine->router(new TestRouter(), true);
+        setIdentity(Identity::TWAGENT, 1);
+        ASSERT_EQ(engine->open(0, false), 0);
+        Router_Base* router = engine->router();
+        u_short const port = startListening(engine);
+        Peer first(port);
+        Peer second(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(router) == 2; }));
+        LogLines log;
+        EXPECT_EQ(engine->shutdown(), 0);
+        EXPECT_EQ(handler.disconnects(), 2);
+        EXPECT_TRUE(log.has("%D DEBUG (%t): Closing passive connection."));
+        engine->event_handler(nullptr, false);
+    });
+}
+
+TEST(Engine, OpenAfterShutdown) {
+    isolated([] {
+        EngineSetup setup = start(1, new TestRouter(), true);
+        Engine* engine = setup.engine;
+        startListening(engine);
+        ACE_Reactor* first = engine->getReactor();
+        ASSERT_EQ(engine->shutdown(), 0);
+
+        // The owned handler and router went with the shutdown.
+        setup = prepare(new SinglePeerRouter(), true);
+        ASSERT_EQ(engine->open(2, false), 0);
+        EXPECT_FALSE(engine->isClosed());
+        ASSERT_NE(engine->getReactor(), nullptr);
+        EXPECT_NE(engine->getReactor(), first);
+        EXPECT_EQ(engine->thr_count(), 2u);
+
+        // The listener of the first session stays the engine's only one.
+        {
+            LogLines log;
+            ACE_Synch_Options options;
+            EXPECT_EQ(engine->makeConnection(loopback(freePort()), CONNECTION_PASSIVE, options),
+                      -1);
+            Lines const expected = {"%D DEBUG (%t): Setting up passive connection."};
+            EXPECT_EQ(log.lines(), expected);
+        }
+
+        // An active connection works, and is asked who it is.
+        Listener listener;
+        ACE_Synch_Options options;
+        ASSERT_EQ(engine->makeConnection(listener.address(), 0, options), 0);
+        ACE_SOCK_Stream stream;
+        ASSERT_EQ(listener.accept(stream), 0);
+        std::string bytes;
+        ASSERT_TRUE(pumpUntil(engine, [&] {
+            bytes += readFor(stream, 5);
+            return bytes.size() >= 32;
+        }));
+        EXPECT_EQ(wordAt(bytes, 12), static_cast<uint32_t>(IDENTITY_EVENT));
+        EXPECT_EQ(engine->shutdown(), 0);
+        stream.close();
+    });
+}
+
+// ---------------------------------------------------------------------------
+// The way of an event, without workers and with two
+
+class EngineDispatch : public ::testing::TestWithParam<int> {
+protected:
+    int threads() const { return GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Workers, EngineDispatch, ::testing::Values(0, 2),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return info.param == 0 ? std::string("NoWorkers")
+                                                    : std::string("TwoWorkers");
+                         });
+
+TEST_P(EngineDispatch, ReplyGoesBackByToken) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        ASSERT_TRUE(peer.connected());
+        uint32_t const token = peer.send(GET_VERSION_EVENT);
+        ASSERT_NE(token, 0u);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(GET_VERSION_EVENT));
+        EXPECT_TRUE(reply->isResult());
+        EXPECT_FALSE(reply->isError());
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "version"), "6.6.3");
+        reply->destroy();
+        // The reply took the token out of the connection's source list.
+        EXPECT_TRUE(pumpUntil(engine, [&] { return !holdsSourceToken(setup.router, token); }));
+
+        std::vector<ACE_thread_t> const threads = setup.handler->threads();
+        ASSERT_EQ(threads.size(), 1u);
+        if (workers == 0) {
+            EXPECT_TRUE(ACE_OS::thr_equal(threads[0], ACE_Thread::self()));
+            EXPECT_EQ(engine->msg_queue()->message_count(), 0u);
+            EXPECT_EQ(engine->thr_count(), 0u);
+        } else {
+            EXPECT_FALSE(ACE_OS::thr_equal(threads[0], ACE_Thread::self()));
+        }
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, UnsupportedEventGetsTheHandlersErrorReply) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        uint32_t const token = peer.send(RELOAD_EVENT);
+        ASSERT_NE(token, 0u);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(ERROR_EVENT));
+        EXPECT_TRUE(reply->isResult());
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "errormsg"), "Unsupported event.");
+        EXPECT_EQ(numberOf(reply, "errornr"), ENOSYS);
+        reply->destroy();
+        EXPECT_EQ(setup.handler->seen(RELOAD_EVENT), 1);
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, FailingHandlerGivesUnknownError) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        uint32_t const token = peer.send(DIR_LIST_EVENT);
+        ASSERT_NE(token, 0u);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(ERROR_EVENT));
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "errormsg"), "Unknown error occurred while executing command.");
+        EXPECT_EQ(numberOf(reply, "errornr"), 1);
+        reply->destroy();
+        engine->shutdown();
+        EXPECT_TRUE(log.has("%D ERROR (%t): An unspecified error occurred: Input/output error"));
+    });
+}
+
+TEST_P(EngineDispatch, UnauthorizedEventNeverReachesTheHandler) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        uint32_t const token = peer.send(STOP_JOB_EVENT);
+        ASSERT_NE(token, 0u);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(ERROR_EVENT));
+        EXPECT_TRUE(reply->isResult());
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "errormsg"), "Permission denied.");
+        EXPECT_EQ(numberOf(reply, "errornr"), 1);
+        reply->destroy();
+        EXPECT_EQ(setup.handler->events(), 0);
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, ConsumedEventLeavesNoToken) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        uint32_t const token = peer.send(KICK_EVENT);
+        ASSERT_NE(token, 0u);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return setup.handler->seen(KICK_EVENT) == 1; }));
+        EXPECT_TRUE(pumpUntil(engine, [&] { return !holdsSourceToken(setup.router, token); }));
+        EXPECT_TRUE(peer.quiet(engine));
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, UnknownTypeIsLoggedAndTheConnectionStays) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        ASSERT_NE(peer.send(KICK_EVENT, [](Abstract_Event* event) { event->setType(99); }), 0u);
+        EXPECT_TRUE(peer.quiet(engine));
+        // The connection still serves.
+        uint32_t const token = peer.send(GET_VERSION_EVENT);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getACT(), token);
+        reply->destroy();
+        EXPECT_EQ(setup.handler->events(), 1);
+        engine->shutdown();
+        EXPECT_EQ(log.count(CONVERSION_FAILED), 1);
+    });
+}
+
+TEST_P(EngineDispatch, IdentityEventActivatesTheConnection) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        ASSERT_TRUE(identifyAsAgent(setup, peer, 7));
+        EXPECT_EQ(setup.handler->activations(), std::vector<int>{0});
+        Handler* connection = agentConnection(setup.router, 7);
+        ASSERT_NE(connection, nullptr);
+        EXPECT_TRUE(connection->isAgent());
+        EXPECT_STREQ(connection->identity().login(), "operator");
+        connection->release();
+
+        // From now on the connection is reached by its agent id.
+        KickEvent kick;
+        kick.setAgentID(7);
+        uint32_t const token = kick.getACT();
+        EXPECT_EQ(engine->forward(&kick), 0);
+        Abstract_Event* received = peer.receive(engine);
+        ASSERT_NE(received, nullptr);
+        EXPECT_EQ(received->getType(), static_cast<uint32_t>(KICK_EVENT));
+        EXPECT_EQ(received->getACT(), token);
+        received->destroy();
+        engine->shutdown();
+        EXPECT_TRUE(log.has(ACTIVATED_AGENT_7));
+    });
+}
+
+TEST_P(EngineDispatch, IdentityWithoutLoginActivatesAsUnknown) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        Identity identity = peerIdentity(Identity::TWAGENT, 7, false);
+        ASSERT_NE(peer.identify(identity), 0u);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return setup.handler->activations().size() == 1; }));
+        EXPECT_EQ(setup.handler->activations(), std::vector<int>{0});
+        Handler* connection = agentConnection(setup.router, 7);
+        EXPECT_EQ(connection, nullptr);
+        engine->shutdown();
+        EXPECT_TRUE(log.has("%D INFO  (%t): Connection from 127.0.0.1 activated : unknown"));
+    });
+}
+
+TEST_P(EngineDispatch, ReplyIdentityFindsNoConnection) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        Identity identity = peerIdentity(Identity::TWAGENT, 7);
+        IdentityEvent event;
+        ASSERT_EQ(identity.updateEvent(&event), 0);
+        event.setResult(true);
+        ASSERT_TRUE(peer.send(&event));
+        ASSERT_TRUE(pumpUntil(engine, [&] { return setup.handler->activations().size() == 1; }));
+        EXPECT_EQ(setup.handler->activations(), std::vector<int>{-1});
+        EXPECT_EQ(agentConnection(setup.router, 7), nullptr);
+        engine->shutdown();
+        EXPECT_TRUE(log.has("%D ERROR (%t): Can not find network handler. Activation failed."));
+    });
+}
+
+TEST_P(EngineDispatch, NonLocalBroadcastReachesTheAgents) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer seven(port);
+        Peer eight(port);
+        Peer sender(port);
+        ASSERT_TRUE(identifyAsAgent(setup, seven, 7));
+        ASSERT_TRUE(identifyAsAgent(setup, eight, 8));
+        uint32_t const token = sender.send(RELOAD_EVENT, [](Abstract_Event* event) {
+            event->setArg("payload", "original");
+            event->setBroadCast(true);
+        });
+        ASSERT_NE(token, 0u);
+        for (Peer* agent : {&seven, &eight}) {
+            ACE_Message_Block* block = agent->receiveBlock(engine);
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(Abstract_Event::GetMessageType(block), static_cast<uint32_t>(RELOAD_EVENT));
+            EXPECT_EQ(Abstract_Event::GetACT(block), token);
+            EXPECT_EQ(payloadOf(block), "broadcast ok\n");
+            block->release();
+        }
+        EXPECT_TRUE(sender.quiet(engine));
+        EXPECT_EQ(setup.handler->seen(RELOAD_EVENT), 0);
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, EventForAnAbsentAgentComesBackAsAnError) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        uint32_t const token =
+            peer.send(GET_VERSION_EVENT, [](Abstract_Event* event) { event->setAgentID(99); });
+        ASSERT_NE(token, 0u);
+        Abstract_Event* reply = peer.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(ERROR_EVENT));
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "errormsg"), "Could not forward message to Agent with id 99.");
+        EXPECT_EQ(numberOf(reply, "errornr"), 1);
+        reply->destroy();
+        EXPECT_EQ(setup.handler->events(), 0);
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, RequestIsRelayedToAnAgentAndTheReplyComesBack) {
+    int const workers = threads();
+    isolated([workers] {
+        EngineSetup setup = start(workers, new TestRouter(Routing_Key::ROUTE_HANDLER, true), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer agent(port);
+        Peer asker(port);
+        ASSERT_TRUE(identifyAsAgent(setup, agent, 7));
+        uint32_t const token =
+            asker.send(GET_VERSION_EVENT, [](Abstract_Event* event) { event->setAgentID(7); });
+        ASSERT_NE(token, 0u);
+
+        Abstract_Event* request = agent.receive(engine);
+        ASSERT_NE(request, nullptr);
+        EXPECT_EQ(request->getType(), static_cast<uint32_t>(GET_VERSION_EVENT));
+        EXPECT_FALSE(request->isResult());
+        EXPECT_EQ(request->getACT(), token);
+        Handler* connection = agentConnection(setup.router, 7);
+        ASSERT_NE(connection, nullptr);
+        EXPECT_TRUE(connection->getTargetACT().contains(token));
+
+        // The agent answers; the reply finds the asker by its token.
+        request->reset();
+        request->setResult(true);
+        request->setAgentID(0);
+        request->setArg("version", "7.0");
+        ASSERT_TRUE(agent.send(request));
+        request->destroy();
+        Abstract_Event* reply = asker.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->getType(), static_cast<uint32_t>(GET_VERSION_EVENT));
+        EXPECT_TRUE(reply->isResult());
+        EXPECT_EQ(reply->getACT(), token);
+        EXPECT_EQ(argOf(reply, "version"), "7.0");
+        reply->destroy();
+        EXPECT_FALSE(connection->getTargetACT().contains(token));
+        EXPECT_FALSE(holdsSourceToken(setup.router, token));
+        connection->release();
+        EXPECT_EQ(setup.handler->seen(GET_VERSION_EVENT), 0);
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineDispatch, NewConnectionIsAskedWhoItIs) {
+    int const workers = threads();
+    isolated([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(Routing_Key::ROUTE_ALL), true);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        Abstract_Event* request = peer.receive(engine);
+        ASSERT_NE(request, nullptr);
+        EXPECT_EQ(request->getType(), static_cast<uint32_t>(IDENTITY_EVENT));
+        EXPECT_FALSE(request->isResult());
+        EXPECT_NE(request->getACT(), 0u);
+        EXPECT_EQ(argOf(request, "type"), "1");
+        EXPECT_EQ(argOf(request, "agentid"), "1");
+        EXPECT_EQ(argOf(request, "login"), "tester");
+        request->destroy();
+        engine->shutdown();
+        EXPECT_TRUE(log.has("%D DEBUG (%t): Sending Identification request."));
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Identification
+
+TEST(EngineIdentification, RequestThatFindsNoWayRefusesTheConnection) {
+    isolated([] {
+        LogLines log;
+        // A plain Router sends an event without destination nowhere.
+        EngineSetup setup = start(0, new Router(), true);
+        Engine* engine = setup.engine;
+        Peer peer(startListening(engine));
+        EXPECT_TRUE(peer.closed(engine));
+        EXPECT_EQ(connections(setup.router), 0);
+        engine->shutdown();
+        EXPECT_TRUE(log.has("%D DEBUG (%t): Sending Identification request."));
+        EXPECT_TRUE(log.hasPrefix("%D ERROR (%t): Incoming connection failed: "));
+    });
+}
+
+TEST(EngineIdentification, ActivateWithoutRouterOrToken) {
+    isolated([] {
+        LogLines log;
+        EngineSetup setup = start(0, new TestRouter(), false);
+        IdentityEvent event;
+        EXPECT_EQ(setup.engine->activate_handler(&event), -1);
+        EXPECT_EQ(setup.engine->activate_handler(nullptr), -1);
+        EXPECT_EQ(log.count("%D ERROR (%t): Can not find network handler. Activation failed."), 2);
+        setup.engine->shutdown();
+    });
+}
+
+namespace {
+
+// The agent's side of TwoEnginesIdentifyEachOther, in a process of its own:
+// it listens at `port`, asks every new connection who it is, and takes in
+// the peer's answer. 0 when it identified a "twctrl" peer that then left.
+int runAgent(u_short port, int ready) {
+    LogLines log;
+    EngineSetup setup = start(1, new TestRouter(Routing_Key::ROUTE_ALL), true);
+    setIdentity(Identity::TWAGENT, 7);
+    ACE_Synch_Options options;
+    if (setup.engine->makeConnection(loopback(port), CONNECTION_PASSIVE, options) == -1)
+        return 2;
+    char const mark = 'r';
+    if (::write(ready, &mark, 1) != 1)
+        return 3;
+    ::close(ready);
+    bool const done = pumpUntil(
+        setup.engine,
+        [&] {
+            return setup.handler->activations().size() == 1 && setup.handler->disconnects() == 1;
+        },
+        10000);
+    setup.engine->shutdown();
+    bool const identified = log.has("%D INFO  (%t): Connection from 127.0.0.1 activated : twctrl");
+    if (!done || !identified) {
+        std::cerr << "agent: done " << done << ", identified " << identified << "\n" << log.text();
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+TEST(EngineIdentification, TwoEnginesIdentifyEachOther) {
+    isolated([] {
+        u_short const port = freePort();
+        int pipe_ends[2];
+        ASSERT_EQ(::pipe(pipe_ends), 0);
+        pid_t const agent = ::fork();
+        ASSERT_NE(agent, -1);
+        if (agent == 0) {
+            ::close(pipe_ends[0]);
+            ::_exit(runAgent(port, pipe_ends[1]));
+        }
+        ::close(pipe_ends[1]);
+        char mark = 0;
+        ssize_t const got = ::read(pipe_ends[0], &mark, 1);
+        ::close(pipe_ends[0]);
+
+        LogLines log;
+        EngineSetup setup = prepare(new SinglePeerRouter(), true);
+        setIdentity(Identity::TWCTRL, 0);
+        ASSERT_EQ(setup.engine->open(0, false), 0);
+        if (got == 1) {
+            ACE_Synch_Options options;
+            EXPECT_EQ(setup.engine->makeConnection(loopback(port), 0, options), 0);
+            EXPECT_TRUE(
+                pumpUntil(setup.engine, [&] { return setup.handler->activations().size() == 1; }));
+            EXPECT_EQ(setup.handler->activations(), std::vector<int>{0});
+            // Give our own identity time to reach the agent.
+            pumpFor(setup.engine, 100);
+        } else {
+            ADD_FAILURE() << "the agent did not start";
+        }
+        setup.engine->shutdown();
+        EXPECT_TRUE(log.has(ACTIVATED_AGENT_7));
+
+        int status = -1;
+        ACE_Time_Value const deadline = now() + ACE_Time_Value(15);
+        while (::waitpid(agent, &status, WNOHANG) == 0 && now() < deadline)
+            sleepMicroseconds(10000);
+        if (now() >= deadline) {
+            ::kill(agent, SIGKILL);
+            ::waitpid(agent, &status, 0);
+        }
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Connection establishment
+
+TEST(EngineConnection, PlainListenerWarnsAndAccepts) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        LogLines log;
+        u_short const port = startListening(engine);
+        Lines const expected = {
+            "%D DEBUG (%t): Setting up passive connection.",
+            "%D WARN  (%t): Configuring a passive connection using non-encrypted sockets!",
+        };
+        EXPECT_EQ(log.lines(), expected);
+        Peer peer(port);
+        ASSERT_TRUE(peer.connected());
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        EXPECT_TRUE(log.has("%D DEBUG (%t): Incoming connection from 127.0.0.1"));
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, SecondListenerIsRefusedAndTheFirstGoesOn) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        {
+            LogLines log;
+            ACE_Synch_Options options;
+            EXPECT_EQ(engine->makeConnection(loopback(freePort()), CONNECTION_PASSIVE, options),
+                      -1);
+            EXPECT_EQ(engine->makeConnection(loopback(port), CONNECTION_PASSIVE | CONNECTION_SSL,
+                                             options),
+                      -1);
+            Lines const expected = {"%D DEBUG (%t): Setting up passive connection.",
+                                    "%D DEBUG (%t): Setting up passive connection."};
+            EXPECT_EQ(log.lines(), expected);
+        }
+        Peer peer(port);
+        ASSERT_TRUE(peer.connected());
+        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, ListenerOnABusyPortFailsForGood) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Listener busy;
+        ACE_Synch_Options options;
+        EXPECT_EQ(engine->makeConnection(busy.address(), CONNECTION_PASSIVE, options), -1);
+        EXPECT_EQ(engine->makeConnection(loopback(freePort()), CONNECTION_PASSIVE, options), -1);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, PassiveBeforeOpenFails) {
+    isolated([] {
+        EngineSetup setup = prepare(new TestRouter(), false);
+        ACE_Synch_Options options;
+        EXPECT_EQ(setup.engine->makeConnection(loopback(freePort()), CONNECTION_PASSIVE, options),
+                  -1);
+    });
+}
+
+TEST(EngineConnection, SslListenerDropsAPeerWithoutHandshake) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        LogLines log;
+        u_short const port = freePort();
+        ACE_Synch_Options options;
+        ASSERT_EQ(
+            engine->makeConnection(loopback(port), CONNECTION_PASSIVE | CONNECTION_SSL, options),
+            0);
+        Lines const expected = {"%D DEBUG (%t): Setting up passive connection."};
+        EXPECT_EQ(log.lines(), expected);
+
+        // Peers that speak no SSL are dropped; the listener goes on.
+        for (int round = 1; round <= 2; ++round) {
+            ACE_SOCK_Stream raw;
+            ACE_SOCK_Connector connector;
+            ASSERT_EQ(connector.connect(raw, loopback(port)), 0);
+            std::string const junk(64, 'x');
+            ASSERT_EQ(raw.send_n(junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));
+            raw.close_writer();
+            EXPECT_TRUE(pumpUntil(engine, [&] {
+                return log.countPrefix("%D ERROR (%t): Incoming connection failed: ") == round;
+            })) << round;
+            raw.close();
+        }
+        EXPECT_EQ(connections(setup.router), 0);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, ActiveSslConnectionToAPeerWithoutSslFails) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        Listener listener;
+        // The peer accepts and hangs up at once.
+        std::thread peer([&listener] {
+            for (int i = 0; i < 2; ++i) {
+                ACE_SOCK_Stream stream;
+                if (listener.accept(stream) == 0)
+                    stream.close();
+            }
+        });
+        LogLines log;
+        ACE_Synch_Options options;
+        Handler* handler = nullptr;
+        EXPECT_EQ(
+            Engine::makeActiveConnection(listener.address(), CONNECTION_SSL, options, &handler),
+            -1);
+        EXPECT_EQ(handler, nullptr);
+        EXPECT_EQ(engine->makeConnection(listener.address(), CONNECTION_SSL, options), -1);
+        peer.join();
+        Lines const lines = log.lines();
+        ASSERT_GE(lines.size(), 3u);
+        EXPECT_EQ(lines[0], "%D DEBUG (%t): Setting up active connection.");
+        EXPECT_EQ(lines[1], "%D DEBUG (%t): Using legacy SSL certificates for authentication.");
+        EXPECT_TRUE(log.hasPrefix("%D ERROR (%t): Active connection failed."));
+        EXPECT_EQ(connections(setup.router), 0);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, SslTypesAreMadeAndReleased) {
+    isolated([] {
+        SSLHandler* handler = new SSLHandler();
+        EXPECT_EQ(handler->get_handle(), ACE_INVALID_HANDLE);
+        EXPECT_EQ(handler->release(), nullptr);
+    });
+}
+
+TEST(EngineConnection, ActivePlainConnectionJoinsTheEngine) {
+    isolated([] {
+        EngineSetup setup = start(0, new SinglePeerRouter(), true);
+        Engine* engine = setup.engine;
+        Listener listener;
+        LogLines log;
+        ACE_Synch_Options options;
+        ASSERT_EQ(engine->makeConnection(listener.address(), 0, options), 0);
+        Lines const lines = log.lines();
+        ASSERT_GE(lines.size(), 2u);
+        EXPECT_EQ(lines[0], "%D DEBUG (%t): Setting up active connection.");
+        EXPECT_EQ(lines[1], "%D DEBUG (%t): Using legacy authentication.");
+        EXPECT_TRUE(static_cast<SinglePeerRouter*>(setup.router)->isConnected());
+
+        // The identification request is on its way to the peer.
+        ACE_SOCK_Stream stream;
+        ASSERT_EQ(listener.accept(stream), 0);
+        std::string bytes;
+        ASSERT_TRUE(pumpUntil(engine, [&] {
+            bytes += readFor(stream, 5);
+            return bytes.size() >= 32;
+        }));
+        EXPECT_EQ(wordAt(bytes, 12), static_cast<uint32_t>(IDENTITY_EVENT));
+        EXPECT_NE(wordAt(bytes, 4), 0u);
+
+        // The engine sees the peer leave.
+        stream.close();
+        EXPECT_TRUE(pumpUntil(engine, [&] { return setup.handler->disconnects() == 1; }));
+        EXPECT_FALSE(static_cast<SinglePeerRouter*>(setup.router)->isConnected());
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, UnreachablePeerFailsWhateverTheOptions) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        LogLines log;
+        ACE_Synch_Options options(ACE_Synch_Options::USE_TIMEOUT, ACE_Time_Value(0, 1000));
+        Handler* handler = nullptr;
+        errno = 0;
+        EXPECT_EQ(Engine::makeActiveConnection(loopback(freePort()), 0, options, &handler), -1);
+        EXPECT_EQ(errno, ECONNREFUSED);
+        EXPECT_EQ(handler, nullptr);
+        EXPECT_EQ(setup.engine->makeConnection(loopback(freePort()), 0, options), -1);
+        EXPECT_EQ(log.count("%D ERROR (%t): Active connection failed.: Connection refused"), 2);
+        EXPECT_EQ(connections(setup.router), 0);
+        setup.engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, OutArgumentLeavesTheHandlerOutsideTheEngine) {
+    isolated([] {
+        EngineSetup setup = start(0, new SinglePeerRouter(), true);
+        Engine* engine = setup.engine;
+        Listener listener;
+        LogLines log;
+        ACE_Synch_Options options;
+        Handler* handler = nullptr;
+        ASSERT_EQ(Engine::makeActiveConnection(listener.address(), 0, options, &handler), 0);
+        ASSERT_NE(handler, nullptr);
+        EXPECT_EQ(handler->getEngine(), nullptr);
+        EXPECT_EQ(handler->reactor(), nullptr);
+        EXPECT_EQ(connections(setup.router), 0);
+        EXPECT_FALSE(log.has("%D DEBUG (%t): Sending Identification request."));
+
+        ACE_SOCK_Stream stream;
+        ASSERT_EQ(listener.accept(stream), 0);
+        pumpFor(engine, 20);
+        EXPECT_EQ(readFor(stream, 50), "");
+        handler->close(0);
+        EXPECT_EQ(handler->release(), nullptr);
+        stream.close();
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnection, RunServesUntilTheLoopIsEnded) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        setup.handler->endLoopOnKick();
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        // A peer on a thread of its own sends the event that ends the loop.
+        std::thread peer([port] {
+            ACE_Synch_Options options;
+            Handler* handler = nullptr;
+            if (Engine::makeActiveConnection(loopback(port), 0, options, &handler) == -1)
+                return;
+            KickEvent kick;
+            ACE_Message_Block* block = kick.data(false);
+            errno = 0;
+            while (handler->send(block, nullptr) == 0 && errno == EWOULDBLOCK)
+                errno = 0;
+            // Waits for the engine to hang up.
+            ACE_Message_Block* received = nullptr;
+            ACE_Time_Value wait(5);
+            handler->recv(received, &wait);
+            if (received != nullptr)
+                received->release();
+            handler->close(0);
+            handler->release();
+        });
+        EXPECT_EQ(engine->run(), 0);
+        EXPECT_EQ(setup.handler->seen(KICK_EVENT), 1);
+        engine->shutdown();
+        peer.join();
+    });
+}
+
+// ---------------------------------------------------------------------------
+// Engine-wide operations on connections
+
+TEST(EngineConnections, HeartBeatReachesEveryConnection) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer first(port);
+        Peer second(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        EXPECT_EQ(engine->sendGlobalHeartBeat(), 0);
+        uint32_t tokens[2] = {0, 0};
+        Peer* peers[2] = {&first, &second};
+        for (int i = 0; i < 2; ++i) {
+            Abstract_Event* beat = peers[i]->receive(engine);
+            ASSERT_NE(beat, nullptr);
+            EXPECT_EQ(beat->getType(), static_cast<uint32_t>(HEART_BEAT_EVENT));
+            EXPECT_FALSE(beat->isBroadCast());
+            EXPECT_FALSE(beat->isResult());
+            tokens[i] = beat->getACT();
+            beat->destroy();
+        }
+        EXPECT_NE(tokens[0], 0u);
+        EXPECT_EQ(tokens[0], tokens[1]);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnections, DisconnectClosesEveryConnection) {
+    isolated([] {
+        EngineSetup setup = start(2, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer first(port);
+        Peer second(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        EXPECT_EQ(engine->disconnect(), 0);
+        EXPECT_TRUE(first.closed(engine));
+        EXPECT_TRUE(second.closed(engine));
+        EXPECT_EQ(setup.handler->disconnects(), 2);
+        EXPECT_EQ(connections(setup.router), 0);
+        EXPECT_EQ(engine->disconnect(), -1);
+        // The listener goes on.
+        Peer third(port);
+        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        engine->shutdown();
+    });
+}
+
+namespace {
+
+ACE_Time_Value fake_now;
+
+ACE_Time_Value fakeClock() {
+    return fake_now;
+}
+
+}  // namespace
+
+TEST(EngineConnections, MonitoringStartsTheTimestamps) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer first(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        Dispatch_Set set;
+        ASSERT_EQ(setup.router->findAllHandlers(set), 0);
+        Handler* old = *set.begin();
+        EXPECT_EQ(old->lastActivity(), ACE_Time_Value::zero);
+        EXPECT_EQ(old->lastRecvActivity(), ACE_Time_Value::zero);
+        ACE_Time_Value const before = now();
+        engine->enableMonitoring();
+        EXPECT_GE(old->lastActivity(), before);
+        EXPECT_GE(old->lastRecvActivity(), before);
+
+        Peer second(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        Dispatch_Set all;
+        ASSERT_EQ(setup.router->findAllHandlers(all), 0);
+        for (Handler* handler : all) {
+            EXPECT_NE(handler->lastActivity(), ACE_Time_Value::zero);
+            EXPECT_NE(handler->lastRecvActivity(), ACE_Time_Value::zero);
+        }
+        set.release();
+        all.release();
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnections, CleanupKeepsAConnectionIdleForExactlyTheLimit) {
+    isolated([] {
+        LogLines log;
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        engine->enableMonitoring();
+        Peer peer(startListening(engine));
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        ACE_Time_Value last;
+        {
+            Dispatch_Set set;
+            ASSERT_EQ(setup.router->findAllHandlers(set), 0);
+            last = (*set.begin())->lastActivity();
+        }
+        ASSERT_NE(last, ACE_Time_Value::zero);
+        EngineTestHooks::clock(fakeClock);
+        fake_now = last + ACE_Time_Value(10);
+        EXPECT_EQ(engine->cleanupHandles(10, false), 0);
+        EXPECT_EQ(engine->cleanupHandles(10, true), 0);
+        EXPECT_EQ(connections(setup.router), 1);
+        EXPECT_TRUE(peer.quiet(engine, 20));
+
+        fake_now = last + ACE_Time_Value(10, 1);
+        EXPECT_EQ(engine->cleanupHandles(10, false), 0);
+        EXPECT_EQ(connections(setup.router), 0);
+        EXPECT_TRUE(peer.closed(engine));
+        EXPECT_EQ(log.count("%D INFO  (%t): Timeout reached for connection from 127.0.0.1"), 1);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnections, CleanupJudgesAgentsByTheLastReceivedByte) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        engine->enableMonitoring();
+        u_short const port = startListening(engine);
+        Peer agent(port);
+        Peer other(port);
+        ASSERT_TRUE(identifyAsAgent(setup, agent, 7));
+        sleepMicroseconds(3000);
+        // Bytes go out to both; then only the other one speaks again.
+        ASSERT_EQ(engine->sendGlobalHeartBeat(), 0);
+        for (Peer* peer : {&agent, &other}) {
+            Abstract_Event* beat = peer->receive(engine);
+            ASSERT_NE(beat, nullptr);
+            beat->destroy();
+        }
+        sleepMicroseconds(3000);
+        ASSERT_NE(other.send(KICK_EVENT), 0u);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return setup.handler->seen(KICK_EVENT) == 1; }));
+
+        Handler* connection = agentConnection(setup.router, 7);
+        ASSERT_NE(connection, nullptr);
+        ACE_Time_Value const sent = connection->lastActivity();
+        ACE_Time_Value const received = connection->lastRecvActivity();
+        connection->release();
+        ASSERT_LT(received, sent);
+
+        EngineTestHooks::clock(fakeClock);
+        fake_now = sent + ACE_Time_Value(10);
+        // By any byte, neither is idle for more than 10 seconds.
+        EXPECT_EQ(engine->cleanupHandles(10, false), 0);
+        EXPECT_EQ(connections(setup.router), 2);
+        // By the last received byte, the agent is.
+        EXPECT_EQ(engine->cleanupHandles(10, true), 0);
+        EXPECT_EQ(connections(setup.router), 1);
+        EXPECT_EQ(agentConnection(setup.router, 7), nullptr);
+        EXPECT_TRUE(agent.closed(engine));
+        EXPECT_TRUE(other.quiet(engine, 20));
+        engine->shutdown();
+    });
+}
+
+TEST(EngineConnections, CleanupWithoutMonitoringClosesEveryConnection) {
+    isolated([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        Peer first(port);
+        Peer second(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        EXPECT_EQ(engine->cleanupHandles(3600, true), 0);
+        EXPECT_EQ(connections(setup.router), 0);
+        EXPECT_TRUE(first.closed(engine));
+        EXPECT_TRUE(second.closed(engine));
+        engine->shutdown();
+    });
+}

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # Runs every test of tarnwick: a RelWithDebInfo build in build/ and an
 # AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/, each
-# built whole and run with ctest.
+# built whole and run with ctest; then the threaded tests (engine, routing,
+# connections, tokens) under ThreadSanitizer in build-tsan/.
 #
-#   scripts/test.sh            both runs
+#   scripts/test.sh            all runs
 #   scripts/test.sh --fast     the normal run only
-#   scripts/test.sh --asan     the sanitizer run only
+#   scripts/test.sh --asan     the sanitizer runs only (ASan+UBSan, TSan)
 #   scripts/test.sh -- ARGS    further arguments for ctest (e.g. -R xml)
 #
-# Exits non-zero when a build or a test of either run fails.
+# Exits non-zero when a build or a test of any run fails.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -16,13 +17,14 @@ cd "$root"
 
 run_normal=1
 run_asan=1
+run_tsan=1
 ctest_args=()
 while [[ $# -gt 0 ]]; do
     case "$1" in
-        --fast) run_asan=0 ;;
+        --fast) run_asan=0; run_tsan=0 ;;
         --asan) run_normal=0 ;;
         --) shift; ctest_args=("$@"); break ;;
-        -h|--help) sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+        -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
         *) echo "test.sh: unknown argument '$1' (try --help)" >&2; exit 2 ;;
     esac
     shift
@@ -63,6 +65,24 @@ if [[ $run_asan -eq 1 ]]; then
         results+=("sanitize (build-asan/): passed")
     else
         results+=("sanitize (build-asan/): FAILED")
+        status=1
+    fi
+fi
+
+if [[ $run_tsan -eq 1 ]]; then
+    export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+    tsan_targets=(engine_test router_test handler_test handler_t_test act_cache_test)
+    tsan_tests='^(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard)'
+    echo "==== threads: configure (build-tsan)"
+    if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
+            -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&
+        echo "==== threads: build" &&
+        cmake --build build-tsan -j "$jobs" --target "${tsan_targets[@]}" &&
+        echo "==== threads: test" &&
+        (cd build-tsan && ctest --output-on-failure -j "$jobs" -R "$tsan_tests" "${ctest_args[@]}"); then
+        results+=("threads (build-tsan/): passed")
+    else
+        results+=("threads (build-tsan/): FAILED")
         status=1
     fi
 fi

@@ -184,6 +184,7 @@ const wchar_t* Service::long_description() {
 Application::Application()
     : ACE_Event_Handler(),
       m_binaryname(nullptr),
+      m_retiredName(nullptr),
       m_stopped(0),
       m_reloadPending(false),
       m_tasks(nullptr),
@@ -211,6 +212,8 @@ Application::~Application() {
     }
     ACE::strdelete(m_binaryname);
     m_binaryname = nullptr;
+    ACE::strdelete(m_retiredName);
+    m_retiredName = nullptr;
     delete[] m_tasks;
     m_tasks = nullptr;
     xmlCleanupParser();
@@ -225,6 +228,8 @@ const wchar_t* Application::version() {
 }
 
 int Application::open(int argc, wchar_t** const argv) {
+    ACE::strdelete(m_retiredName);
+    m_retiredName = nullptr;
     if (argc >= 1 && argv != nullptr && argv[0] != nullptr) {
         ACE::strdelete(m_binaryname);
         m_binaryname = ACE::strnew(argv[0]);
@@ -349,8 +354,12 @@ int Application::handle_signal(int signum, siginfo_t*, ucontext_t*) {
 
 int Application::close() {
     m_stopped = 1;
-    ACE::strdelete(m_binaryname);
-    m_binaryname = nullptr;
+    // close() runs in a signal handler, where freeing memory isn't safe: the
+    // name is set aside here and freed by open() or the destructor.
+    if (m_retiredName == nullptr) {
+        m_retiredName = m_binaryname;
+        m_binaryname = nullptr;
+    }
     close_all_tasks();
     return 0;
 }

@@ -141,6 +141,7 @@ private:
     Application& operator=(const Application&);
 
     wchar_t* m_binaryname;
+    wchar_t* m_retiredName;  // the binary name after close(), freed later
     int m_stopped;
     bool m_reloadPending;
     TaskSlot* m_tasks;

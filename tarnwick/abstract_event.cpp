@@ -17,6 +17,7 @@
 #include <new>
 #include <set>
 #include <sstream>
+#include <vector>
 
 namespace Tarnwick {
 
@@ -24,7 +25,6 @@ namespace {
 
 const uint64_t HEADER_SIZE = 32;
 const uint64_t READ_BUFFER_SIZE = 0x20000;
-const char* const NAMES_QUERY = "//message/param/@name";
 
 // The query that selects the parameter `name`; the name is pasted in as it
 // stands.
@@ -50,6 +50,44 @@ int setNumber(Abstract_Event& event, const char* name, Number value) {
     std::ostringstream text;
     text << value;
     return event.setArg(name, text.str());
+}
+
+// True for an element of that name in no namespace, as an XPath name test
+// without a prefix selects it.
+bool isElement(xmlNodePtr node, const char* name) {
+    return node != nullptr && node->type == XML_ELEMENT_NODE && node->ns == nullptr &&
+           xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>(name));
+}
+
+// The "name" attributes of the "param" children of every "message" element,
+// in document order: what "//message/param/@name" selects, found by one walk
+// of the tree instead of an XPath evaluation.
+void collectParameterNames(xmlDocPtr doc, std::vector<xmlAttrPtr>& out) {
+    xmlNodePtr const top = reinterpret_cast<xmlNodePtr>(doc);
+    xmlNodePtr node = doc->children;
+    while (node != nullptr) {
+        if (isElement(node, "param") && isElement(node->parent, "message")) {
+            for (xmlAttrPtr attribute = node->properties; attribute != nullptr;
+                 attribute = attribute->next) {
+                if (attribute->ns == nullptr &&
+                    xmlStrEqual(attribute->name, reinterpret_cast<const xmlChar*>("name"))) {
+                    out.push_back(attribute);
+                    break;
+                }
+            }
+        }
+        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
+            node = node->children;
+            continue;
+        }
+        while (node != nullptr && node->next == nullptr) {
+            node = node->parent;
+            if (node == top)
+                node = nullptr;
+        }
+        if (node != nullptr)
+            node = node->next;
+    }
 }
 
 }  // namespace
@@ -437,32 +475,19 @@ int Abstract_Event::getXMLString(std::string& out) const {
 int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
     if (doc == nullptr)
         return -1;
-    xmlXPathContextPtr context = xmlXPathNewContext(doc);
-    if (context == nullptr) {
-        TW_LOG_ERRNO("%D ERROR (%t): Internal error: can not create an xpath context.");
-        return -1;
-    }
-    xmlXPathObjectPtr names =
-        xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(NAMES_QUERY), context);
-    if (names == nullptr) {
-        xmlXPathFreeContext(context);
-        TW_LOG_ERRNO("%D ERROR (%t): An error occurred while evaluating an xpath expression.\n");
-        return -1;
-    }
     // Each name takes the text of the first child of the first parameter
     // that the query "//message/param[@name='<name>']" selects. The names
-    // come in document order, so for a plain name (one text node, no
+    // are those that "//message/param/@name" selects, collected in document
+    // order by one walk of the tree; for a plain name (one text node, no
     // apostrophe) that parameter is the owner of the name's first
-    // occurrence, and the query need not run: this keeps the fill linear in
-    // the number of parameters. Other names go through the query itself.
+    // occurrence, so no query runs. Other names go through the query itself.
+    std::vector<xmlAttrPtr> names;
+    collectParameterNames(doc, names);
+    xmlXPathContextPtr context = nullptr;
     std::set<std::string> seen;
-    xmlNodeSetPtr nodes = names->nodesetval;
-    for (int i = 0; nodes != nullptr && i < nodes->nodeNr; ++i) {
-        xmlNodePtr attribute = nodes->nodeTab[i];
-        if (attribute->type != XML_ATTRIBUTE_NODE || attribute->children == nullptr ||
-            attribute->children->content == nullptr) {
+    for (xmlAttrPtr attribute : names) {
+        if (attribute->children == nullptr || attribute->children->content == nullptr)
             continue;
-        }
         const char* name = reinterpret_cast<const char*>(attribute->children->content);
         xmlNodePtr owner = nullptr;
         xmlXPathObjectPtr param = nullptr;
@@ -474,22 +499,27 @@ int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
                 continue;
             owner = attribute->parent;
         } else {
+            if (context == nullptr) {
+                context = xmlXPathNewContext(doc);
+                if (context == nullptr) {
+                    TW_LOG_ERRNO("%D ERROR (%t): Internal error: can not create an xpath context.");
+                    return -1;
+                }
+            }
             param = xmlXPathEvalExpression(
                 reinterpret_cast<const xmlChar*>(parameterQuery(name).c_str()), context);
             if (param == nullptr)
                 continue;
-            if (param->nodesetval != nullptr && param->nodesetval->nodeNr > 0) {
+            if (param->nodesetval != nullptr && param->nodesetval->nodeNr > 0)
                 owner = param->nodesetval->nodeTab[0];
-            }
         }
-        if (owner != nullptr && owner->children != nullptr && owner->children->content != nullptr) {
+        if (owner != nullptr && owner->children != nullptr && owner->children->content != nullptr)
             setArg(name, reinterpret_cast<const char*>(owner->children->content));
-        }
         if (param != nullptr)
             xmlXPathFreeObject(param);
     }
-    xmlXPathFreeObject(names);
-    xmlXPathFreeContext(context);
+    if (context != nullptr)
+        xmlXPathFreeContext(context);
     return 0;
 }
 

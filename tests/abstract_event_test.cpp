@@ -730,3 +730,16 @@ TEST(AbstractEvent, LargeFormattedPayloadTravelsThroughTheSpillFile) {
     }
     EXPECT_NE(::access(name.c_str(), F_OK), 0);
 }
+
+TEST(AbstractEvent, ParametersOfMessagesAnywhereButInNoNamespace) {
+    EventPtr event = receivedText(std::string(DECLARATION) +
+                                  "<root><message><param name=\"a\">1</param>"
+                                  "<group><param name=\"nested\">n</param></group></message>"
+                                  "<x:message xmlns:x=\"urn:x\"><param name=\"b\">2</param>"
+                                  "</x:message>"
+                                  "<message xmlns=\"urn:d\"><param name=\"c\">3</param></message>"
+                                  "<message><param x:name=\"d\" xmlns:x=\"urn:x\">4</param>"
+                                  "<param name=\"e\">5</param></message></root>" +
+                                  std::string(1, '\0'));
+    EXPECT_EQ(event->getArgMap(), (std::map<std::string, std::string>{{"a", "1"}, {"e", "5"}}));
+}

@@ -1,7 +1,8 @@
 // demo_agent: a small agent built on the message engine.
 //
-// It listens on a port of the loopback interface, runs the engine with
-// worker threads, and answers what its peers send:
+// It listens on a port of the loopback interface, over SSL unless --nossl
+// says otherwise, runs the engine with worker threads, and answers what its
+// peers send:
 //
 //   IdentityEvent     takes in who the peer is (Engine::activate_handler);
 //                     no reply
@@ -14,11 +15,18 @@
 // connection, and the program ends with status 0.
 //
 // Usage:
-//   demo_agent --port=PORT [--threads=N] [--agentid=ID] [--portfile=PATH]
+//   demo_agent --port=PORT --keydir=DIR [--nossl] [--threads=N] [--agentid=ID]
+//              [--portfile=PATH]
 //
 // --port=0 picks a free port. The agent prints the port it listens at on
 // standard output and, with --portfile, writes it to that file as well, so
 // that a script can start it and then find it. demo_control is its client.
+//
+// SSL takes the agent's certificate and private key from DIR/demo_agent.cert
+// and DIR/demo_agent.key (PEM); tests/support/make_certs.sh DIR demo_agent
+// demo_control makes a certificate authority and the files of both
+// programs. --nossl listens with plain sockets instead; --keydir is required
+// all the same.
 //
 // tarnwick-example: session
 #include <tarnwick/abstract_event.h>
@@ -29,6 +37,7 @@
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
 #include <tarnwick/router.h>
+#include <tarnwick/security.h>
 
 #include <ace/INET_Addr.h>
 #include <ace/Reactor.h>
@@ -174,7 +183,11 @@ u_short freePort() {
 
 class DemoAgent : public Tarnwick::Application {
 public:
-    DemoAgent() { Tarnwick::getConfigSingleton()->import(AGENT_SETTINGS); }
+    DemoAgent() {
+        Tarnwick::getConfigSingleton()->import(AGENT_SETTINGS);
+        // keydir and nossl.
+        Tarnwick::Security::initSecurityOptions();
+    }
 
     const wchar_t* name() override { return L"demo_agent"; }
     const wchar_t* description() override { return L"Tarnwick demo agent"; }
@@ -192,6 +205,7 @@ public:
         config->getValue(L"threads", threads);
         config->getValue(L"agentid", agentid);
         config->getValue("portfile", portfile);
+        bool const ssl = !config->hasKey(L"nossl");
         if (port < 0 || port > 65535 || threads < 0 || agentid == 0) {
             std::fprintf(stderr, "demo_agent: invalid --port, --threads or --agentid\n");
             return 1;
@@ -201,7 +215,8 @@ public:
             return 1;
         }
 
-        // Who this process is, for its peers.
+        // Who this process is, for its peers; with SSL also the name of its
+        // key files.
         Tarnwick::Identity* self = Tarnwick::Identity::instance();
         self->setName(AGENT_NAME);
         self->setType(Tarnwick::Identity::TWAGENT);
@@ -209,26 +224,31 @@ public:
 
         // The engine: peers identify themselves to the agent, and the agent
         // sends no identification request of its own (a Router has no
-        // destination for an event that names none).
+        // destination for an event that names none). Server mode sets the
+        // SSL context up for accepting.
         Tarnwick::Engine* engine = Tarnwick::Engine::getSingleton();
         engine->disableIdentification();
+        engine->enableServerMode();
         engine->event_handler(new AgentEvents(narrow(version())), true);
         engine->router(new Tarnwick::Router(), true);
-        if (engine->open(threads, false) == -1) {
-            std::fprintf(stderr, "demo_agent: the engine could not start\n");
+        if (engine->open(threads, ssl) == -1) {
+            std::fprintf(stderr, "demo_agent: the engine could not start%s\n",
+                         ssl ? " (are demo_agent.cert and demo_agent.key in --keydir?)" : "");
             return 1;
         }
 
         ACE_INET_Addr const address(static_cast<u_short>(port), "127.0.0.1");
         ACE_Synch_Options options;
-        if (engine->makeConnection(address, Tarnwick::CONNECTION_PASSIVE, options) == -1) {
+        unsigned long const flags =
+            Tarnwick::CONNECTION_PASSIVE | (ssl ? Tarnwick::CONNECTION_SSL : 0);
+        if (engine->makeConnection(address, flags, options) == -1) {
             std::fprintf(stderr, "demo_agent: can not listen at 127.0.0.1:%d: %s\n", port,
                          std::strerror(errno));
             engine->shutdown();
             return 1;
         }
-        std::printf("demo_agent: listening at 127.0.0.1:%d with %d worker thread(s)\n", port,
-                    threads);
+        std::printf("demo_agent: listening at 127.0.0.1:%d (%s) with %d worker thread(s)\n", port,
+                    ssl ? "SSL" : "plain sockets", threads);
         std::fflush(stdout);
         if (!portfile.empty()) {
             std::ofstream out(portfile.c_str(), std::ios::out | std::ios::trunc);

@@ -1,14 +1,19 @@
 // demo_control: sends one command to an agent and prints the answer.
 //
-// It connects to the agent with a SinglePeerRouter, which sends every event
-// to its one peer; the engine identifies the tool to the agent on the way
+// It connects to the agent, over SSL unless --nossl says otherwise, with a
+// SinglePeerRouter, which sends every event to its one peer; the engine
+// identifies the tool to the agent on the way
 // (an IdentityEvent of type twctrl). Then it sends the command named on its
 // command line, waits for the reply and prints the reply's arguments, or the
 // text and number of an error reply.
 //
 // Usage:
-//   demo_control --port=PORT --command=NAME [--host=HOST] [--path=DIR]
-//                [--wait=SECONDS]
+//   demo_control --port=PORT --keydir=DIR --command=NAME [--nossl]
+//                [--host=HOST] [--path=DIR] [--wait=SECONDS]
+//
+// SSL takes the tool's certificate and private key from
+// DIR/demo_control.cert and DIR/demo_control.key (see demo_agent); --nossl
+// connects with a plain socket instead, to an agent that runs with --nossl.
 //
 // Commands: version, dirlist (with --path), heartbeat (the agent answers
 // none), and kick, reload, sessions, joblog, setdebug, which demo_agent
@@ -25,6 +30,7 @@
 #include <tarnwick/event_factory.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/router.h>
+#include <tarnwick/security.h>
 
 #include <ace/INET_Addr.h>
 #include <ace/OS_NS_sys_time.h>
@@ -122,6 +128,8 @@ class DemoControl : public Tarnwick::Application {
 public:
     DemoControl() : m_token(0), m_catcher(&m_token, &m_reply) {
         Tarnwick::getConfigSingleton()->import(CONTROL_SETTINGS);
+        // keydir and nossl.
+        Tarnwick::Security::initSecurityOptions();
     }
 
     const wchar_t* name() override { return L"demo_control"; }
@@ -142,6 +150,7 @@ public:
         config->getValue("host", host);
         config->getValue("command", command);
         config->getValue("path", path);
+        m_ssl = !config->hasKey(L"nossl");
 
         int type = 0;
         for (const auto& known : COMMANDS) {
@@ -164,8 +173,9 @@ public:
         Tarnwick::Engine* engine = Tarnwick::Engine::getSingleton();
         engine->event_handler(&m_catcher, false);
         engine->router(new Tarnwick::SinglePeerRouter(), true);
-        if (engine->open(0, false) == -1) {
-            std::fprintf(stderr, "demo_control: the engine could not start\n");
+        if (engine->open(0, m_ssl) == -1) {
+            std::fprintf(stderr, "demo_control: the engine could not start%s\n",
+                         m_ssl ? " (are demo_control.cert and demo_control.key in --keydir?)" : "");
             return EXIT_ERROR;
         }
         int const status = exchange(engine, host, port, command, type, path, wait);
@@ -178,7 +188,7 @@ private:
                  const std::string& command, int type, const std::string& path, int wait) {
         ACE_INET_Addr const address(static_cast<u_short>(port), host.c_str());
         ACE_Synch_Options options;
-        if (engine->makeConnection(address, 0, options) == -1) {
+        if (engine->makeConnection(address, m_ssl ? Tarnwick::CONNECTION_SSL : 0, options) == -1) {
             std::printf("demo_control: can not connect to %s:%d\n", host.c_str(), port);
             return EXIT_UNREACHABLE;
         }
@@ -236,6 +246,7 @@ private:
         return EXIT_REPLY;
     }
 
+    bool m_ssl = true;
     uint32_t m_token;
     Reply m_reply;
     ReplyCatcher m_catcher;

@@ -2,22 +2,39 @@
 # A short session with the demo agent and its control tool, on the loopback
 # interface:
 #
-#   demo_session.sh AGENT CONTROL
+#   demo_session.sh AGENT CONTROL [KEYDIR]
 #
 # starts AGENT (demo_agent) on a free port of 127.0.0.1, runs CONTROL
-# (demo_control) for a few commands, shows each reply, and stops the agent
-# with SIGTERM. Exit status 0 when every command ended as expected and the
-# agent stopped cleanly.
+# (demo_control) for a few commands over SSL, shows each reply, and stops
+# the agent with SIGTERM. Then a second agent listens with plain sockets
+# (--nossl): the tool reaches it with --nossl, and fails cleanly over SSL.
+# Exit status 0 when every command ended as expected and the agents stopped
+# cleanly.
+#
+# KEYDIR holds the key files of both programs (demo_agent.cert, .key,
+# .cacert and the same for demo_control); without it the session makes its
+# own with tests/support/make_certs.sh.
 set -uo pipefail
 
-if [[ $# -ne 2 ]]; then
-    echo "usage: $0 AGENT CONTROL" >&2
+if [[ $# -ne 2 && $# -ne 3 ]]; then
+    echo "usage: $0 AGENT CONTROL [KEYDIR]" >&2
     exit 2
 fi
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 agent=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 control=$(cd "$(dirname "$2")" && pwd)/$(basename "$2")
 
 work=$(mktemp -d)
+if [[ $# -eq 3 ]]; then
+    keydir=$(cd "$3" && pwd)
+else
+    keydir=$work/keys
+    if ! sh "$here/../tests/support/make_certs.sh" "$keydir" demo_agent demo_control; then
+        echo "demo_session: could not make the key files" >&2
+        rm -rf "$work"
+        exit 1
+    fi
+fi
 agent_pid=
 cleanup() {
     if [[ -n $agent_pid ]] && kill -0 "$agent_pid" 2>/dev/null; then
@@ -33,29 +50,48 @@ printf 'first line\n' >"$work/listing/notes.txt"
 printf 'a,b\n1,2\n' >"$work/listing/data.csv"
 
 cd "$work" || exit 1
-"$agent" --port=0 --portfile="$work/port" --threads=2 >"$work/agent.out" 2>"$work/agent.log" &
-agent_pid=$!
 
-for _ in $(seq 100); do
-    [[ -s $work/port ]] && break
-    kill -0 "$agent_pid" 2>/dev/null || break
-    sleep 0.1
-done
-if [[ ! -s $work/port ]]; then
-    echo "demo_session: the agent did not start" >&2
-    cat "$work/agent.out" "$work/agent.log" >&2
-    exit 1
-fi
-port=$(cat "$work/port")
-cat "$work/agent.out"
+# start_agent ARGS...: starts the agent on a free port with ARGS and sets
+# agent_pid and port.
+start_agent() {
+    rm -f "$work/port"
+    "$agent" --port=0 --portfile="$work/port" --threads=2 --keydir="$keydir" "$@" \
+        >"$work/agent.out" 2>"$work/agent.log" &
+    agent_pid=$!
+    for _ in $(seq 100); do
+        [[ -s $work/port ]] && break
+        kill -0 "$agent_pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if [[ ! -s $work/port ]]; then
+        echo "demo_session: the agent did not start" >&2
+        cat "$work/agent.out" "$work/agent.log" >&2
+        exit 1
+    fi
+    port=$(cat "$work/port")
+    cat "$work/agent.out"
+}
 
 failures=0
+# stop_agent: SIGTERM, and the agent's exit status in agent_status.
+stop_agent() {
+    kill -TERM "$agent_pid"
+    wait "$agent_pid"
+    agent_status=$?
+    agent_pid=
+    if [[ $agent_status -ne 0 ]]; then
+        echo "demo_session: the agent did not stop cleanly" >&2
+        failures=$((failures + 1))
+    fi
+    tail -n +2 "$work/agent.out"
+}
+
 # run EXPECTED_STATUS ARGS...: one command of the control tool.
 run() {
     local expected=$1
     shift
     echo "\$ demo_control $*"
-    "$control" --port="$port" --quiet "$@" 2>"$work/control.log"
+    "$control" --port="$port" --keydir="$keydir" --quiet "$@" 2>"$work/control.log"
     local status=$?
     echo "  (exit status $status)"
     if [[ $status -ne $expected ]]; then
@@ -65,25 +101,25 @@ run() {
     fi
 }
 
+echo "---- over SSL, key files in $keydir"
+start_agent
 run 0 --command=version
 run 0 --command=dirlist --path=listing
 run 0 --command=heartbeat
 run 1 --command=kick
-
-kill -TERM "$agent_pid"
-wait "$agent_pid"
-agent_status=$?
-agent_pid=
-if [[ $agent_status -ne 0 ]]; then
-    echo "demo_session: the agent did not stop cleanly" >&2
-    failures=$((failures + 1))
-fi
-tail -n +2 "$work/agent.out"
+stop_agent
 # With the agent gone, the tool can't connect: status 2.
 run 2 --command=version
 
 echo "agent exit status $agent_status; its log:"
 # The log without dates and thread numbers.
 sed -E 's/^[0-9-]+ [0-9:.]+ ([A-Z]+ +)\([0-9]+\): /  \1/' "$work/agent.log"
+
+echo "---- over plain sockets"
+start_agent --nossl
+run 0 --nossl --command=version
+# An SSL client gets no session from a plain agent: status 2.
+run 2 --command=version
+stop_agent
 
 [[ $failures -eq 0 ]]

@@ -6,7 +6,8 @@
 # without arguments and end by themselves. The programs marked
 # "tarnwick-example: session" (the demo agent and its control tool) need
 # arguments: they run together, in the scripted session of
-# examples/demo_session.sh.
+# examples/demo_session.sh, over SSL with a certificate authority and key
+# files that this script makes first (tests/support/make_certs.sh).
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -37,8 +38,17 @@ for src in examples/*.cpp; do
     fi
 done
 
+echo "==== main: key files of demo_agent and demo_control"
+# The session runs over SSL: a certificate authority of its own and the key
+# files of both programs, in a scratch directory.
+keydir=$(mktemp -d)
+trap 'rm -rf "$keydir"' EXIT
+sh tests/support/make_certs.sh "$keydir" demo_agent demo_control
+ls "$keydir"
+
 echo "==== main: session of demo_agent and demo_control"
-if bash examples/demo_session.sh build/examples/demo_agent build/examples/demo_control </dev/null; then
+if bash examples/demo_session.sh build/examples/demo_agent build/examples/demo_control "$keydir" \
+    </dev/null; then
     ran=$((ran + 1))
 else
     echo "main: the demo session failed" >&2

@@ -6,9 +6,13 @@
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
 #include <tarnwick/router_base.h>
+#include <tarnwick/security.h>
 #include <tarnwick/tarnwick.h>
 
+#include <ace/ACE.h>
+#include <ace/Countdown_Time.h>
 #include <ace/Guard_T.h>
+#include <ace/OS_NS_poll.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_unistd.h>
 #include <ace/Reactor_Token_T.h>
@@ -16,6 +20,11 @@
 #include <ace/Singleton.h>
 #include <ace/Thread_Manager.h>
 #include <ace/Token.h>
+
+#include <libxml/parser.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -87,13 +96,13 @@ Engine* Engine::getSingleton() {
 }
 
 int Engine::open(int threads, bool ssl) {
+    // The SSL context is set up before anything else; without ssl there is
+    // no security set-up at all.
     if (ssl) {
-        // SSL SET-UP: Security::enable_server_setup() when m_server, then
-        // Security::Setup(), returning -1 when that fails. Until the
-        // security module provides them, an engine can't be opened for SSL.
-        TW_LOG("%D ERROR (%t): SSL is not available in this build.\n");
-        errno = ENOSYS;
-        return -1;
+        if (m_server)
+            Security::enable_server_setup();
+        if (Security::Setup() == -1)
+            return -1;
     }
 
     // A select reactor needs every handle it may hold below the process's
@@ -159,6 +168,10 @@ int Engine::open(int threads, bool ssl) {
     ACT_Cache* const cache = ACT_Cache::instance();
     if (cache == nullptr || cache->prepare() == -1)
         return -1;
+
+    // The workers build and parse XML side by side; libxml2 initialises
+    // itself lazily and unguarded, so it is made ready here, on one thread.
+    xmlInitParser();
 
     m_closed = false;
     return startThread(this, m_threads, WORKER_STACK_SIZE, true);
@@ -630,8 +643,10 @@ int Acceptor_T<Acceptor, ConnectionHandler>::handle_input(ACE_HANDLE) {
     ACE_Time_Value timeout(5);
     bool const reset_new_handle =
         reactor() != nullptr ? reactor()->uses_event_associations() : false;
+    // A handler that open() left outside the reactor (its peer has already
+    // gone) failed as well: the failure path releases it.
     if (m_acceptor.accept(handler->peer(), nullptr, &timeout, true, reset_new_handle) != -1 &&
-        handler->open(nullptr) != -1) {
+        handler->open(nullptr) != -1 && handler->reactor() != nullptr) {
         TW_LOG("%D DEBUG (%t): Incoming connection from %C\n", addressText(handler));
         return 0;
     }
@@ -653,6 +668,88 @@ int Acceptor_T<Acceptor, ConnectionHandler>::handle_close(ACE_HANDLE, ACE_Reacto
 }
 
 template class Acceptor_T<ACE_SOCK_Acceptor, PlainHandler>;
-template class Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler>;
+template class Acceptor_T<SSL_Acceptor, SSLHandler>;
+
+namespace {
+
+// The server's part of the TLS handshake on the accepted socket of
+// `stream`, within `timeout`. 0, or -1 with errno as SSL_Acceptor::accept
+// tells. The socket is non-blocking meanwhile.
+int acceptHandshake(ACE_SSL_SOCK_Stream& stream, ACE_Time_Value* timeout) {
+    SSL* const ssl = stream.ssl();
+    ACE_HANDLE const handle = stream.get_handle();
+    if (ssl == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    if (ACE::set_flags(handle, ACE_NONBLOCK) == -1)
+        return -1;
+
+    ACE_Countdown_Time countdown(timeout);
+    SSL_set_accept_state(ssl);
+    int result = -1;
+    for (;;) {
+        ERR_clear_error();
+        errno = 0;
+        int const status = SSL_accept(ssl);
+        if (status == 1) {
+            result = 0;
+            break;
+        }
+        int const reason = SSL_get_error(ssl, status);
+        pollfd wanted = {handle, 0, 0};
+        if (reason == SSL_ERROR_WANT_READ) {
+            wanted.events = POLLIN;
+        } else if (reason == SSL_ERROR_WANT_WRITE) {
+            wanted.events = POLLOUT;
+        } else {
+            int const error = errno;
+            if (reason == SSL_ERROR_SSL)
+                ACE_SSL_Context::report_error();
+            errno = reason == SSL_ERROR_SYSCALL && error != 0 ? error : EPROTO;
+            break;
+        }
+        countdown.update();
+        int const ready = ACE_OS::poll(&wanted, 1, timeout);
+        if (ready == 0) {
+            errno = ETIME;
+            break;
+        }
+        if (ready < 0 && errno != EINTR)
+            break;
+    }
+
+    int const error = errno;
+    ERR_clear_error();
+    ACE::clr_flags(handle, ACE_NONBLOCK);
+    errno = error;
+    return result;
+}
+
+}  // namespace
+
+int SSL_Acceptor::accept(ACE_SSL_SOCK_Stream& new_stream, ACE_Addr* remote_addr,
+                         ACE_Time_Value* timeout, bool restart, bool reset_new_handle) const {
+    ACE_Countdown_Time countdown(timeout);
+
+    // The TCP connection, from the listening socket borrowed for the call.
+    ACE_SOCK_Acceptor listener;
+    listener.set_handle(get_handle());
+    ACE_SOCK_Stream socket;
+    int const accepted = listener.accept(socket, remote_addr, timeout, restart, reset_new_handle);
+    listener.set_handle(ACE_INVALID_HANDLE);
+    if (accepted == -1)
+        return -1;
+    countdown.update();
+
+    new_stream.set_handle(socket.get_handle());
+    if (acceptHandshake(new_stream, timeout) == 0)
+        return 0;
+    int const error = errno;
+    new_stream.peer().close();
+    new_stream.set_handle(ACE_INVALID_HANDLE);
+    errno = error;
+    return -1;
+}
 
 }  // namespace Tarnwick

@@ -99,8 +99,18 @@ const char* Handler::address() {
     return m_address.empty() ? nullptr : m_address.c_str();
 }
 
+void Handler::identity(const Identity& identity) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_identity_lock);
+    m_identity = identity;
+}
+
 bool Handler::isAgent() const {
-    return m_identity.agentid() != 0 && m_identity.type() == Identity::TWAGENT;
+    return agentID() != 0;
+}
+
+uint32_t Handler::agentID() const {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_identity_lock);
+    return m_identity.type() == Identity::TWAGENT ? m_identity.agentid() : 0;
 }
 
 void Handler::enableActivityMonitoring() {

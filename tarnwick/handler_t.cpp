@@ -1,10 +1,17 @@
+#include <tarnwick/engine.h>
 #include <tarnwick/handler_t.h>
 #include <tarnwick/log.h>
 
 #include <ace/INET_Addr.h>
 #include <ace/OS_NS_sys_time.h>
+#include <ace/Reactor.h>
+#include <ace/SSL/SSL_Context.h>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 
 #include <cerrno>
+#include <new>
 
 namespace Tarnwick {
 
@@ -22,6 +29,98 @@ void closeStream(ACE_SSL_SOCK_Stream& stream) {
     if (stream.peer().get_handle() != ACE_INVALID_HANDLE)
         stream.peer().close();
     stream.set_handle(ACE_INVALID_HANDLE);
+}
+
+// Connects a plain stream, without a time limit.
+int connectStream(ACE_SOCK_Connector& connector, ACE_SOCK_Stream& stream,
+                  const ACE_INET_Addr& address) {
+    return connector.connect(stream, address, nullptr, ACE_Addr::sap_any, 0, 0, 0);
+}
+
+// Connects an SSL stream, without a time limit: the TCP connection of its
+// socket, then the client's part of the TLS handshake. When the handshake
+// fails, the socket is closed without an SSL shutdown (which fails on an
+// unfinished handshake and would leave an OpenSSL error code in errno), and
+// errno is EPROTO when the peer broke the protocol or was refused (OpenSSL's
+// reason is logged), else the socket's error.
+int connectStream(ACE_SSL_SOCK_Connector&, ACE_SSL_SOCK_Stream& stream,
+                  const ACE_INET_Addr& address) {
+    ACE_SOCK_Connector connector;
+    if (connector.connect(stream.peer(), address, nullptr, ACE_Addr::sap_any, 0, 0, 0) == -1)
+        return -1;
+    stream.set_handle(stream.peer().get_handle());
+    SSL* const ssl = stream.ssl();
+    if (ssl == nullptr) {
+        errno = ENOMEM;
+    } else {
+        ERR_clear_error();
+        errno = 0;
+        int const status = SSL_connect(ssl);
+        if (status == 1)
+            return 0;
+        int const reason = SSL_get_error(ssl, status);
+        int const error = errno;
+        if (reason == SSL_ERROR_SSL)
+            ACE_SSL_Context::report_error();
+        ERR_clear_error();
+        errno = reason == SSL_ERROR_SYSCALL && error != 0 ? error : EPROTO;
+    }
+    int const error = errno;
+    stream.peer().close();
+    stream.set_handle(ACE_INVALID_HANDLE);
+    errno = error;
+    return -1;
+}
+
+// Calls handle_input of an SSL connection again while its session holds
+// received bytes that a read left behind. The socket doesn't show them any
+// more, so the reactor wouldn't: a record larger than what the handler asked
+// for would wait until the peer sends something else. It travels through
+// the reactor's notification pipe, which holds a reference to it, and it
+// holds one to the connection.
+class PendingInput : public ACE_Event_Handler {
+public:
+    explicit PendingInput(SSLHandler* handler) : m_handler(handler) {
+        m_handler->duplicate();
+        reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
+    }
+
+    int handle_input(ACE_HANDLE) override {
+        // Nothing to do when the connection has closed or an earlier call
+        // took the bytes.
+        if (m_handler->get_handle() == ACE_INVALID_HANDLE ||
+            SSL_pending(m_handler->peer().ssl()) <= 0)
+            return 0;
+        // As the reactor does when handle_input fails.
+        if (m_handler->handle_input(m_handler->get_handle()) == -1)
+            m_handler->handle_close(m_handler->get_handle(), ACE_Event_Handler::READ_MASK);
+        return 0;
+    }
+
+protected:
+    ~PendingInput() override { m_handler->release(); }
+
+private:
+    SSLHandler* m_handler;
+};
+
+// After a read: nothing to do for a plain stream.
+void readAgainIfPending(ACE_SOCK_Stream&, Handler*, ACE_Reactor*) {}
+
+// After a read: when the session still holds received bytes, `reactor`
+// calls handle_input again.
+void readAgainIfPending(ACE_SSL_SOCK_Stream& stream, Handler* handler, ACE_Reactor* reactor) {
+    if (reactor == nullptr || stream.ssl() == nullptr || SSL_pending(stream.ssl()) <= 0)
+        return;
+    PendingInput* const pending =
+        new (std::nothrow) PendingInput(static_cast<SSLHandler*>(handler));
+    if (pending == nullptr)
+        return;
+    // Never waits: the reactor's own thread is the caller.
+    ACE_Time_Value noWait(ACE_Time_Value::zero);
+    if (reactor->notify(pending, ACE_Event_Handler::READ_MASK, &noWait) == -1)
+        TW_LOG("%D ERROR (%t): Can not schedule the rest of an SSL record: %m\n");
+    pending->remove_reference();
 }
 
 }  // namespace
@@ -45,11 +144,15 @@ int Handler_Implementation<Stream, Connector>::connect_to(const ACE_INET_Addr& a
                                                           ACE_Synch_Options&) {
     // The connect always blocks: no time limit, whatever the options say.
     Connector connector;
-    if (connector.connect(m_stream, address, nullptr, ACE_Addr::sap_any, 0, 0, 0) == -1) {
+    if (connectStream(connector, m_stream, address) == -1) {
         TW_LOG_ERRNO("%D ERROR (%t): Active connection failed.");
         return -1;
     }
-    if (open(nullptr) == -1) {
+    // open() does nothing, and returns 0, for a peer whose address can't be
+    // had any more: it has gone (an SSL peer that refused our certificate
+    // hangs up right after the handshake). Such a connection never joined
+    // the engine; it fails here so that its caller releases it.
+    if (open(nullptr) == -1 || (m_engine != nullptr && !m_registered)) {
         TW_LOG_ERRNO("%D ERROR (%t): Can not initialize connection.");
         return -1;
     }
@@ -79,6 +182,8 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_bytes(void* buffer, size
             m_last_activity = now;
         if (m_last_recv_activity != ACE_Time_Value::zero)
             m_last_recv_activity = now;
+        if (m_registered && m_engine != nullptr)
+            readAgainIfPending(m_stream, this, m_engine->getReactor());
     }
     return count;
 }

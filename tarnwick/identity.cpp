@@ -1,7 +1,10 @@
+#include <tarnwick/configuration.h>
 #include <tarnwick/event_factory.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
+#include <tarnwick/tarnwick.h>
 
+#include <ace/Guard_T.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Singleton.h>
 
@@ -41,6 +44,19 @@ int assign(std::string& field, const char* value) {
         return -1;
     field = value;
     return 0;
+}
+
+// Stores the UTF-8 form of the configuration value `key` in `field` when the
+// key has a value that converts.
+void assignFromConfig(Configuration* config, const wchar_t* key, std::string& field) {
+    const wchar_t* const value = config->asString(key);
+    if (value == nullptr)
+        return;
+    char* const text = wcstoutf8_malloced(value);
+    if (text == nullptr)
+        return;
+    field = text;
+    utf8free(text);
 }
 
 }  // namespace
@@ -128,6 +144,29 @@ int Identity::updateFromEvent(IdentityEvent* event) {
     m_password = password;
     m_type = static_cast<Identity::Type>(type);
     m_agentid = agentid;
+    return 0;
+}
+
+int Identity::loadFromConfig(const char* name, Identity::Type type) {
+    Configuration* const config = getConfigSingleton();
+    if (config == nullptr)
+        return -1;
+    ACE_Guard<ACE_Recursive_Thread_Mutex> guard(config->lock());
+    if (!guard.locked() || !config->isOk())
+        return -1;
+    if (m_loaded)
+        return 0;
+
+    unsigned int agentid = 0;
+    config->getValue(L"agentid", agentid, false, false);
+    if (type == TWAGENT)
+        m_agentid = agentid;
+    if (name != nullptr)
+        m_name = name;
+    m_type = type;
+    assignFromConfig(config, L"login", m_login);
+    assignFromConfig(config, L"passwd", m_password);
+    m_loaded = true;
     return 0;
 }
 

@@ -26,9 +26,11 @@ Routing_Key& Routing_Key::operator=(const Routing_Key& other) {
 bool Routing_Key::operator==(const Routing_Key& query) const {
     switch (query.type) {
         case ROUTE_HANDLER:
-            if (handler != nullptr && query.handler != nullptr && handler->isAgent() &&
-                query.handler->isAgent()) {
-                return handler->identity().agentid() == query.handler->identity().agentid();
+            if (handler != nullptr && query.handler != nullptr) {
+                uint32_t const stored = handler->agentID();
+                uint32_t const queried = query.handler->agentID();
+                if (stored != 0 && queried != 0)
+                    return stored == queried;
             }
             return handler == query.handler;
         case ROUTE_ALL:
@@ -36,8 +38,7 @@ bool Routing_Key::operator==(const Routing_Key& query) const {
         case ROUTE_ALL_AGENTS:
             return handler != nullptr && handler->isAgent();
         case ROUTE_AGENT:
-            return handler != nullptr && handler->isAgent() &&
-                   handler->identity().agentid() == query.agentid;
+            return handler != nullptr && query.agentid != 0 && handler->agentID() == query.agentid;
         case ROUTE_ACT:
             return handler != nullptr && handler->getSourceACT().contains(query.ACT);
         case ROUTE_CONNECTOR:

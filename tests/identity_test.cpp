@@ -1,12 +1,20 @@
+#include <tarnwick/configuration.h>
 #include <tarnwick/event_factory.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/message_block.h>
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "child.h"
 #include "log_capture.h"
 #include "wire.h"
 
@@ -175,4 +183,145 @@ TEST(Identity, InstanceIsOneObject) {
     Identity* one = Identity::instance();
     ASSERT_NE(one, nullptr);
     EXPECT_EQ(one, Identity::instance());
+}
+
+// ---------------------------------------------------------------------------
+// Loading the identity from the configuration. The configuration is a
+// process-wide singleton: every test that loads it runs in a forked child.
+
+namespace {
+
+// The settings that name the identity, as an application declares them.
+const Setting::Importer IDENTITY_ROWS[] = {
+    {"agentid", "agent", nullptr, "Number of this agent.", "NUMBER", SETTING_ARGUMENT},
+    {"login", "agent", nullptr, "Login name.", "NAME", SETTING_ARGUMENT},
+    {"passwd", "agent", nullptr, "Password.", "PASSWORD", SETTING_ARGUMENT},
+    {nullptr, nullptr, nullptr, nullptr, nullptr, 0},
+};
+
+// Runs `body` in a forked child; its expectations count for the test.
+void inChild(const std::function<void()>& body) {
+    TarnwickTest::ChildResult const result = TarnwickTest::runInChild([&]() {
+        body();
+        return ::testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_TRUE(result.exited()) << result.output << result.errors;
+    EXPECT_EQ(0, result.exitCode()) << result.output << result.errors;
+}
+
+// Declares the identity settings and loads a configuration file with
+// `content` into the process-wide configuration.
+void loadConfiguration(const std::string& content) {
+    char pattern[] = "/tmp/tw-identity-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(pattern));
+    std::string const file = std::string(pattern) + "/agent.conf";
+    {
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out << content;
+    }
+    Configuration* const config = getConfigSingleton();
+    ASSERT_EQ(0, config->import(APPLICATION_SETTINGS));
+    ASSERT_EQ(0, config->import(IDENTITY_ROWS));
+    std::wstring const path(file.begin(), file.end());
+    config->setKeyVal(L"configfile", path.c_str());
+    EXPECT_EQ(0, config->open(path.c_str()));
+    EXPECT_TRUE(config->isOk());
+    std::error_code ignored;
+    std::filesystem::remove_all(pattern, ignored);
+}
+
+const char FULL_CONFIGURATION[] =
+    "[agent]\nagentid=42\nlogin=operat\xc3\xb6r\npasswd=s\xc3\xa9same\n";
+
+}  // namespace
+
+TEST(IdentityLoadFromConfig, WithoutALoadedConfigurationFailsAndLogsNothing) {
+    inChild([]() {
+        LogCapture capture;
+        Identity identity;
+        EXPECT_EQ(-1, identity.loadFromConfig("twagent", Identity::TWAGENT));
+        EXPECT_FALSE(identity.loaded());
+        EXPECT_STREQ("", identity.name());
+        EXPECT_EQ(Identity::UNKNOWN, identity.type());
+        EXPECT_TRUE(capture.lines().empty());
+    });
+}
+
+TEST(IdentityLoadFromConfig, TakesNameTypeAgentIdAndCredentials) {
+    inChild([]() {
+        loadConfiguration(FULL_CONFIGURATION);
+        LogCapture capture;
+        Identity identity;
+        EXPECT_EQ(0, identity.loadFromConfig("twagent", Identity::TWAGENT));
+        EXPECT_TRUE(identity.loaded());
+        EXPECT_STREQ("twagent", identity.name());
+        EXPECT_EQ(Identity::TWAGENT, identity.type());
+        EXPECT_EQ(42u, identity.agentid());
+        EXPECT_STREQ("operat\xc3\xb6r", identity.login());
+        EXPECT_STREQ("s\xc3\xa9same", identity.password());
+        EXPECT_TRUE(capture.lines().empty());
+    });
+}
+
+TEST(IdentityLoadFromConfig, TheFirstLoadWins) {
+    inChild([]() {
+        loadConfiguration(FULL_CONFIGURATION);
+        Identity identity;
+        ASSERT_EQ(0, identity.loadFromConfig("twagent", Identity::TWAGENT));
+        Tarnwick::getConfigSingleton()->setKeyVal(L"agentid", L"7");
+        Tarnwick::getConfigSingleton()->setKeyVal(L"login", L"other");
+        EXPECT_EQ(0, identity.loadFromConfig("twmanage", Identity::TWMANAGE));
+        EXPECT_STREQ("twagent", identity.name());
+        EXPECT_EQ(Identity::TWAGENT, identity.type());
+        EXPECT_EQ(42u, identity.agentid());
+        EXPECT_STREQ("operat\xc3\xb6r", identity.login());
+    });
+}
+
+TEST(IdentityLoadFromConfig, OnlyAnAgentTakesTheAgentId) {
+    inChild([]() {
+        loadConfiguration(FULL_CONFIGURATION);
+        Identity identity;
+        EXPECT_EQ(0, identity.loadFromConfig("twctrl", Identity::TWCTRL));
+        EXPECT_EQ(Identity::TWCTRL, identity.type());
+        EXPECT_EQ(0u, identity.agentid());
+        EXPECT_STREQ("operat\xc3\xb6r", identity.login());
+    });
+}
+
+TEST(IdentityLoadFromConfig, ACopyCountsAsLoadedAndStaysAsItIs) {
+    inChild([]() {
+        loadConfiguration(FULL_CONFIGURATION);
+        Identity original("twctrl", Identity::TWCTRL, 0);
+        Identity copy(original);
+        EXPECT_EQ(0, copy.loadFromConfig("twagent", Identity::TWAGENT));
+        EXPECT_STREQ("twctrl", copy.name());
+        EXPECT_EQ(Identity::TWCTRL, copy.type());
+        EXPECT_EQ(0u, copy.agentid());
+        EXPECT_STREQ("", copy.login());
+    });
+}
+
+TEST(IdentityLoadFromConfig, ANullNameKeepsTheNameAndAbsentValuesChangeNothing) {
+    inChild([]() {
+        loadConfiguration("[agent]\n");
+        Identity identity("named", Identity::UNKNOWN, 0);
+        identity.setLogin("kept");
+        EXPECT_EQ(0, identity.loadFromConfig(nullptr, Identity::TWAGENT));
+        EXPECT_TRUE(identity.loaded());
+        EXPECT_STREQ("named", identity.name());
+        EXPECT_EQ(Identity::TWAGENT, identity.type());
+        EXPECT_EQ(0u, identity.agentid());
+        EXPECT_STREQ("kept", identity.login());
+        EXPECT_STREQ("", identity.password());
+    });
+}
+
+TEST(IdentityLoadFromConfig, TheProcessIdentityLoadsLikeAnyOther) {
+    inChild([]() {
+        loadConfiguration(FULL_CONFIGURATION);
+        EXPECT_EQ(0, Identity::instance()->loadFromConfig("twagent", Identity::TWAGENT));
+        EXPECT_STREQ("twagent", Identity::instance()->name());
+        EXPECT_EQ(42u, Identity::instance()->agentid());
+    });
 }

@@ -47,10 +47,24 @@ private:
     ACE_HANDLE m_handle;
 };
 
+// ACE_SSL_SOCK_Acceptor with an accept that tells why a handshake failed.
+// It accepts the TCP connection and runs the server's part of the TLS
+// handshake, both within `timeout`. When the handshake fails, the socket is
+// closed without an SSL shutdown (which fails on an unfinished handshake and
+// would leave an OpenSSL error code in errno) and errno is ETIME when the
+// time ran out, EPROTO when the peer broke the protocol or was refused
+// (OpenSSL's reason is logged), else the socket's error.
+class SSL_Acceptor : public ACE_SSL_SOCK_Acceptor {
+public:
+    int accept(ACE_SSL_SOCK_Stream& new_stream, ACE_Addr* remote_addr = nullptr,
+               ACE_Time_Value* timeout = nullptr, bool restart = true,
+               bool reset_new_handle = false) const;
+};
+
 typedef Acceptor_T<ACE_SOCK_Acceptor, PlainHandler> PlainAcceptor;
-typedef Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler> SSLAcceptor;
+typedef Acceptor_T<SSL_Acceptor, SSLHandler> SSLAcceptor;
 
 extern template class Acceptor_T<ACE_SOCK_Acceptor, PlainHandler>;
-extern template class Acceptor_T<ACE_SSL_SOCK_Acceptor, SSLHandler>;
+extern template class Acceptor_T<SSL_Acceptor, SSLHandler>;
 
 }  // namespace Tarnwick

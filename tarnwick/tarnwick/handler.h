@@ -10,6 +10,7 @@
 #include <ace/Signal.h>
 #include <ace/Synch_Options.h>
 #include <ace/Task.h>
+#include <ace/Thread_Mutex.h>
 #include <ace/Time_Value.h>
 
 #include <cstdint>
@@ -67,12 +68,19 @@ public:
 
     void setEngine(Engine* engine) { m_engine = engine; }
     Engine* getEngine() { return m_engine; }
+    // Unguarded: for the thread that identifies the connection, or once it
+    // is identified.
     Identity& identity() { return m_identity; }
-    void identity(const Identity& identity) { m_identity = identity; }
+    // Gives the connection its peer's identity; any thread may call it while
+    // others route.
+    void identity(const Identity& identity);
     void setInitiatedByConnector() { m_initiated_by_connector = true; }
     bool isInitiatedByConnector() { return m_initiated_by_connector; }
     // The peer identified as an agent with a non-zero agent id.
     bool isAgent() const;
+    // The agent id of a peer identified as an agent, else 0. Like isAgent,
+    // safe while another thread identifies the connection.
+    uint32_t agentID() const;
 
     // Starts the activity timestamps; zero timestamps mean monitoring is off.
     void enableActivityMonitoring();
@@ -127,6 +135,9 @@ protected:
     uint64_t m_bytes_sent;
     Engine* m_engine;
     Identity m_identity;
+    // Guards m_identity between the setter and isAgent/agentID: a worker
+    // identifies a connection while other threads search the router.
+    mutable ACE_Thread_Mutex m_identity_lock;
     bool m_initiated_by_connector;
     ACE_Time_Value m_last_activity;
     ACE_Time_Value m_last_recv_activity;

@@ -51,6 +51,14 @@ public:
     // Types other than 1 to 3 arrive as 0.
     int updateFromEvent(IdentityEvent* event);
 
+    // Fills the identity from the loaded configuration: the agent id from
+    // "agentid" (0 when absent; kept only for TWAGENT), `name` unless null,
+    // `type`, and login and password from "login" and "passwd" when present.
+    // The first load wins: an identity that is loaded already (a copy is)
+    // stays as it is and 0 is returned. -1, with nothing logged, when no
+    // configuration is loaded.
+    int loadFromConfig(const char* name, Identity::Type type);
+
     // The identity of this process, created on first use, never destroyed.
     static Identity* instance();
 

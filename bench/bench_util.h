@@ -5,6 +5,7 @@
 #pragma once
 
 #include <tarnwick/engine.h>
+#include <tarnwick/event_factory.h>
 
 #include <ace/Event_Handler.h>
 #include <ace/INET_Addr.h>
@@ -466,6 +467,54 @@ inline double quantile(std::vector<double>& values, double q) {
     size_t rank = static_cast<size_t>(q * static_cast<double>(values.size()) + 0.999999);
     rank = std::max<size_t>(1, std::min(rank, values.size()));
     return values[rank - 1];
+}
+
+// Text of `size` letters, the argument of a formatted test event.
+inline std::string text(size_t size) {
+    std::string out(size, ' ');
+    for (size_t i = 0; i < size; ++i)
+        out[i] = static_cast<char>('a' + i % 26);
+    return out;
+}
+
+// One test event: formatted, with `argument` as its one argument, or binary
+// with `size` bytes written in pieces of `piece`, as a program that reads
+// its payload from somewhere would. Null on failure.
+inline Tarnwick::Abstract_Event* makeEvent(bool formatted, size_t size, const std::string& argument,
+                                           const std::vector<char>& piece) {
+    Tarnwick::Abstract_Event* event = Tarnwick::Event_Factory::create(Tarnwick::UPLOAD_EVENT);
+    if (event == nullptr)
+        return nullptr;
+    if (formatted) {
+        event->setArg("data", argument);
+        return event;
+    }
+    event->setBinary();
+    for (size_t done = 0; done < size;) {
+        size_t const n = std::min(piece.size(), size - done);
+        if (event->write(piece.data(), n) != static_cast<int64_t>(n)) {
+            event->destroy();
+            return nullptr;
+        }
+        done += n;
+    }
+    return event;
+}
+
+// The payload bytes of one such event as they go on the wire.
+inline std::string wirePayload(bool formatted, size_t size) {
+    if (!formatted)
+        return std::string(size, 'p');
+    std::vector<char> piece;
+    Tarnwick::Abstract_Event* event = makeEvent(formatted, size, text(size), piece);
+    if (event == nullptr)
+        return std::string();
+    ACE_Message_Block* block = event->data(false);
+    std::string out;
+    if (block != nullptr && block->cont() != nullptr)
+        out.assign(block->cont()->rd_ptr(), block->cont()->length());
+    event->destroy();
+    return out;
 }
 
 }  // namespace bench

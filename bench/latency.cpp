@@ -82,49 +82,6 @@ struct Outcome {
     long server_rss = 0;
 };
 
-std::string text(size_t size) {
-    std::string out(size, ' ');
-    for (size_t i = 0; i < size; ++i)
-        out[i] = static_cast<char>('a' + i % 26);
-    return out;
-}
-
-Abstract_Event* makeEvent(const Kind& kind, const std::string& argument,
-                          const std::vector<char>& piece) {
-    Abstract_Event* event = Event_Factory::create(UPLOAD_EVENT);
-    if (event == nullptr)
-        return nullptr;
-    if (kind.formatted) {
-        event->setArg("data", argument);
-        return event;
-    }
-    event->setBinary();
-    for (size_t done = 0; done < kind.size;) {
-        size_t const n = std::min(piece.size(), kind.size - done);
-        if (event->write(piece.data(), n) != static_cast<int64_t>(n)) {
-            event->destroy();
-            return nullptr;
-        }
-        done += n;
-    }
-    return event;
-}
-
-std::string wirePayload(const Kind& kind) {
-    if (!kind.formatted)
-        return std::string(kind.size, 'p');
-    std::vector<char> piece;
-    Abstract_Event* event = makeEvent(kind, text(kind.size), piece);
-    if (event == nullptr)
-        return std::string();
-    ACE_Message_Block* block = event->data(false);
-    std::string out;
-    if (block != nullptr && block->cont() != nullptr)
-        out.assign(block->cont()->rd_ptr(), block->cont()->length());
-    event->destroy();
-    return out;
-}
-
 void summarize(std::vector<double>& samples, bench::Report& report) {
     report.value[R_COUNT] = static_cast<double>(samples.size());
     if (samples.empty())
@@ -189,14 +146,15 @@ class Pinger : public EventHandler {
 public:
     explicit Pinger(const Kind& kind)
         : m_kind(kind),
-          m_argument(kind.formatted ? text(kind.size) : std::string()),
+          m_argument(kind.formatted ? bench::text(kind.size) : std::string()),
           m_piece(kind.formatted ? 0 : std::min(kind.size, BIG_CHUNK), 'p') {
         samples.reserve(kind.n);
     }
 
     // Builds the next request and forwards it; false on failure.
     bool sendNext() {
-        Abstract_Event* event = makeEvent(m_kind, m_argument, m_piece);
+        Abstract_Event* event =
+            bench::makeEvent(m_kind.formatted, m_kind.size, m_argument, m_piece);
         if (event == nullptr)
             return false;
         m_token = event->getACT();
@@ -308,7 +266,7 @@ int serveRaw(bench::Reporter& reporter) {
 }
 
 int pingRaw(bench::Reporter& reporter, const Kind& kind, uint16_t port) {
-    std::string const payload = wirePayload(kind);
+    std::string const payload = bench::wirePayload(kind.formatted, kind.size);
     Message_Header header;
     header.setACT(0);
     header.setType(UPLOAD_EVENT);

@@ -96,52 +96,6 @@ struct Outcome {
     long receiver_rss = 0;
 };
 
-std::string text(size_t size) {
-    std::string out(size, ' ');
-    for (size_t i = 0; i < size; ++i)
-        out[i] = static_cast<char>('a' + i % 26);
-    return out;
-}
-
-// Builds one event of the kind. The binary payload is written in pieces of
-// at most 1 MiB, as a program that reads it from somewhere would.
-Abstract_Event* makeEvent(const Kind& kind, const std::string& argument,
-                          const std::vector<char>& piece) {
-    Abstract_Event* event = Event_Factory::create(UPLOAD_EVENT);
-    if (event == nullptr)
-        return nullptr;
-    if (kind.formatted) {
-        event->setArg("data", argument);
-        return event;
-    }
-    event->setBinary();
-    for (size_t done = 0; done < kind.size;) {
-        size_t const n = std::min(piece.size(), kind.size - done);
-        if (event->write(piece.data(), n) != static_cast<int64_t>(n)) {
-            event->destroy();
-            return nullptr;
-        }
-        done += n;
-    }
-    return event;
-}
-
-// The payload bytes of one event of the kind, as they go on the wire.
-std::string wirePayload(const Kind& kind) {
-    if (!kind.formatted)
-        return std::string(kind.size, 'p');
-    std::vector<char> piece;
-    Abstract_Event* event = makeEvent(kind, text(kind.size), piece);
-    if (event == nullptr)
-        return std::string();
-    ACE_Message_Block* block = event->data(false);
-    std::string out;
-    if (block != nullptr && block->cont() != nullptr)
-        out.assign(block->cont()->rd_ptr(), block->cont()->length());
-    event->destroy();
-    return out;
-}
-
 // --- engine receiver --------------------------------------------------------
 
 class Counter : public EventHandler {
@@ -261,7 +215,7 @@ int sendWithEngine(bench::Reporter& reporter, const Kind& kind, uint16_t port, b
     ACE_Message_Queue<ACE_MT_SYNCH>* queue = peer->msg_queue();
     size_t const eager = queue->high_water_mark() / 4;
 
-    std::string const argument = kind.formatted ? text(kind.size) : std::string();
+    std::string const argument = kind.formatted ? bench::text(kind.size) : std::string();
     std::vector<char> piece(kind.formatted ? 0 : std::min(kind.size, BIG_CHUNK), 'p');
     double build = 0.0;
     bool ok = true;
@@ -277,7 +231,7 @@ int sendWithEngine(bench::Reporter& reporter, const Kind& kind, uint16_t port, b
             queue->is_full() || (kind.size > BIG_CHUNK && queue->message_count() >= BIG_QUEUE);
         if (!full) {
             double const t = bench::now();
-            Abstract_Event* event = makeEvent(kind, argument, piece);
+            Abstract_Event* event = bench::makeEvent(kind.formatted, kind.size, argument, piece);
             build += bench::now() - t;
             if (event == nullptr) {
                 ok = false;
@@ -382,7 +336,7 @@ int receiveRaw(bench::Reporter& reporter, const Kind& kind) {
 }
 
 int sendRaw(bench::Reporter& reporter, const Kind& kind, uint16_t port) {
-    std::string const payload = wirePayload(kind);
+    std::string const payload = bench::wirePayload(kind.formatted, kind.size);
     std::string const frame =
         frameHeader(static_cast<uint32_t>(payload.size()), !kind.formatted) + payload;
     std::string const warmup = frameHeader(0, false);

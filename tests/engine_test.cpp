@@ -59,6 +59,7 @@
 
 #include "child.h"
 #include "log_capture.h"
+#include "loopback.h"
 #include "wire.h"
 
 namespace Tarnwick {
@@ -187,17 +188,7 @@ void pumpFor(Engine* engine, int ms) {
         engine, [] { return false; }, ms);
 }
 
-// A port on 127.0.0.1 that nothing listens at.
-u_short freePort() {
-    ACE_SOCK_Acceptor probe;
-    ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
-    if (probe.open(any, 1) == -1)
-        return 0;
-    ACE_INET_Addr local;
-    probe.get_local_addr(local);
-    probe.close();
-    return local.get_port_number();
-}
+using TarnwickTest::freePort;
 
 ACE_INET_Addr loopback(u_short port) {
     return ACE_INET_Addr(port, "127.0.0.1");

@@ -2,25 +2,120 @@
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
+#include <tarnwick/tarnwick.h>
 
 #include <ace/Guard_T.h>
 #include <ace/Singleton.h>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <random>
 
 namespace Tarnwick {
 
-ACT_List::ACT_List() = default;
+namespace {
+
+// The capacity of lists made from now on.
+std::atomic<size_t> newCapacity(ACT_List::Default_Capacity);
+
+// The key of the token hash, drawn once per process: a peer that can't know
+// it can't pick tokens that all fall into one bucket.
+uint64_t hashSeed() {
+    static uint64_t const seed = [] {
+        uint64_t value = 0;
+        try {
+            std::random_device device;
+            value = (static_cast<uint64_t>(device()) << 32) ^ device();
+        } catch (...) {
+        }
+        value ^= static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+        value ^= static_cast<uint64_t>(::getpid()) << 40;
+        return value;
+    }();
+    return seed;
+}
+
+}  // namespace
+
+size_t ACT_List::Hash::operator()(uint32_t token) const {
+    // The finalizer of splitmix64 over the keyed token.
+    uint64_t x = hashSeed() ^ token;
+    x += 0x9e3779b97f4a7c15ull;
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    return static_cast<size_t>(x ^ (x >> 31));
+}
+
+ACT_List::ACT_List() : m_oldest(0), m_newest(0), m_capacity(newCapacity.load()), m_warned(false) {}
+
 ACT_List::~ACT_List() = default;
 
-int ACT_List::add(uint32_t token) {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
-    if (!guard.locked())
-        return -1;
-    if (m_tokens.insert(token) == -1) {
-        errno = ENOMEM;
-        return -1;
+void ACT_List::unlink(std::unordered_map<uint32_t, Links, Hash>::iterator it) {
+    Links const links = it->second;
+    if (links.older != 0)
+        m_tokens.find(links.older)->second.newer = links.newer;
+    else
+        m_oldest = links.newer;
+    if (links.newer != 0)
+        m_tokens.find(links.newer)->second.older = links.older;
+    else
+        m_newest = links.older;
+    m_tokens.erase(it);
+}
+
+bool ACT_List::trim(size_t limit) {
+    bool evicted = false;
+    while (m_tokens.size() > limit && m_oldest != 0) {
+        unlink(m_tokens.find(m_oldest));
+        evicted = true;
     }
+    return evicted;
+}
+
+void ACT_List::warnEvicted(bool first) {
+    if (first)
+        TW_LOG(
+            "%D WARN  (%t): More than %d open tokens on one connection: the oldest are "
+            "forgotten\n",
+            static_cast<int>(capacity()));
+}
+
+int ACT_List::add(uint32_t token) {
+    if (token == 0)
+        return 0;
+    bool first = false;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+        if (!guard.locked())
+            return -1;
+        if (m_tokens.find(token) != m_tokens.end())
+            return 0;
+        if (trim(m_capacity - 1) && !m_warned)
+            first = m_warned = true;
+        try {
+            m_tokens.emplace(token, Links{m_newest, 0});
+        } catch (...) {
+            errno = ENOMEM;
+            return -1;
+        }
+        if (m_newest != 0)
+            m_tokens.find(m_newest)->second.newer = token;
+        else
+            m_oldest = token;
+        m_newest = token;
+    }
+    warnEvicted(first);
     return 0;
 }
 
@@ -28,7 +123,9 @@ int ACT_List::remove(uint32_t token) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     if (!guard.locked())
         return -1;
-    m_tokens.remove(token);
+    auto it = m_tokens.find(token);
+    if (it != m_tokens.end())
+        unlink(it);
     return 0;
 }
 
@@ -36,7 +133,7 @@ bool ACT_List::contains(uint32_t token) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     if (!guard.locked())
         return false;
-    return m_tokens.find(token) == 0;
+    return m_tokens.find(token) != m_tokens.end();
 }
 
 size_t ACT_List::size() {
@@ -44,13 +141,104 @@ size_t ACT_List::size() {
     return m_tokens.size();
 }
 
-ACT_Cache::ACT_Cache() = default;
+size_t ACT_List::capacity() {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    return m_capacity;
+}
+
+void ACT_List::setCapacity(size_t capacity) {
+    bool first = false;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+        if (!guard.locked())
+            return;
+        m_capacity = capacity == 0 ? 1 : capacity;
+        if (trim(m_capacity) && !m_warned)
+            first = m_warned = true;
+    }
+    warnEvicted(first);
+}
+
+void ACT_List::setNewListCapacity(size_t capacity) {
+    newCapacity.store(capacity == 0 ? 1 : capacity);
+}
+
+size_t ACT_List::newListCapacity() {
+    return newCapacity.load();
+}
+
+namespace {
+
+const char SPILL_PREFIX[] = "event-";
+const char SPILL_SUFFIX[] = ".dat";
+// Attempts at a fresh name before create() gives up on EEXIST.
+const int CREATE_ATTEMPTS = 16;
+
+// The bare name of a spill file of `token`: the pid tells sweep() whose file
+// it is, the serial keeps two files of one process apart.
+std::string spillName(uint32_t token, uint32_t serial) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%08x", serial);
+    return SPILL_PREFIX + std::to_string(token) + "-" + std::to_string(::getpid()) + "-" + text +
+           SPILL_SUFFIX;
+}
+
+// Skips a run of decimal digits at `text`; false when there is none.
+bool skipDigits(const char*& text, uint64_t& value) {
+    const char* start = text;
+    value = 0;
+    while (*text >= '0' && *text <= '9' && text - start < 11) {
+        value = value * 10 + static_cast<uint64_t>(*text - '0');
+        ++text;
+    }
+    return text != start && !(*text >= '0' && *text <= '9');
+}
+
+// The owning pid of a spill file name "event-<token>-<pid>-<random>.dat", or
+// 0 when `name` is not such a name.
+pid_t spillOwner(const char* name) {
+    size_t const prefix = sizeof SPILL_PREFIX - 1;
+    size_t const suffix = sizeof SPILL_SUFFIX - 1;
+    size_t const length = std::strlen(name);
+    if (length <= prefix + suffix || std::strncmp(name, SPILL_PREFIX, prefix) != 0 ||
+        std::strcmp(name + length - suffix, SPILL_SUFFIX) != 0) {
+        return 0;
+    }
+    const char* text = name + prefix;
+    uint64_t token = 0;
+    uint64_t pid = 0;
+    if (!skipDigits(text, token) || *text++ != '-' || !skipDigits(text, pid) || *text++ != '-')
+        return 0;
+    const char* const end = name + length - suffix;
+    if (text == end)
+        return 0;
+    for (; text < end; ++text) {
+        if (!std::isxdigit(static_cast<unsigned char>(*text)))
+            return 0;
+    }
+    return pid > 0 && pid <= static_cast<uint64_t>(INT_MAX) ? static_cast<pid_t>(pid) : 0;
+}
+
+}  // namespace
+
+ACT_Cache::ACT_Cache()
+    : m_dirfd(-1), m_serial(Random()), m_quota(DEFAULT_QUOTA), m_spilled(0) {}
+
+ACT_Cache::~ACT_Cache() {
+    if (m_dirfd != -1)
+        ::close(m_dirfd);
+}
 
 ACT_Cache* ACT_Cache::instance() {
     return ACE_Singleton<ACT_Cache, ACE_Thread_Mutex>::instance();
 }
 
 int ACT_Cache::prepare() {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    return prepareLocked();
+}
+
+int ACT_Cache::prepareLocked() {
     if (!m_directory.empty())
         return 0;
     std::string directory;
@@ -58,22 +246,162 @@ int ACT_Cache::prepare() {
         return -1;
     Path::Join(directory, "event-cache");
     Path::Join(directory, Identity::instance()->typeAsString());
-    if (!Path::IsDirectory(directory) && Path::MkTree(directory, 0700) == -1) {
+    struct stat info;
+    bool const link = ::lstat(directory.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
+    if (!link && !Path::IsDirectory(directory) && Path::MkTree(directory, 0700) == -1) {
         TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
         return 0;
     }
+
+    // The directory is held open from here on, and files are made relative
+    // to it, so that it can't be swapped for another once checked.
+    int const fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd == -1) {
+        if (link || errno == ELOOP) {
+            TW_LOG("%D ERROR (%t): Event cache directory %C is a symbolic link.\n",
+                   directory.c_str());
+            errno = ELOOP;
+            return -1;
+        }
+        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
+        return 0;
+    }
+    // Whoever owns the directory or may write to it can plant names in it
+    // and read what peers sent: only a private directory of our own will do.
+    if (::fstat(fd, &info) == -1) {
+        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
+        ::close(fd);
+        return 0;
+    }
+    if (info.st_uid != ::geteuid()) {
+        TW_LOG("%D ERROR (%t): Event cache directory %C is owned by user %u, not by user %u.\n",
+               directory.c_str(), static_cast<unsigned>(info.st_uid),
+               static_cast<unsigned>(::geteuid()));
+        ::close(fd);
+        errno = EACCES;
+        return -1;
+    }
+    if ((info.st_mode & 077) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        TW_LOG("%D ERROR (%t): Event cache directory %C is open to group or others (mode %C).\n",
+               directory.c_str(), mode);
+        ::close(fd);
+        errno = EACCES;
+        return -1;
+    }
+
     TW_LOG("%D DEBUG (%t): Events with a large payload will be cached in %C\n", directory.c_str());
     m_directory = directory;
+    m_dirfd = fd;
     return 0;
 }
 
 int ACT_Cache::path(uint32_t token, std::string& file) {
-    if (prepare() == -1 || token == 0)
+    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+    if (prepareLocked() == -1 || token == 0)
         return -1;
     file = m_directory;
-    std::string const name = "event-" + std::to_string(token) + ".dat";
-    Path::Join(file, name.c_str());
+    Path::Join(file, spillName(token, m_serial++).c_str());
     return 0;
+}
+
+int ACT_Cache::create(uint32_t token, std::string& file) {
+    std::string directory;
+    int dirfd;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+        if (prepareLocked() == -1)
+            return -1;
+        directory = m_directory;
+        dirfd = m_dirfd;
+    }
+    if (token == 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    int const flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    for (int attempt = 0; attempt < CREATE_ATTEMPTS; ++attempt) {
+        std::string const name = spillName(token, m_serial++);
+        int const fd = dirfd != -1 ? ::openat(dirfd, name.c_str(), flags, 0600)
+                                   : ::open(name.c_str(), flags, 0600);
+        if (fd != -1) {
+            file = directory;
+            Path::Join(file, name.c_str());
+            return fd;
+        }
+        if (errno != EEXIST)
+            return -1;
+    }
+    return -1;
+}
+
+int ACT_Cache::sweep() {
+    int dirfd;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+        if (prepareLocked() == -1)
+            return -1;
+        dirfd = m_dirfd;
+    }
+    if (dirfd == -1)
+        return 0;
+    // A descriptor of its own, so the listing starts at the beginning.
+    int const listing = ::openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* dir = listing != -1 ? ::fdopendir(listing) : nullptr;
+    if (dir == nullptr) {
+        if (listing != -1)
+            ::close(listing);
+        return -1;
+    }
+    int removed = 0;
+    pid_t const self = ::getpid();
+    while (dirent* entry = ::readdir(dir)) {
+        pid_t const owner = spillOwner(entry->d_name);
+        if (owner == 0 || owner == self)
+            continue;
+        // EPERM means the process lives under another user: keep its file.
+        if (::kill(owner, 0) == 0 || errno != ESRCH)
+            continue;
+        if (::unlinkat(dirfd, entry->d_name, 0) == 0) {
+            ++removed;
+            TW_LOG("%D DEBUG (%t): Removed spill file %C of ended process %d\n", entry->d_name,
+                   static_cast<int>(owner));
+        }
+    }
+    ::closedir(dir);
+    return removed;
+}
+
+uint64_t ACT_Cache::setQuota(uint64_t bytes) {
+    return m_quota.exchange(bytes);
+}
+
+uint64_t ACT_Cache::quota() const {
+    return m_quota.load();
+}
+
+uint64_t ACT_Cache::spilledBytes() const {
+    return m_spilled.load();
+}
+
+int ACT_Cache::charge(uint64_t bytes) {
+    uint64_t current = m_spilled.load();
+    for (;;) {
+        uint64_t const limit = m_quota.load();
+        if (bytes > limit || current > limit - bytes) {
+            TW_LOG("%D ERROR (%t): Event cache quota of %Q bytes exceeded.\n",
+                   static_cast<ACE_UINT64>(limit));
+            errno = ENOSPC;
+            return -1;
+        }
+        if (m_spilled.compare_exchange_weak(current, current + bytes))
+            return 0;
+    }
+}
+
+void ACT_Cache::refund(uint64_t bytes) {
+    m_spilled.fetch_sub(bytes);
 }
 
 }  // namespace Tarnwick

@@ -5,25 +5,44 @@
 #include <ace/Thread_Mutex.h>
 #include <ace/Unbounded_Set.h>
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 
 namespace Tarnwick {
 
 // The open tokens of one connection in one direction: tokens of requests
 // that arrived on it (source) or were sent out on it (target). A request and
 // its reply carry the same token, so a reply finds its way back by asking
-// which connection holds its token. Each list has its own mutex; the
-// operations are linear in the number of open tokens.
+// which connection holds its token. Each list has its own mutex.
+//
+// add, remove and contains take constant time (a hash set, keyed with a
+// per-process random seed so that a peer can't choose colliding tokens). A
+// list holds at most capacity() tokens: tokens of requests that are never
+// answered (a peer that asks and goes on asking, broadcasts, messages that
+// were dropped) would otherwise pile up for the life of the connection. When
+// the list is full, adding a new token forgets the oldest one: a reply to it
+// that comes later finds no way back, as after a closed connection. The first
+// such eviction of a list logs one warning; later ones log nothing. Token 0
+// means "no token" and is never stored.
 class ACT_List {
 public:
+    // The capacity of a list unless changed: 65536 tokens.
+    static constexpr size_t Default_Capacity = 65536;
+
+    // An empty list with the capacity that setNewListCapacity last set
+    // (Default_Capacity unless changed).
     ACT_List();
     ~ACT_List();
     ACT_List(const ACT_List&) = delete;
     ACT_List& operator=(const ACT_List&) = delete;
 
-    // Adds the token unless it is there. 0, or -1 when the mutex can't be
-    // had or memory fails (errno ENOMEM).
+    // Adds the token unless it is there (a token that is there keeps its
+    // place in the order of eviction); when the list is full, the oldest
+    // token goes first. 0, also for token 0, which is not stored; -1 when the
+    // mutex can't be had or memory fails (errno ENOMEM).
     int add(uint32_t token);
     // Removes the token if it is there. 0, or -1 when the mutex can't be had.
     int remove(uint32_t token);
@@ -32,35 +51,125 @@ public:
     // The number of open tokens.
     size_t size();
 
+    // The most tokens this list holds.
+    size_t capacity();
+    // Changes this list's capacity (at least 1; 0 counts as 1). Tokens above
+    // a smaller capacity are evicted at once, oldest first.
+    void setCapacity(size_t capacity);
+    // The capacity of lists made from now on (at least 1; 0 counts as 1).
+    // Lists that exist keep theirs. For tests and for programs that expect
+    // more open requests on one connection.
+    static void setNewListCapacity(size_t capacity);
+    static size_t newListCapacity();
+
 private:
-    ACE_Unbounded_Set<uint32_t> m_tokens;
+    // Neighbours in the order of arrival, by token; 0 ends the chain.
+    struct Links {
+        uint32_t older;
+        uint32_t newer;
+    };
+    struct Hash {
+        size_t operator()(uint32_t token) const;
+    };
+
+    // Unlinks and erases the token at `it`; the caller holds the mutex.
+    void unlink(std::unordered_map<uint32_t, Links, Hash>::iterator it);
+    // Evicts the oldest tokens down to `limit`; the caller holds the mutex.
+    // True when anything went.
+    bool trim(size_t limit);
+    // Logs the first eviction of this list, once. Called without the mutex.
+    void warnEvicted(bool evicted);
+
+    std::unordered_map<uint32_t, Links, Hash> m_tokens;
+    uint32_t m_oldest;
+    uint32_t m_newest;
+    size_t m_capacity;
+    bool m_warned;
     ACE_Thread_Mutex m_mutex;
 };
 
 // The process-wide directory of spill files: <temp>/event-cache/<type>, with
 // <temp> from Path::TempPath and <type> the process identity's type text, so
-// that each kind of program on a machine has its own. A payload's file is
-// "event-<token>.dat" in it. Files left behind by a crash are not swept.
+// that each kind of program on a machine has its own. The directory is made
+// with mode 0700 and used only when it is a real directory (not a symbolic
+// link) owned by the effective user and closed to group and others.
+//
+// Spill files are named by this process alone, never by a peer:
+// "event-<token>-<pid>-<serial>.dat", where <serial> is 8 hex digits from a
+// per-process sequence that starts at a random value. They are created
+// exclusively with mode 0600 and never through a symbolic link. The pid in
+// the name tells sweep() which files a process that has died left behind.
+//
+// The cache also keeps a process-wide quota: the bytes in the spill files of
+// this process may not pass quota() (DEFAULT_QUOTA unless set). All
+// operations may be called from any thread.
 class ACT_Cache {
 public:
+    // The default spill quota: 4 GiB.
+    static const uint64_t DEFAULT_QUOTA = 4ull << 30;
+
     ACT_Cache();
+    ~ACT_Cache();
+    ACT_Cache(const ACT_Cache&) = delete;
+    ACT_Cache& operator=(const ACT_Cache&) = delete;
 
     // The cache; null (errno ENOMEM) only without memory.
     static ACT_Cache* instance();
 
     // Makes the directory ready. -1 when the temporary directory can't be
-    // found. When the directory can't be made, that is logged and the
-    // result is 0 with no directory: the next use tries again, and files
-    // are named without one (in the working directory).
+    // found, or when the directory is refused (a symbolic link, another
+    // owner, open to group or others: logged), so that nothing is spilled.
+    // When the directory can't be made, that is logged and the result is 0
+    // with no directory: the next use tries again, and files are made
+    // without one (in the working directory).
     int prepare();
-    // The spill file of `token` into `file`. -1 for token 0 or when prepare
-    // fails.
+    // A new candidate name for a spill file of `token` into `file`: the
+    // directory joined with "event-<token>-<pid>-<serial>.dat", taking the
+    // next serial. -1 for token 0 or when prepare fails. The name is not
+    // reserved; create() is the safe way to get a file.
     int path(uint32_t token, std::string& file);
+    // Creates a new spill file of `token`, exclusively (O_EXCL, never
+    // through a symbolic link, close-on-exec, mode 0600), opened for
+    // reading and writing. Returns the descriptor, which the caller owns and
+    // closes, with the path in `file`; -1 for token 0, when prepare fails or
+    // when no file can be made (errno set, nothing logged). A name that is
+    // taken, by a file or a symbolic link, is passed over for the next
+    // serial.
+    int create(uint32_t token, std::string& file);
+    // Removes the spill files in the directory whose owning process has
+    // ended (kill(pid, 0) fails with ESRCH): those of a process killed in a
+    // transfer. Files of live processes, of this one and files whose name
+    // carries no pid are kept. Returns the number removed, -1 when prepare
+    // fails; 0 without a directory.
+    int sweep();
     // The prepared directory, empty until then.
     const std::string& directory() const { return m_directory; }
 
+    // The quota in bytes; sets it and returns the old one. A smaller quota
+    // than spilledBytes() only stops further spills.
+    uint64_t setQuota(uint64_t bytes);
+    uint64_t quota() const;
+    // The bytes now in spill files of this process (through the instance
+    // that Message_Block uses, instance()).
+    uint64_t spilledBytes() const;
+    // Takes `bytes` from the quota before they are written. 0, or -1 with
+    // errno ENOSPC and one logged error line when they would pass it; then
+    // nothing is taken.
+    int charge(uint64_t bytes);
+    // Gives back bytes taken by charge(): written ones when their file is
+    // deleted, unwritten ones after a failed write.
+    void refund(uint64_t bytes);
+
 private:
+    // prepare() with m_lock held.
+    int prepareLocked();
+
     std::string m_directory;
+    int m_dirfd;  // the directory, held open once checked; -1 until then
+    std::atomic<uint32_t> m_serial;  // the next serial of a file name
+    std::atomic<uint64_t> m_quota;
+    std::atomic<uint64_t> m_spilled;
+    ACE_Thread_Mutex m_lock;  // guards m_directory and m_dirfd while they are set
 };
 
 }  // namespace Tarnwick

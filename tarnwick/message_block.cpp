@@ -25,9 +25,10 @@ void closeKeepingErrno(ACE_HANDLE handle) {
         errno = error;
 }
 
-// Writes all of `data` to `fd`. 0, or -1 after logging why.
-int writeAll(ACE_HANDLE fd, const char* data, size_t length) {
-    size_t done = 0;
+// Writes all of `data` to `fd`, counting the bytes written in `done`. 0, or
+// -1 after logging why.
+int writeAll(ACE_HANDLE fd, const char* data, size_t length, size_t& done) {
+    done = 0;
     while (done < length) {
         ssize_t const n = ::write(fd, data + done, length - done);
         if (n < 0 && errno == EINTR)
@@ -51,7 +52,10 @@ int writeAll(ACE_HANDLE fd, const char* data, size_t length) {
 Data_Block::Data_Block()
     : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, nullptr, nullptr,
                      Message_Block::LockingStrategy(), 0, ACE_Allocator::instance()),
-      m_handle(ACE_INVALID_HANDLE) {
+      m_handle(ACE_INVALID_HANDLE),
+      m_writable(false),
+      m_size(0),
+      m_charged(0) {
     if (base() != nullptr && capacity() >= HEADER_SIZE)
         new (base()) Message_Header();
     set_flags(DATA_BLOCK_FLAG);
@@ -62,14 +66,33 @@ Data_Block::~Data_Block() {
 }
 
 void Data_Block::set_handle(ACE_HANDLE handle) {
+    std::lock_guard<std::mutex> guard(m_handle_lock);
     if (m_handle != ACE_INVALID_HANDLE)
         closeKeepingErrno(m_handle);
     m_handle = handle;
+    m_writable = false;
 }
 
-ACE_HANDLE& Data_Block::get_handle() {
-    if (m_handle == ACE_INVALID_HANDLE && !m_fileName.empty())
-        m_handle = ::open(m_fileName.c_str(), O_RDONLY | O_CLOEXEC);
+void Data_Block::setWriteHandle(ACE_HANDLE handle, uint64_t size) {
+    set_handle(handle);
+    m_writable = true;
+    m_size.store(size);
+}
+
+ACE_HANDLE Data_Block::get_handle() {
+    std::lock_guard<std::mutex> guard(m_handle_lock);
+    if (m_handle == ACE_INVALID_HANDLE && !m_fileName.empty()) {
+        ACE_HANDLE const handle = ::open(m_fileName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        struct stat info;
+        if (handle != ACE_INVALID_HANDLE) {
+            if (::fstat(handle, &info) == -1) {
+                closeKeepingErrno(handle);
+                return ACE_INVALID_HANDLE;
+            }
+            m_size.store(static_cast<uint64_t>(info.st_size));
+            m_handle = handle;
+        }
+    }
     return m_handle;
 }
 
@@ -78,16 +101,24 @@ const char* Data_Block::getFileName() const {
 }
 
 void Data_Block::setFileName(const char* name) {
+    set_handle(ACE_INVALID_HANDLE);
+    m_size.store(0);
     m_fileName = name != nullptr ? name : "";
 }
 
 int Data_Block::reset() {
     set_handle(ACE_INVALID_HANDLE);
+    m_size.store(0);
     if (!m_fileName.empty()) {
         int const error = errno;
         ::unlink(m_fileName.c_str());
-        errno = error;
         m_fileName.clear();
+        if (m_charged != 0) {
+            if (ACT_Cache* cache = ACT_Cache::instance())
+                cache->refund(m_charged);
+            m_charged = 0;
+        }
+        errno = error;
     }
     return 0;
 }
@@ -111,11 +142,13 @@ ACE_Lock_Adapter<ACE_Thread_Mutex>* Message_Block::LockingStrategy() {
     return m_locking_strategy;
 }
 
-Message_Block::Message_Block() : ACE_Message_Block(Data_Block::create(), 0, nullptr) {
+Message_Block::Message_Block()
+    : ACE_Message_Block(Data_Block::create(), 0, nullptr), m_file_offset(0) {
     set_self_flags(MESSAGE_BLOCK_FLAG);
 }
 
-Message_Block::Message_Block(ACE_Data_Block* shared) : ACE_Message_Block(shared, 0, nullptr) {
+Message_Block::Message_Block(ACE_Data_Block* shared)
+    : ACE_Message_Block(shared, 0, nullptr), m_file_offset(0) {
     set_self_flags(MESSAGE_BLOCK_FLAG);
 }
 
@@ -136,6 +169,7 @@ ACE_Message_Block* Message_Block::duplicate() const {
     copy->rd_ptr_ = rd_ptr_;
     copy->wr_ptr_ = wr_ptr_;
     copy->priority_ = priority_;
+    copy->m_file_offset = m_file_offset;
     if (cont_ != nullptr) {
         copy->cont_ = cont_->duplicate();
         if (copy->cont_ == nullptr) {
@@ -189,14 +223,16 @@ bool Message_Block::isStoredOnDisk() {
     return block != nullptr && block->isStoredOnDisk();
 }
 
+uint32_t Message_Block::diskLength(Data_Block* block) {
+    if (block->get_handle() == ACE_INVALID_HANDLE)
+        return 0xFFFFFFFFu;
+    return static_cast<uint32_t>(block->fileSize());
+}
+
 uint32_t Message_Block::getLength() {
     Data_Block* block = checkDataBlock("Tarnwick::Message_Block::getLength");
-    if (block != nullptr && block->isStoredOnDisk()) {
-        struct stat info;
-        if (::stat(block->getFileName(), &info) == -1)
-            return 0xFFFFFFFFu;
-        return static_cast<uint32_t>(info.st_size);
-    }
+    if (block != nullptr && block->isStoredOnDisk())
+        return diskLength(block);
     return cont_ != nullptr ? static_cast<uint32_t>(cont_->length()) : 0;
 }
 
@@ -209,16 +245,17 @@ uint32_t Message_Block::getSize() {
 uint32_t Message_Block::getActualLength() {
     Data_Block* block = checkDataBlock("Tarnwick::Message_Block::getActualLength");
     if (block != nullptr && block->isStoredOnDisk()) {
-        ACE_HANDLE const handle = block->get_handle();
-        if (handle == ACE_INVALID_HANDLE)
-            return getLength();
-        off_t const position = ::lseek(handle, 0, SEEK_CUR);
-        struct stat info;
-        uint32_t const size =
-            ::fstat(handle, &info) == 0 ? static_cast<uint32_t>(info.st_size) : 0xFFFFFFFFu;
-        return size - (position == -1 ? 0xFFFFFFFFu : static_cast<uint32_t>(position));
+        uint32_t const size = diskLength(block);
+        if (size == 0xFFFFFFFFu)
+            return size;
+        return m_file_offset >= size ? 0 : static_cast<uint32_t>(size - m_file_offset);
     }
     return cont_ != nullptr ? static_cast<uint32_t>(cont_->length()) : 0;
+}
+
+uint64_t Message_Block::getDiskLength() const {
+    Data_Block* block = dataBlock();
+    return block != nullptr && block->isStoredOnDisk() ? block->fileSize() : 0;
 }
 
 int64_t Message_Block::write(const char* data, uint64_t length) {
@@ -265,33 +302,86 @@ int64_t Message_Block::write(const char* data, uint64_t length) {
 
 int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
     Data_Block* block = dataBlock();
+    ACT_Cache* const cache = ACT_Cache::instance();
+    if (cache == nullptr)
+        return -1;
+    uint32_t token = 0;
     if (!block->isStoredOnDisk()) {
-        std::string name;
         Message_Header* header = getHeader();
-        if (header == nullptr || ACT_Cache::instance() == nullptr ||
-            ACT_Cache::instance()->path(header->getACT(), name) == -1) {
+        token = header != nullptr ? header->getACT() : 0;
+        if (token == 0) {
+            errno = EINVAL;
             return -1;
         }
-        block->setFileName(name.c_str());
+        if (cache->prepare() == -1)
+            return -1;
     }
-    ACE_HANDLE const fd =
-        ::open(block->getFileName(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (fd == ACE_INVALID_HANDLE) {
-        TW_LOG_ERRNO("%D ERROR (%t): Can not open file for writing.");
+
+    // Everything that goes to disk now is taken from the quota first, so
+    // that a refused write leaves no byte and no file behind.
+    uint64_t const moved = cont_ != nullptr ? cont_->length() : 0;
+    uint64_t const needed = moved + length;
+    if (cache->charge(needed) == -1)
         return -1;
+
+    // The file is opened once, at the first spill, and written through the
+    // same descriptor from then on.
+    ACE_HANDLE fd = block->writeHandle();
+    if (fd == ACE_INVALID_HANDLE) {
+        if (!block->isStoredOnDisk()) {
+            std::string name;
+            fd = cache->create(token, name);
+            if (fd != ACE_INVALID_HANDLE) {
+                block->setFileName(name.c_str());
+                block->setWriteHandle(fd, 0);
+            }
+        } else {
+            // A file that the caller named: appended to, never through a
+            // symbolic link.
+            fd = ::open(block->getFileName(), O_RDWR | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                        0600);
+            struct stat info;
+            if (fd != ACE_INVALID_HANDLE && ::fstat(fd, &info) == -1) {
+                closeKeepingErrno(fd);
+                fd = ACE_INVALID_HANDLE;
+            }
+            if (fd != ACE_INVALID_HANDLE)
+                block->setWriteHandle(fd, static_cast<uint64_t>(info.st_size));
+        }
+        if (fd == ACE_INVALID_HANDLE) {
+            TW_LOG_ERRNO("%D ERROR (%t): Can not open file for writing.");
+            int const error = errno;
+            cache->refund(needed);
+            errno = error;
+            return -1;
+        }
     }
+
     // What was held in memory goes first, so that the file holds the whole
     // payload in order; from now on every write appends to the file.
+    size_t done = 0;
+    int result = 0;
     if (cont_ != nullptr) {
-        if (writeAll(fd, cont_->rd_ptr(), cont_->length()) == -1) {
-            closeKeepingErrno(fd);
-            return -1;
+        result = writeAll(fd, cont_->rd_ptr(), cont_->length(), done);
+        block->m_size += done;
+        block->m_charged += done;
+        if (result == 0) {
+            cont_->release();
+            cont_ = nullptr;
         }
-        cont_->release();
-        cont_ = nullptr;
     }
-    int const result = writeAll(fd, data, static_cast<size_t>(length));
-    closeKeepingErrno(fd);
+    size_t written = done;
+    if (result == 0) {
+        result = writeAll(fd, data, static_cast<size_t>(length), done);
+        block->m_size += done;
+        block->m_charged += done;
+        written += done;
+    }
+    if (written < needed) {
+        int const error = errno;
+        cache->refund(needed - written);
+        errno = error;
+    }
     return result == -1 ? -1 : static_cast<int64_t>(length);
 }
 
@@ -313,7 +403,7 @@ int64_t Message_Block::read(ACE_Message_Block*& out) {
 }
 
 int64_t Message_Block::readFromDisk(Data_Block* block, ACE_Message_Block*& out) {
-    ACE_HANDLE& handle = block->get_handle();
+    ACE_HANDLE const handle = block->get_handle();
     if (handle == ACE_INVALID_HANDLE) {
         TW_LOG_ERRNO("%D ERROR (%t): Can not read message data from disk.");
         return -1;
@@ -330,12 +420,15 @@ int64_t Message_Block::readFromDisk(Data_Block* block, ACE_Message_Block*& out) 
             return -1;
         }
     }
+    // The descriptor is shared with every duplicate: read at this block's
+    // own offset, never at the descriptor's position.
     ssize_t count;
     do {
-        count = ::read(handle, piece->wr_ptr(), piece->space());
+        count = ::pread(handle, piece->wr_ptr(), piece->space(), static_cast<off_t>(m_file_offset));
     } while (count < 0 && errno == EINTR);
     if (count > 0) {
         piece->wr_ptr(static_cast<size_t>(count));
+        m_file_offset += static_cast<uint64_t>(count);
         out = piece;
         errno = EWOULDBLOCK;
         return count;
@@ -350,7 +443,8 @@ int64_t Message_Block::readFromDisk(Data_Block* block, ACE_Message_Block*& out) 
             out = nullptr;
         }
     }
-    block->set_handle(ACE_INVALID_HANDLE);
+    // The pass is over (or failed): a next one starts from the beginning.
+    m_file_offset = 0;
     return count < 0 ? -1 : 0;
 }
 
@@ -358,6 +452,7 @@ int Message_Block::reset() {
     Data_Block* block = checkDataBlock("Tarnwick::Message_Block::reset");
     if (block != nullptr)
         block->reset();
+    m_file_offset = 0;
     if (cont_ != nullptr) {
         cont_->release();
         cont_ = nullptr;

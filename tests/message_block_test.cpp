@@ -4,12 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <new>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "block_limit.h"
@@ -232,6 +236,23 @@ std::string pattern(size_t size, char seed) {
     return text;
 }
 
+// True when `file` is a spill file of `token` of this process in
+// `directory`: "<directory>/event-<token>-<pid>-<8 hex digits>.dat".
+::testing::AssertionResult isSpillFile(const std::string& file, const std::string& directory,
+                                       uint32_t token) {
+    std::string const head = (directory.empty() ? std::string() : directory + "/") + "event-" +
+                             std::to_string(token) + "-" + std::to_string(::getpid()) + "-";
+    std::string const tail = ".dat";
+    bool ok = file.size() == head.size() + 8 + tail.size() &&
+              file.compare(0, head.size(), head) == 0 &&
+              file.compare(file.size() - tail.size(), tail.size(), tail) == 0;
+    for (size_t i = head.size(); ok && i < head.size() + 8; ++i)
+        ok = std::isxdigit(static_cast<unsigned char>(file[i])) != 0;
+    if (ok)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << file << " is not named " << head << "XXXXXXXX" << tail;
+}
+
 // A block with the token `act` in its header.
 Message_Block* blockWithToken(uint32_t act) {
     Message_Block* block = new Message_Block();
@@ -252,9 +273,15 @@ TEST(MessageBlockSpill, PayloadPastTheLimitGoesToDiskWithNoContinuation) {
     EXPECT_TRUE(block->isStoredOnDisk());
     EXPECT_EQ(block->cont(), nullptr);
     ASSERT_NE(block->getFileName(), nullptr);
-    EXPECT_EQ(std::string(block->getFileName()), cache.directory() + "/event-101.dat");
+    EXPECT_TRUE(isSpillFile(block->getFileName(), cache.directory(), 101));
     EXPECT_EQ(fileContent(block->getFileName()), data);
     EXPECT_EQ(block->getLength(), 16385u);
+    EXPECT_EQ(block->getDiskLength(), 16385u);
+    struct stat info;
+    ASSERT_EQ(::lstat(block->getFileName(), &info), 0);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(info.st_uid, ::geteuid());
     block->release();
 }
 
@@ -288,7 +315,7 @@ TEST(MessageBlockSpill, WriteWithoutATokenFails) {
     block->release();
 }
 
-TEST(MessageBlockSpill, TwoMessagesWithOneTokenShareOneFile) {
+TEST(MessageBlockSpill, TwoMessagesWithOneTokenSpillToDifferentFiles) {
     TarnwickTest::ScratchCache cache;
     BlockLimit limit(16384);
     Message_Block* a = blockWithToken(103);
@@ -297,9 +324,18 @@ TEST(MessageBlockSpill, TwoMessagesWithOneTokenShareOneFile) {
     std::string const two = pattern(16400, '2');
     ASSERT_EQ(a->write(one.data(), one.size()), 16385);
     ASSERT_EQ(b->write(two.data(), two.size()), 16400);
-    EXPECT_STREQ(a->getFileName(), b->getFileName());
-    EXPECT_EQ(fileContent(a->getFileName()), one + two);
+    ASSERT_NE(a->getFileName(), nullptr);
+    ASSERT_NE(b->getFileName(), nullptr);
+    EXPECT_STRNE(a->getFileName(), b->getFileName());
+    EXPECT_TRUE(isSpillFile(a->getFileName(), cache.directory(), 103));
+    EXPECT_TRUE(isSpillFile(b->getFileName(), cache.directory(), 103));
+    EXPECT_EQ(fileContent(a->getFileName()), one);
+    EXPECT_EQ(fileContent(b->getFileName()), two);
+    // Ending one leaves the other whole.
+    std::string const second = b->getFileName();
     a->release();
+    EXPECT_TRUE(exists(second));
+    EXPECT_EQ(fileContent(second.c_str()), two);
     b->release();
 }
 
@@ -338,13 +374,30 @@ TEST(MessageBlockSpill, ReadGivesFullChunksWithWouldBlockThenZero) {
     block->release();
 }
 
-TEST(MessageBlockSpill, ActualLengthOfAFileThatHasGoneIsTheFailedLength) {
+TEST(MessageBlockSpill, AFileUnlinkedUnderASpilledPayloadStillReadsWhole) {
     TarnwickTest::ScratchCache cache;
     BlockLimit limit(16384);
     Message_Block* block = blockWithToken(105);
-    std::string const data = pattern(16385, 'g');
-    ASSERT_EQ(block->write(data.data(), data.size()), 16385);
+    std::string const data = pattern(20000, 'g');
+    ASSERT_EQ(block->write(data.data(), data.size()), 20000);
     ASSERT_EQ(::unlink(block->getFileName()), 0);
+    EXPECT_EQ(block->getLength(), 20000u);
+    std::string got;
+    ACE_Message_Block* piece = nullptr;
+    while (block->read(piece) > 0) {
+        got.append(piece->rd_ptr(), piece->length());
+        piece->release();
+        piece = nullptr;
+    }
+    EXPECT_EQ(got, data);
+    block->release();
+}
+
+TEST(MessageBlockSpill, ActualLengthOfAFileThatHasGoneIsTheFailedLength) {
+    TarnwickTest::ScratchCache cache;
+    Message_Block* block = blockWithToken(105);
+    std::string const name = cache.directory() + "/event-105-gone.dat";
+    ASSERT_EQ(block->setFileName(name.c_str()), 0);
     EXPECT_EQ(block->getLength(), 0xFFFFFFFFu);
     EXPECT_EQ(block->getActualLength(), 0xFFFFFFFFu);
     LogCapture capture;
@@ -399,7 +452,7 @@ TEST(MessageBlockSpill, LargestTokenGivesTenDigits) {
     TarnwickTest::ScratchCache cache;
     std::string file;
     ASSERT_EQ(Tarnwick::ACT_Cache::instance()->path(4294967295u, file), 0);
-    EXPECT_EQ(file, cache.directory() + "/event-4294967295.dat");
+    EXPECT_TRUE(isSpillFile(file, cache.directory(), 4294967295u));
 }
 
 TEST(MessageBlockSpill, TokenZeroHasNoFile) {
@@ -450,10 +503,296 @@ TEST(MessageBlockSpill, UnwritableTemporaryDirectoryPutsFilesInTheWorkingDirecto
             return 13;
         }
         std::string file;
-        if (cache.path(77, file) != 0 || file != "event-77.dat")
+        if (cache.path(77, file) != 0 || !isSpillFile(file, "", 77))
             return 14;
         return 0;
     });
     EXPECT_EQ(result.exitCode(), 0) << result.errors;
     ::rmdir(work);
+}
+
+// ---------------------------------------------------------------------------
+// One spilled message read by several sends: each duplicate has its own
+// offset into the file.
+
+namespace {
+
+// Reads `block` to its end, one piece at a time.
+std::string readAll(Message_Block* block) {
+    std::string got;
+    for (;;) {
+        ACE_Message_Block* piece = nullptr;
+        int64_t const n = block->read(piece);
+        if (n <= 0)
+            break;
+        got.append(piece->rd_ptr(), piece->length());
+        piece->release();
+    }
+    return got;
+}
+
+Message_Block* spilled(uint32_t act, const std::string& data) {
+    Message_Block* block = blockWithToken(act);
+    if (block->write(data.data(), data.size()) != static_cast<int64_t>(data.size()))
+        ADD_FAILURE() << "spill of " << data.size() << " bytes failed";
+    return block;
+}
+
+}  // namespace
+
+TEST(MessageBlockSpill, TwoDuplicatesReadInTurnEachGetEveryByte) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    std::string const data = pattern(50000, 'p');
+    Message_Block* original = spilled(110, data);
+    auto* one = static_cast<Message_Block*>(original->duplicate());
+    auto* two = static_cast<Message_Block*>(original->duplicate());
+    ASSERT_NE(one, nullptr);
+    ASSERT_NE(two, nullptr);
+
+    std::string got_one, got_two;
+    bool more_one = true, more_two = true;
+    while (more_one || more_two) {
+        for (auto [block, got, more] :
+             {std::tie(one, got_one, more_one), std::tie(two, got_two, more_two)}) {
+            if (!more)
+                continue;
+            uint32_t const left = block->getActualLength();
+            EXPECT_EQ(left, data.size() - got.size());
+            ACE_Message_Block* piece = nullptr;
+            int64_t const n = block->read(piece);
+            if (n <= 0) {
+                more = false;
+                continue;
+            }
+            got.append(piece->rd_ptr(), piece->length());
+            piece->release();
+        }
+    }
+    EXPECT_EQ(got_one, data);
+    EXPECT_EQ(got_two, data);
+    // The original was never read: it still has the whole payload ahead.
+    EXPECT_EQ(original->getActualLength(), 50000u);
+    EXPECT_EQ(readAll(original), data);
+    one->release();
+    two->release();
+    original->release();
+}
+
+TEST(MessageBlockSpill, ADuplicateReadsOnFromWhereItsOriginalStood) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    std::string const data = pattern(40000, 'o');
+    Message_Block* original = spilled(111, data);
+    ACE_Message_Block* piece = nullptr;
+    ASSERT_EQ(original->read(piece), 16384);
+    piece->release();
+    auto* copy = static_cast<Message_Block*>(original->duplicate());
+    EXPECT_EQ(copy->getActualLength(), 40000u - 16384u);
+    EXPECT_EQ(readAll(copy), data.substr(16384));
+    // Reading the duplicate moved nothing of the original.
+    EXPECT_EQ(original->getActualLength(), 40000u - 16384u);
+    EXPECT_EQ(readAll(original), data.substr(16384));
+    copy->release();
+    original->release();
+}
+
+TEST(MessageBlockSpill, DuplicatesReadSideBySideOnTwoThreads) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    std::string const data = pattern(300000, 't');
+    Message_Block* original = spilled(112, data);
+    for (int round = 0; round < 4; ++round) {
+        // Two sends of one broadcast, each on a thread of its own, both
+        // starting before either has opened the file for reading.
+        Message_Block* shared = spilled(113 + round, data);
+        auto* one = static_cast<Message_Block*>(shared->duplicate());
+        auto* two = static_cast<Message_Block*>(shared->duplicate());
+        shared->release();
+        std::string got_one, got_two;
+        std::thread first([&] { got_one = readAll(one); });
+        std::thread second([&] { got_two = readAll(two); });
+        first.join();
+        second.join();
+        EXPECT_EQ(got_one, data);
+        EXPECT_EQ(got_two, data);
+        // The last reference may go on either thread.
+        std::thread end([one] { one->release(); });
+        two->release();
+        end.join();
+    }
+    original->release();
+}
+
+TEST(MessageBlockSpill, DiskLengthCountsOnlyTheSpilledBytes) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Message_Block* block = blockWithToken(120);
+    ASSERT_EQ(block->write("small", 5), 5);
+    EXPECT_EQ(block->getDiskLength(), 0u);
+    std::string const more = pattern(20000, 'l');
+    ASSERT_EQ(block->write(more.data(), more.size()), 20000);
+    EXPECT_EQ(block->getDiskLength(), 20005u);
+    ASSERT_EQ(block->write("!", 1), 1);
+    EXPECT_EQ(block->getDiskLength(), 20006u);
+    auto* copy = static_cast<Message_Block*>(block->duplicate());
+    EXPECT_EQ(copy->getDiskLength(), 20006u);
+    copy->release();
+    block->reset();
+    EXPECT_EQ(block->getDiskLength(), 0u);
+    block->release();
+}
+
+// ---------------------------------------------------------------------------
+// Spill files are named and created by this process alone.
+
+TEST(MessageBlockSpill, ASymlinkPlantedAtTheNextNameIsNotFollowed) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    char target_dir[] = "/tmp/tarnwick-target-XXXXXX";
+    ASSERT_NE(mkdtemp(target_dir), nullptr);
+    std::string const target = std::string(target_dir) + "/victim";
+    {
+        FILE* victim = std::fopen(target.c_str(), "wb");
+        ASSERT_NE(victim, nullptr);
+        std::fputs("precious", victim);
+        std::fclose(victim);
+    }
+    // Symbolic links at the next two names that this process would choose:
+    // both are passed over for the third.
+    std::string candidate;
+    ASSERT_EQ(Tarnwick::ACT_Cache::instance()->path(121, candidate), 0);
+    ASSERT_TRUE(isSpillFile(candidate, cache.directory(), 121));
+    size_t const serial_at = candidate.size() - 12;
+    uint32_t const serial =
+        static_cast<uint32_t>(std::stoul(candidate.substr(serial_at, 8), nullptr, 16));
+    auto nameWith = [&](uint32_t next) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%08x", next);
+        return candidate.substr(0, serial_at) + text + ".dat";
+    };
+    std::string const planted = nameWith(serial + 1);
+    std::string const planted_too = nameWith(serial + 2);
+    std::string const dangling = cache.directory() + "/event-121-dangling.dat";
+    ASSERT_EQ(::symlink(target.c_str(), planted.c_str()), 0);
+    ASSERT_EQ(::symlink((std::string(target_dir) + "/absent").c_str(), planted_too.c_str()), 0);
+
+    Message_Block* block = blockWithToken(121);
+    std::string const data = pattern(16385, 's');
+    ASSERT_EQ(block->write(data.data(), data.size()), 16385);
+    ASSERT_NE(block->getFileName(), nullptr);
+    EXPECT_EQ(std::string(block->getFileName()), nameWith(serial + 3));
+    EXPECT_EQ(fileContent(block->getFileName()), data);
+    EXPECT_EQ(fileContent(target.c_str()), "precious");
+    block->release();
+
+    // A file named by the caller is not followed either.
+    ASSERT_EQ(::symlink(target.c_str(), dangling.c_str()), 0);
+    LogCapture capture;
+    Message_Block* named = blockWithToken(122);
+    ASSERT_EQ(named->setFileName(dangling.c_str()), 0);
+    errno = 0;
+    EXPECT_EQ(named->write(data.data(), data.size()), -1);
+    EXPECT_EQ(capture.lines(), std::vector<std::string>{"%D ERROR (%t): Can not open file for "
+                                                        "writing.: Too many levels of symbolic "
+                                                        "links"});
+    ACE_Message_Block* piece = nullptr;
+    EXPECT_EQ(named->read(piece), -1);
+    EXPECT_EQ(fileContent(target.c_str()), "precious");
+    ASSERT_EQ(named->setFileName(nullptr), 0);
+    named->release();
+
+    EXPECT_EQ(fileContent(target.c_str()), "precious");
+    struct stat info;
+    EXPECT_NE(::lstat((std::string(target_dir) + "/absent").c_str(), &info), 0);
+    ::unlink(planted.c_str());
+    ::unlink(planted_too.c_str());
+    ::unlink(dangling.c_str());
+    ::unlink(target.c_str());
+    ::rmdir(target_dir);
+}
+
+// ---------------------------------------------------------------------------
+// The quota of spilled bytes.
+
+namespace {
+
+// Sets the event cache's quota for the length of a scope.
+class QuotaLimit {
+public:
+    explicit QuotaLimit(uint64_t bytes) : old_(Tarnwick::ACT_Cache::instance()->setQuota(bytes)) {}
+    ~QuotaLimit() { Tarnwick::ACT_Cache::instance()->setQuota(old_); }
+    QuotaLimit(const QuotaLimit&) = delete;
+    QuotaLimit& operator=(const QuotaLimit&) = delete;
+
+private:
+    uint64_t old_;
+};
+
+}  // namespace
+
+TEST(MessageBlockSpill, SpilledBytesCountUntilTheFileIsDeleted) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Tarnwick::ACT_Cache* const act = Tarnwick::ACT_Cache::instance();
+    uint64_t const before = act->spilledBytes();
+    Message_Block* block = blockWithToken(130);
+    std::string const first = pattern(10000, 'q');
+    ASSERT_EQ(block->write(first.data(), first.size()), 10000);
+    EXPECT_EQ(act->spilledBytes(), before);
+    ASSERT_EQ(block->write(first.data(), first.size()), 10000);
+    EXPECT_EQ(act->spilledBytes(), before + 20000);
+    auto* copy = block->duplicate();
+    block->release();
+    EXPECT_EQ(act->spilledBytes(), before + 20000);
+    copy->release();
+    EXPECT_EQ(act->spilledBytes(), before);
+}
+
+TEST(MessageBlockSpill, AWritePastTheQuotaFailsAndWritesNothing) {
+    TarnwickTest::ScratchCache cache;
+    BlockLimit limit(16384);
+    Tarnwick::ACT_Cache* const act = Tarnwick::ACT_Cache::instance();
+    QuotaLimit quota(act->spilledBytes() + 30000);
+    uint64_t const before = act->spilledBytes();
+
+    // The first spill alone would pass it: no file at all.
+    {
+        LogCapture capture;
+        Message_Block* block = blockWithToken(131);
+        std::string const big = pattern(30001, 'b');
+        errno = 0;
+        EXPECT_EQ(block->write(big.data(), big.size()), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_FALSE(block->isStoredOnDisk());
+        EXPECT_EQ(act->spilledBytes(), before);
+        char line[128];
+        std::snprintf(line, sizeof line,
+                      "%%D ERROR (%%t): Event cache quota of %llu bytes exceeded.",
+                      static_cast<unsigned long long>(act->quota()));
+        EXPECT_EQ(capture.lines(), std::vector<std::string>{line});
+        block->release();
+    }
+
+    // A later chunk that would pass it: the file keeps what it had.
+    Message_Block* block = blockWithToken(132);
+    std::string const chunk = pattern(16385, 'c');
+    ASSERT_EQ(block->write(chunk.data(), chunk.size()), 16385);
+    EXPECT_EQ(act->spilledBytes(), before + 16385);
+    {
+        LogCapture capture;
+        errno = 0;
+        EXPECT_EQ(block->write(chunk.data(), chunk.size()), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(capture.lines().size(), 1u);
+    }
+    EXPECT_EQ(fileContent(block->getFileName()), chunk);
+    EXPECT_EQ(block->getLength(), 16385u);
+    EXPECT_EQ(act->spilledBytes(), before + 16385);
+    // Up to the quota exactly is allowed.
+    std::string const rest = pattern(30000 - 16385, 'r');
+    EXPECT_EQ(block->write(rest.data(), rest.size()), static_cast<int64_t>(rest.size()));
+    EXPECT_EQ(act->spilledBytes(), before + 30000);
+    block->release();
+    EXPECT_EQ(act->spilledBytes(), before);
 }

@@ -8,7 +8,9 @@
 #include <ace/Message_Block.h>
 #include <ace/Thread_Mutex.h>
 
+#include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 namespace Tarnwick {
@@ -17,6 +19,12 @@ namespace Tarnwick {
 // that holds the Message_Header, and the spill file of a payload that has
 // outgrown memory. The file goes with the last reference. The flag bit
 // DATA_BLOCK_FLAG marks a data block as one of this class.
+//
+// The spill file has one descriptor, shared by every Message_Block on this
+// data block: the one the payload was written through, or one opened for
+// reading on first use. Its file position belongs to nobody: each
+// Message_Block reads at an offset of its own with pread, so duplicates of
+// one message may be read side by side, also on different threads.
 class Data_Block : public ACE_Data_Block {
 public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
@@ -27,27 +35,46 @@ public:
     static Data_Block* create();
 
     Data_Block();
-    // Closes the reading handle and deletes the spill file.
+    // Closes the descriptor, deletes the spill file and gives its bytes back
+    // to the event cache's quota.
     ~Data_Block() override;
 
-    // Closes a valid old handle and keeps `handle`.
+    // Closes a valid old descriptor and keeps `handle`, which the data block
+    // owns from then on (as one to read through only).
     void set_handle(ACE_HANDLE handle);
-    // The reading handle of the spill file, opened on first use; invalid
-    // without a file or when it can't be opened.
-    ACE_HANDLE& get_handle();
+    // The descriptor of the spill file, opened read-only on first use when
+    // there is none; invalid without a file or when it can't be opened.
+    // Thread-safe. Read through it with pread only; the data block closes it.
+    ACE_HANDLE get_handle();
     // The spill file's path, or null when the payload is not on disk.
     const char* getFileName() const;
+    // Names the file that holds the payload; closes a descriptor of an
+    // earlier one (which stays on disk).
     void setFileName(const char* name);
     // True as soon as a spill file name is set.
     bool isStoredOnDisk() const { return !m_fileName.empty(); }
+    // The bytes in the spill file as far as this data block knows them: all
+    // written through it, or the file's size when it was opened by name. No
+    // system call; 0 before a file named by setFileName has been opened.
+    uint64_t fileSize() const { return m_size.load(); }
 
 protected:
     friend class Message_Block;
-    // Closes the handle and deletes the spill file. 0.
+    // Closes the descriptor, deletes the spill file, gives its bytes back to
+    // the quota. 0.
     int reset();
 
 private:
+    // The descriptor, when the data block may write through it.
+    ACE_HANDLE writeHandle() const { return m_writable ? m_handle : ACE_INVALID_HANDLE; }
+    // Keeps `handle` as the descriptor to write the payload through.
+    void setWriteHandle(ACE_HANDLE handle, uint64_t size);
+
+    std::mutex m_handle_lock;  // guards m_handle against two first opens
     ACE_HANDLE m_handle;
+    bool m_writable;               // m_handle was opened for writing
+    std::atomic<uint64_t> m_size;  // bytes in the file
+    uint64_t m_charged;            // bytes taken from the event cache's quota
     std::string m_fileName;
 };
 
@@ -55,11 +82,15 @@ private:
 // the block's read and write positions run; the payload lives in the
 // continuation, a plain ACE_Message_Block, until it grows past
 // Handler::Data_Block_Size, and from then on in a spill file of the event
-// cache (ACT_Cache), named after the header's token. Memory per message stays
-// bounded by that limit whatever the size of the payload.
+// cache (ACT_Cache), which names and creates it. Memory per message stays
+// bounded by that limit whatever the size of the payload; the bytes on disk
+// count against the event cache's quota.
 //
 // Blocks are shared with duplicate() and ended with release(); every
-// duplicate of a Message_Block is a Message_Block. The reference counts of all
+// duplicate of a Message_Block is a Message_Block with read positions of its
+// own: the header's (rd_ptr), the continuation's (a duplicate of its own) and
+// the offset into a spill file. So a message sent to several connections, or
+// twice to one, is read whole by each send. The reference counts of all
 // blocks are guarded by one process-wide lock, LockingStrategy().
 class Message_Block : public ACE_Message_Block {
 public:
@@ -72,28 +103,35 @@ public:
     ~Message_Block() override;
 
     // A new Message_Block that shares this one's data block and, duplicated,
-    // its continuation; the caller owns one reference. Null on failure.
+    // its continuation, with this one's read positions (spill file offset
+    // included); the caller owns one reference. Null on failure.
     ACE_Message_Block* duplicate() const override;
 
     // The header at the data block's base, whatever the read position.
     Message_Header* getHeader() const;
 
-    // Total length of the payload; 0xFFFFFFFF when a spill file can't be read.
+    // Total length of the payload; 0xFFFFFFFF when a spill file can't be
+    // opened. No file is measured: the size is kept in the data block.
     uint32_t getLength();
     // The header's size field; 0 when the header is missing or not readable.
     uint32_t getSize();
-    // The part of the payload that remains to be read.
+    // The part of the payload that this block has still to read.
     uint32_t getActualLength();
+    // The payload bytes that lie in a spill file, 0 for a payload in memory.
+    // Cheap (no system call, no log): meant for accounting of queues.
+    uint64_t getDiskLength() const;
     // Appends `length` bytes to the payload, moving it to a spill file once
     // it outgrows the limit. Returns `length`, 0 for length 0, or -1 (null
-    // data; errno ENOMEM; no token or cache for the file; a file error,
-    // logged).
+    // data; errno ENOMEM; no token or cache for the file; errno ENOSPC when
+    // the event cache's quota would be passed, with nothing written; a file
+    // error; the last two logged).
     int64_t write(const char* data, uint64_t length);
     // The next piece of the payload into `out` (a new block of
     // Data_Block_Size bytes when null), which the caller releases. Returns its
     // byte count; from a spill file with errno EWOULDBLOCK, as more may come.
-    // 0 when nothing is left; -1 on a read error (logged when the file can't
-    // be opened).
+    // 0 when nothing is left, after which this block reads a spill file from
+    // its beginning again; -1 on a read error (logged when the file can't be
+    // opened). Each block reads on from its own offset.
     int64_t read(ACE_Message_Block*& out);
     // Drops the payload and deletes a spill file; the header stays. 0.
     int reset();
@@ -118,6 +156,11 @@ private:
     // Appends to the spill file, moving the in-memory payload there first.
     int64_t writeToDisk(const char* data, uint64_t length);
     int64_t readFromDisk(Data_Block* block, ACE_Message_Block*& out);
+    // getLength() of a payload on disk.
+    static uint32_t diskLength(Data_Block* block);
+
+    // Where this block reads on in the spill file.
+    uint64_t m_file_offset;
 
     static ACE_Lock_Adapter<ACE_Thread_Mutex>* m_locking_strategy;
 };

@@ -55,6 +55,33 @@ ScratchCache::~ScratchCache() {
     EXPECT_EQ(entries(directory()), 0u) << "spill files left in " << directory();
 }
 
+ScratchTemp::ScratchTemp() : had_old_(false) {
+    if (const char* old = std::getenv("TMPDIR")) {
+        old_ = old;
+        had_old_ = true;
+    }
+    char path[] = "/tmp/tarnwick-temp-XXXXXX";
+    if (mkdtemp(path) != nullptr) {
+        path_ = path;
+        setenv("TMPDIR", path, 1);
+    }
+}
+
+ScratchTemp::~ScratchTemp() {
+    if (had_old_)
+        setenv("TMPDIR", old_.c_str(), 1);
+    else
+        unsetenv("TMPDIR");
+    if (!path_.empty()) {
+        // Give the tree back to us first: a test may have handed parts of it
+        // to another owner or closed them.
+        std::string const command =
+            "chmod -R u+rwx '" + path_ + "' 2>/dev/null; rm -rf '" + path_ + "'";
+        if (std::system(command.c_str()) != 0) {
+        }
+    }
+}
+
 const std::string& ScratchCache::directory() const {
     return Tarnwick::ACT_Cache::instance()->directory();
 }

@@ -16,4 +16,25 @@ public:
     const std::string& directory() const;
 };
 
+// A new empty temporary directory that TMPDIR names for the length of a
+// scope, for tests that prepare an ACT_Cache of their own; the old TMPDIR
+// comes back and the directory is removed at the end.
+class ScratchTemp {
+public:
+    ScratchTemp();
+    ~ScratchTemp();
+    ScratchTemp(const ScratchTemp&) = delete;
+    ScratchTemp& operator=(const ScratchTemp&) = delete;
+    // The temporary directory itself.
+    const std::string& path() const { return path_; }
+    // Where an ACT_Cache of a process without a type puts its files:
+    // path()/event-cache/unknown.
+    std::string cacheDirectory() const { return path_ + "/event-cache/unknown"; }
+
+private:
+    std::string path_;
+    std::string old_;
+    bool had_old_;
+};
+
 }  // namespace TarnwickTest

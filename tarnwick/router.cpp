@@ -4,12 +4,14 @@
 
 #include <ace/Guard_T.h>
 
+#include <algorithm>
+#include <cerrno>
+
 namespace Tarnwick {
 
 namespace {
 
-typedef ACE_Map_Manager<Routing_Key, Handler*, ACE_Thread_Mutex> ConnectionMap;
-typedef ACE_Map_Iterator<Routing_Key, Handler*, ACE_Thread_Mutex> ConnectionIterator;
+typedef ACE_Map_Iterator<Handler*, Handler*, ACE_Thread_Mutex> ConnectionIterator;
 
 }  // namespace
 
@@ -22,15 +24,15 @@ int Router::register_handler(Handler* handler) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     if (!guard.locked())
         return -1;
-    Routing_Key const key(handler);
-    // The map's entries are walked newest first, as find does.
-    for (ConnectionIterator it(m_connections); !it.done(); it.advance()) {
-        if ((*it).ext_id_ == key) {
-            TW_LOG_ERRNO("%D ERROR (%t): Duplicate entry found in connection map.");
-            return -1;
-        }
+    // A duplicate is the same connection: two connections whose peers claim
+    // one agent id are both stored, and the engine decides about them once
+    // they have identified.
+    Handler* stored = nullptr;
+    if (m_connections.find(handler, stored) == 0) {
+        TW_LOG_ERRNO("%D ERROR (%t): Duplicate entry found in connection map.");
+        return -1;
     }
-    if (m_connections.bind(key, handler) == -1) {
+    if (m_connections.bind(handler, handler) == -1) {
         TW_LOG_ERRNO("%D ERROR (%t): Can not bind connection to connection map.");
         return -1;
     }
@@ -40,10 +42,19 @@ int Router::register_handler(Handler* handler) {
 }
 
 int Router::remove_handler(Handler* handler) {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    if (!guard.locked())
-        return -1;
-    m_connections.unbind(Routing_Key(handler));
+    if (handler == nullptr)
+        return 1;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+        if (!guard.locked())
+            return -1;
+        // Only the entry of this very connection goes, and the router's
+        // reference is dropped only when there was one: a second removal, or
+        // the removal of a connection that was never stored, changes nothing.
+        if (m_connections.unbind(handler) == -1)
+            return 1;
+    }
+    // Outside the lock: this may end the handler.
     handler->release();
     return 0;
 }
@@ -52,9 +63,11 @@ int Router::find(const Routing_Key& key, Dispatch_Set& set) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     if (!guard.locked())
         return -1;
+    // The map's entries are walked newest first.
     for (ConnectionIterator it(m_connections); !it.done(); it.advance()) {
-        if ((*it).ext_id_ == key && set.insert((*it).int_id_) == 0)
-            (*it).int_id_->duplicate();
+        Handler* handler = (*it).int_id_;
+        if (Routing_Key(handler) == key && set.insert(handler) == 0)
+            handler->duplicate();
     }
     return set.is_empty() ? -1 : 0;
 }
@@ -64,24 +77,49 @@ SinglePeerRouter::SinglePeerRouter() : m_peer(nullptr) {}
 SinglePeerRouter::~SinglePeerRouter() = default;
 
 int SinglePeerRouter::register_handler(Handler* handler) {
-    if (m_peer != nullptr)
-        return 0;
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    if (!guard.locked())
+    if (!guard.locked() || handler == nullptr)
         return -1;
-    if (m_peer == nullptr)
+    if (m_peer == handler || std::find(m_others.begin(), m_others.end(), handler) != m_others.end())
+        return -1;
+    if (m_peer == nullptr) {
         m_peer = handler;
+        return 0;
+    }
+    try {
+        m_others.push_back(handler);
+    } catch (...) {
+        errno = ENOMEM;
+        return -1;
+    }
     return 0;
 }
 
-int SinglePeerRouter::remove_handler(Handler*) {
-    if (m_peer == nullptr)
-        return 0;
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    if (!guard.locked())
-        return -1;
-    if (Handler* peer = m_peer.exchange(nullptr))
-        peer->release();
+int SinglePeerRouter::remove_handler(Handler* handler) {
+    if (handler == nullptr)
+        return 1;
+    {
+        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
+        if (!guard.locked())
+            return -1;
+        if (m_peer == handler) {
+            // The oldest connection kept aside, if any, takes the peer's place.
+            if (m_others.empty()) {
+                m_peer = nullptr;
+            } else {
+                m_peer = m_others.front();
+                m_others.erase(m_others.begin());
+            }
+        } else {
+            std::vector<Handler*>::iterator const it =
+                std::find(m_others.begin(), m_others.end(), handler);
+            if (it == m_others.end())
+                return 1;
+            m_others.erase(it);
+        }
+    }
+    // Outside the lock: this may end the handler.
+    handler->release();
     return 0;
 }
 

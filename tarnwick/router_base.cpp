@@ -160,6 +160,18 @@ int Router_Base::findHandlersByAgentID(uint32_t agentid, Dispatch_Set& set) {
     return find(key, set);
 }
 
+int Router_Base::findOtherHandlersByAgentID(Handler* handler, Dispatch_Set& set) {
+    uint32_t const agentid = handler != nullptr ? handler->agentID() : 0;
+    if (agentid == 0)
+        return -1;
+    findHandlersByAgentID(agentid, set);
+    // The handler itself, if it stands in the router, came with the others:
+    // take it out with the reference the search gave it.
+    if (set.remove(handler) == 0)
+        handler->release();
+    return set.is_empty() ? -1 : 0;
+}
+
 int Router_Base::findAllHandlers(Dispatch_Set& set) {
     return find(Routing_Key(Routing_Key::ROUTE_ALL), set);
 }

@@ -11,11 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log_capture.h"
@@ -49,7 +51,9 @@ protected:
             Engine::getSingleton()->getReactor()->remove_handler(
                 handler, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
             handler->close(0);
-            handler->release();
+            // The test's own reference is the last one: every router dropped
+            // exactly the reference it had.
+            EXPECT_EQ(handler->release(), nullptr);
         }
         for (auto& peer : m_peers)
             peer->close();
@@ -424,16 +428,205 @@ TEST_F(RouterTest, CloseAllConnectionsClosesEach) {
     EXPECT_TRUE(quiet.lines().empty());
 }
 
-TEST_F(RouterTest, RemovingAnAgentMayRemoveAnotherEntryOfTheSameId) {
+TEST_F(RouterTest, TwoConnectionsOfOneAgentAreBothStored) {
     OpenRouter router;
     Handler* first = connect(Identity::TWAGENT, 3);
     Handler* second = connect(Identity::TWAGENT, 3);
-    enter(router, first);
-    // The second agent of one id is a duplicate by kind 0.
     LogCapture capture;
+    enter(router, first);
+    enter(router, second);
+    EXPECT_EQ(capture.lines(),
+              (Lines{"%D DEBUG (%t): Connection stored in connection map: 1 items",
+                     "%D DEBUG (%t): Connection stored in connection map: 2 items"}));
+    Dispatch_Set set;
+    ASSERT_EQ(router.findHandlersByAgentID(3, set), 0);
+    EXPECT_EQ(members(set), (std::vector<Handler*>{second, first}));
+    // The same connection once more is still a duplicate.
     errno = 0;
     EXPECT_EQ(router.register_handler(second), -1);
-    router.remove_handler(first);
+    EXPECT_EQ(router.remove_handler(first), 0);
+    EXPECT_EQ(router.remove_handler(second), 0);
+}
+
+// The older connection of an agent closes after a newer one came: only the
+// older one's entry goes, only its reference is dropped, and the newer one
+// stays routable.
+TEST_F(RouterTest, RemovingTheOlderConnectionOfAnAgentKeepsTheNewer) {
+    OpenRouter router;
+    Handler* older = connect(Identity::TWAGENT, 3);
+    Handler* newer = connect(Identity::TWAGENT, 3);
+    enter(router, older);
+    enter(router, newer);
+    EXPECT_EQ(router.remove_handler(older), 0);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.findAllHandlers(set), 0);
+        EXPECT_EQ(members(set), std::vector<Handler*>{newer});
+    }
+    Abstract_Event* request = Event_Factory::create(DIR_LIST_EVENT);
+    request->setAgentID(3);
+    EXPECT_EQ(router.forward(request), 0);
+    EXPECT_EQ(queued(newer), 1u);
+    EXPECT_EQ(queued(older), 0u);
+    EXPECT_TRUE(newer->getTargetACT().contains(request->getACT()));
+    request->destroy();
+    // A second removal of the older one changes nothing.
+    EXPECT_EQ(router.remove_handler(older), 1);
+    Dispatch_Set set;
+    ASSERT_EQ(router.findHandlersByAgentID(3, set), 0);
+    EXPECT_EQ(members(set), std::vector<Handler*>{newer});
+    set.release();
+    EXPECT_EQ(router.remove_handler(newer), 0);
+    EXPECT_EQ(router.remove_handler(newer), 1);
+    EXPECT_EQ(router.findAllHandlers(set), -1);
+}
+
+// The engine registers a connection when it opens, before its peer has said
+// who it is; two peers then identify as one agent.
+TEST_F(RouterTest, ConnectionsIdentifiedAsOneAgentAfterRegistration) {
+    OpenRouter router;
+    Handler* older = connect();
+    Handler* newer = connect();
+    enter(router, older);
+    enter(router, newer);
+    Identity agent("peer", Identity::TWAGENT, 0);
+    agent.setAgentID(12);
+    older->identity(agent);
+    newer->identity(agent);
+    EXPECT_EQ(router.remove_handler(older), 0);
+    Dispatch_Set set;
+    ASSERT_EQ(router.findHandlersByAgentID(12, set), 0);
+    EXPECT_EQ(members(set), std::vector<Handler*>{newer});
+    set.release();
+    EXPECT_EQ(router.remove_handler(newer), 0);
+}
+
+TEST_F(RouterTest, RemovingAConnectionNeverStoredChangesNothing) {
+    OpenRouter router;
+    Handler* stored = connect(Identity::TWAGENT, 4);
+    Handler* stranger = connect(Identity::TWAGENT, 4);
+    enter(router, stored);
+    // The stranger matches the stored agent by its id, but it is another
+    // connection: nothing is removed and no reference is dropped.
+    EXPECT_EQ(router.remove_handler(stranger), 1);
+    EXPECT_EQ(router.remove_handler(nullptr), 1);
+    Dispatch_Set set;
+    ASSERT_EQ(router.findAllHandlers(set), 0);
+    EXPECT_EQ(members(set), std::vector<Handler*>{stored});
+    set.release();
+    EXPECT_EQ(router.remove_handler(stored), 0);
+}
+
+TEST_F(RouterTest, OtherConnectionsOfTheSameAgent) {
+    OpenRouter router;
+    Handler* first = connect(Identity::TWAGENT, 4);
+    Handler* second = connect(Identity::TWAGENT, 4);
+    Handler* third = connect(Identity::TWAGENT, 4);
+    Handler* five = connect(Identity::TWAGENT, 5);
+    Handler* control = connect(Identity::TWCTRL, 4);
+    for (Handler* handler : {first, second, third, five, control})
+        enter(router, handler);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.findOtherHandlersByAgentID(third, set), 0);
+        EXPECT_EQ(members(set), (std::vector<Handler*>{second, first}));
+    }
+    {
+        Dispatch_Set set;
+        EXPECT_EQ(router.findOtherHandlersByAgentID(five, set), -1);
+        EXPECT_TRUE(set.is_empty());
+        EXPECT_EQ(router.findOtherHandlersByAgentID(control, set), -1);
+        EXPECT_EQ(router.findOtherHandlersByAgentID(nullptr, set), -1);
+        EXPECT_TRUE(set.is_empty());
+    }
+    // A connection that is not (or no longer) stored finds all of its agent.
+    EXPECT_EQ(router.remove_handler(first), 0);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.findOtherHandlersByAgentID(first, set), 0);
+        EXPECT_EQ(members(set), (std::vector<Handler*>{third, second}));
+    }
+    for (Handler* handler : {second, third, five, control})
+        EXPECT_EQ(router.remove_handler(handler), 0);
+}
+
+// Searches by token stay cheap when a connection holds as many tokens as it
+// may: the newest are found, the evicted ones are not, and clear_act takes
+// one away.
+TEST_F(RouterTest, SearchByTokenOnAFullList) {
+    OpenRouter router;
+    Handler* busy = connect();
+    Handler* quiet = connect();
+    enter(router, busy);
+    enter(router, quiet);
+    uint32_t const count = 200000;
+    {
+        LogCapture capture;
+        for (uint32_t token = 1; token <= count; ++token)
+            busy->getSourceACT().add(token);
+        EXPECT_EQ(capture.lines(),
+                  Lines{"%D WARN  (%t): More than 65536 open tokens on one connection: the oldest "
+                        "are forgotten"});
+    }
+    EXPECT_EQ(busy->getSourceACT().size(), ACT_List::Default_Capacity);
+    quiet->getSourceACT().add(count);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.findHandlersByACT(count, set), 0);
+        EXPECT_EQ(set.size(), 2u);
+    }
+    {
+        Dispatch_Set set;
+        EXPECT_EQ(router.findHandlersByACT(1, set), -1);
+    }
+    for (uint32_t token = count; token > count - 1000; --token)
+        EXPECT_EQ(router.clear_act(token), 0);
+    EXPECT_FALSE(busy->getSourceACT().contains(count));
+    EXPECT_FALSE(quiet->getSourceACT().contains(count));
+    EXPECT_TRUE(busy->getSourceACT().contains(count - 1000));
+    EXPECT_EQ(busy->getSourceACT().size(), ACT_List::Default_Capacity - 1000);
+    EXPECT_EQ(router.remove_handler(busy), 0);
+    EXPECT_EQ(router.remove_handler(quiet), 0);
+}
+
+// Connections come and go on one thread while others search by agent and by
+// token and forget tokens, as workers do.
+TEST_F(RouterTest, SearchesWhileConnectionsComeAndGo) {
+    OpenRouter router;
+    std::vector<Handler*> handlers;
+    for (int i = 0; i < 6; ++i) {
+        handlers.push_back(connect(Identity::TWAGENT, 20 + i % 2));
+        handlers.back()->getSourceACT().add(100 + i);
+    }
+    std::atomic<bool> done(false);
+    std::vector<std::thread> searchers;
+    for (int t = 0; t < 2; ++t) {
+        searchers.emplace_back([&router, &done, &handlers, t] {
+            while (!done.load()) {
+                Dispatch_Set set;
+                router.findHandlersByAgentID(20 + t, set);
+                set.release();
+                router.findHandlersByACT(100 + t, set);
+                set.release();
+                router.findOtherHandlersByAgentID(handlers[t], set);
+                set.release();
+                router.clear_act(1);
+            }
+        });
+    }
+    LogCapture capture;  // the registrations' lines
+    for (int round = 0; round < 200; ++round) {
+        for (Handler* handler : handlers)
+            ASSERT_EQ(router.register_handler(handler->duplicate()), 0);
+        for (Handler* handler : handlers) {
+            handler->getSourceACT().add(1);
+            EXPECT_EQ(router.remove_handler(handler), 0);
+            EXPECT_EQ(router.remove_handler(handler), 1);
+        }
+    }
+    done = true;
+    for (auto& searcher : searchers)
+        searcher.join();
     Dispatch_Set set;
     EXPECT_EQ(router.findAllHandlers(set), -1);
 }
@@ -449,7 +642,7 @@ TEST_F(RouterTest, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
     Handler* first = connect();
     Handler* second = connect();
     enter(router, first);
-    EXPECT_EQ(router.register_handler(second), 0);  // accepted, not stored
+    enter(router, second);  // accepted, kept aside
     EXPECT_TRUE(router.isConnected());
     Dispatch_Set set;
     Routing_Key key(Routing_Key::ROUTE_AGENT);
@@ -459,18 +652,55 @@ TEST_F(RouterTest, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
     Abstract_Event* event = Event_Factory::create(GET_VERSION_EVENT);
     EXPECT_EQ(router.forward(event), 0);
     EXPECT_EQ(queued(first), 1u);
+    EXPECT_EQ(queued(second), 0u);
     event->destroy();
-    router.remove_handler(first);
+    EXPECT_EQ(router.remove_handler(first), 0);
+    EXPECT_EQ(router.remove_handler(second), 0);
+    EXPECT_FALSE(router.isConnected());
 }
 
-TEST_F(RouterTest, SinglePeerClearsItsPeerOnAnyRemoval) {
+TEST_F(RouterTest, SinglePeerRemovesOnlyTheGivenConnection) {
     OpenSingle router;
     Handler* peer = connect();
     Handler* other = connect();
     enter(router, peer);
-    EXPECT_EQ(router.remove_handler(other), 0);
+    // Never registered: nothing changes, nothing is released.
+    EXPECT_EQ(router.remove_handler(other), 1);
+    EXPECT_EQ(router.remove_handler(nullptr), 1);
+    EXPECT_TRUE(router.isConnected());
+    // The same connection twice is refused; the caller keeps its reference.
+    EXPECT_EQ(router.register_handler(peer), -1);
+    EXPECT_EQ(router.remove_handler(peer), 0);
     EXPECT_FALSE(router.isConnected());
-    EXPECT_EQ(router.remove_handler(other), 0);
+    EXPECT_EQ(router.remove_handler(peer), 1);
     Dispatch_Set set;
     EXPECT_EQ(router.find(Routing_Key(), set), -1);
+}
+
+TEST_F(RouterTest, SinglePeerTheOldestAsideTakesOverFromAGonePeer) {
+    OpenSingle router;
+    Handler* peer = connect(Identity::TWAGENT, 2);
+    Handler* second = connect(Identity::TWAGENT, 2);
+    Handler* third = connect(Identity::TWAGENT, 2);
+    enter(router, peer);
+    enter(router, second);
+    enter(router, third);
+    // The removal of one kept aside drops just that one.
+    EXPECT_EQ(router.remove_handler(second), 0);
+    EXPECT_EQ(router.remove_handler(second), 1);
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.find(Routing_Key(), set), 0);
+        EXPECT_EQ(members(set), std::vector<Handler*>{peer});
+    }
+    EXPECT_EQ(router.remove_handler(peer), 0);
+    EXPECT_TRUE(router.isConnected());
+    {
+        Dispatch_Set set;
+        ASSERT_EQ(router.find(Routing_Key(), set), 0);
+        EXPECT_EQ(members(set), std::vector<Handler*>{third});
+    }
+    EXPECT_EQ(router.remove_handler(peer), 1);
+    EXPECT_EQ(router.remove_handler(third), 0);
+    EXPECT_FALSE(router.isConnected());
 }

@@ -4,22 +4,35 @@
 #include <tarnwick/router_base.h>
 
 #include <ace/Map_Manager.h>
-#include <ace/Null_Mutex.h>
 #include <ace/Thread_Mutex.h>
 
 #include <atomic>
+#include <vector>
 
 namespace Tarnwick {
 
 // Keeps any number of connections and finds them by every kind of key,
 // newest first.
+//
+// A connection is stored and removed as itself (its pointer), whatever its
+// peer says it is: two connections whose peers claim one agent id are two
+// entries, and each is removed only by its own remove_handler. Searches
+// match the stored connections by Routing_Key, so a ROUTE_AGENT search finds
+// both of them.
 class Router : public Router_Base {
 public:
     Router();
+    // Forgets the connections without releasing them.
     ~Router() override;
 
-    // Refuses (logged) a connection that matches a stored one.
+    // Stores `handler` and takes over the reference that the caller passes.
+    // The same connection stored twice is refused (logged, -1; the caller
+    // keeps its reference); another connection with the same agent id is
+    // not a duplicate. 0 or -1.
     int register_handler(Handler* handler) override;
+    // Forgets `handler` and drops the router's reference on it, once: 0 when
+    // it was stored; 1 when it was not (never registered, or removed
+    // already), and then nothing is released; -1 when the lock can't be had.
     int remove_handler(Handler* handler) override;
 
 protected:
@@ -27,18 +40,31 @@ protected:
 
 private:
     ACE_Thread_Mutex m_lock;
-    ACE_Map_Manager<Routing_Key, Handler*, ACE_Thread_Mutex> m_connections;
+    // Each connection by itself: the key is the handler's address.
+    ACE_Map_Manager<Handler*, Handler*, ACE_Thread_Mutex> m_connections;
 };
 
 // Keeps one connection, for a client that talks to one server: every event
-// goes to it whatever its header says. The first connection stays; the
-// removal of any connection clears it.
+// goes to it whatever its header says. The first connection registered is
+// the peer; a later one, while the peer stands, is accepted but never routed
+// to. Each connection is removed only by its own remove_handler: the removal
+// of another one drops just that one; the removal of the peer makes the
+// oldest of the others the peer, or leaves the router unconnected until the
+// next registration.
 class SinglePeerRouter : public Router_Base {
 public:
     SinglePeerRouter();
+    // Forgets the connections without releasing them.
     ~SinglePeerRouter() override;
 
+    // Takes over the reference that the caller passes: the first connection
+    // becomes the peer, a later one is kept aside. 0; -1 when the lock can't
+    // be had or the same connection is registered twice (the caller keeps its
+    // reference).
     int register_handler(Handler* handler) override;
+    // Forgets `handler` and drops the router's reference on it, once: 0 when
+    // it was registered; 1 when it was not (or was removed already), and then
+    // nothing is released; -1 when the lock can't be had.
     int remove_handler(Handler* handler) override;
     bool isConnected() const;
 
@@ -49,6 +75,9 @@ private:
     ACE_Thread_Mutex m_lock;
     // Read without the lock by isConnected and the fast paths, so atomic.
     std::atomic<Handler*> m_peer;
+    // Connections registered while a peer stood, oldest first: held, not
+    // routed to until one of them becomes the peer.
+    std::vector<Handler*> m_others;
 };
 
 }  // namespace Tarnwick

@@ -62,9 +62,13 @@ public:
     Router_Base();
     virtual ~Router_Base();
 
-    // Takes over the handler's first reference. 0 or -1.
+    // Takes over the handler's first reference. 0, or -1 when it is refused
+    // (the caller keeps the reference).
     virtual int register_handler(Handler* handler) = 0;
-    // Forgets the connection and drops the router's reference. 0 or -1.
+    // Forgets this very connection (not another one that matches it by
+    // agent id) and drops the router's reference on it, exactly once. 0 when
+    // it was registered; 1 when it was not, or was removed already: nothing
+    // is released then; -1 when the router's lock can't be had.
     virtual int remove_handler(Handler* handler) = 0;
     virtual bool isLocal(Abstract_Event* event);
     virtual bool isAuthorized(Abstract_Event* event);
@@ -80,10 +84,21 @@ public:
     // every connection failed.
     int forward(Abstract_Event* event, Dispatch_Set& set);
 
+    // The searches of kind ROUTE_ACT, ROUTE_AGENT and ROUTE_ALL: each adds a
+    // reference to every matching connection to `set`. 0 when the set holds
+    // anything afterwards, else -1.
     int findHandlersByACT(uint32_t act, Dispatch_Set& set);
+    // Every connection whose peer identified as an agent with `agentid`
+    // (none for 0); several when several connections claim one id.
     int findHandlersByAgentID(uint32_t agentid, Dispatch_Set& set);
+    // The connections other than `handler` whose peer identified as an agent
+    // with the agent id of `handler`: those that a new identification of that
+    // agent makes stale. `set` should be empty. 0 when it found any, -1 when
+    // none or when `handler` is no agent.
+    int findOtherHandlersByAgentID(Handler* handler, Dispatch_Set& set);
     int findAllHandlers(Dispatch_Set& set);
-    // Removes `act` from every connection's source tokens. 0.
+    // Removes `act` from every connection's source tokens: one search over
+    // the connections, constant time for each. 0, found or not.
     int clear_act(uint32_t act);
     // Closes every connection. 0.
     int closeAllConnections();

@@ -219,10 +219,38 @@ pid_t spillOwner(const char* name) {
     return pid > 0 && pid <= static_cast<uint64_t>(INT_MAX) ? static_cast<pid_t>(pid) : 0;
 }
 
+// Whoever owns the cache directory or may write to it can plant names in it
+// and read what peers sent: only a private directory of our own will do.
+// True, after logging why and with errno set, when `info` (of `directory`,
+// not followed) is not such a one; otherwise false with errno 0.
+bool unsafeDirectory(const std::string& directory, const struct stat& info) {
+    if (S_ISLNK(info.st_mode)) {
+        TW_LOG("%D ERROR (%t): Event cache directory %C is a symbolic link.\n", directory.c_str());
+        errno = ELOOP;
+        return true;
+    }
+    if (info.st_uid != ::geteuid()) {
+        TW_LOG("%D ERROR (%t): Event cache directory %C is owned by user %u, not by user %u.\n",
+               directory.c_str(), static_cast<unsigned>(info.st_uid),
+               static_cast<unsigned>(::geteuid()));
+        errno = EACCES;
+        return true;
+    }
+    if ((info.st_mode & 077) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        TW_LOG("%D ERROR (%t): Event cache directory %C is open to group or others (mode %C).\n",
+               directory.c_str(), mode);
+        errno = EACCES;
+        return true;
+    }
+    errno = 0;
+    return false;
+}
+
 }  // namespace
 
-ACT_Cache::ACT_Cache()
-    : m_dirfd(-1), m_serial(Random()), m_quota(DEFAULT_QUOTA), m_spilled(0) {}
+ACT_Cache::ACT_Cache() : m_dirfd(-1), m_serial(Random()), m_quota(DEFAULT_QUOTA), m_spilled(0) {}
 
 ACT_Cache::~ACT_Cache() {
     if (m_dirfd != -1)
@@ -256,38 +284,21 @@ int ACT_Cache::prepareLocked() {
     // The directory is held open from here on, and files are made relative
     // to it, so that it can't be swapped for another once checked.
     int const fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd == -1) {
-        if (link || errno == ELOOP) {
-            TW_LOG("%D ERROR (%t): Event cache directory %C is a symbolic link.\n",
-                   directory.c_str());
-            errno = ELOOP;
-            return -1;
+    int const error = errno;
+    if (fd != -1 ? ::fstat(fd, &info) == -1 : ::lstat(directory.c_str(), &info) == -1) {
+        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
+        if (fd != -1)
+            ::close(fd);
+        return 0;
+    }
+    if (unsafeDirectory(directory, info) || fd == -1) {
+        if (fd == -1 && errno == 0) {
+            errno = error;
+            TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
+            return 0;
         }
-        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
-        return 0;
-    }
-    // Whoever owns the directory or may write to it can plant names in it
-    // and read what peers sent: only a private directory of our own will do.
-    if (::fstat(fd, &info) == -1) {
-        TW_LOG("%D ERROR (%t): Can not make directory %C: %m\n", directory.c_str());
-        ::close(fd);
-        return 0;
-    }
-    if (info.st_uid != ::geteuid()) {
-        TW_LOG("%D ERROR (%t): Event cache directory %C is owned by user %u, not by user %u.\n",
-               directory.c_str(), static_cast<unsigned>(info.st_uid),
-               static_cast<unsigned>(::geteuid()));
-        ::close(fd);
-        errno = EACCES;
-        return -1;
-    }
-    if ((info.st_mode & 077) != 0) {
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
-        TW_LOG("%D ERROR (%t): Event cache directory %C is open to group or others (mode %C).\n",
-               directory.c_str(), mode);
-        ::close(fd);
-        errno = EACCES;
+        if (fd != -1)
+            ::close(fd);
         return -1;
     }
 

@@ -2,11 +2,25 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "log_capture.h"
+#include "scratch_cache.h"
+#include "unprivileged.h"
 
 using Tarnwick::ACT_List;
 
@@ -198,4 +212,268 @@ TEST(ACTList, ConcurrentAddsBeyondTheCapacity) {
     for (auto& thread : threads)
         thread.join();
     EXPECT_LE(list.size(), 1000u);
+}
+
+// ---------------------------------------------------------------------------
+// ACT_Cache: the directory of spill files, their names, the sweep of files
+// of ended processes, and the quota.
+
+namespace {
+
+using Tarnwick::ACT_Cache;
+
+void makeDirectory(const std::string& path, mode_t mode) {
+    std::string const command = "mkdir -p '" + path + "'";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+}
+
+void makeFile(const std::string& path) {
+    FILE* file = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(file, nullptr) << path;
+    std::fclose(file);
+}
+
+bool present(const std::string& path) {
+    struct stat info;
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+// The pid of a process that has ended and been reaped.
+pid_t endedProcess() {
+    pid_t const child = ::fork();
+    if (child == 0)
+        ::_exit(0);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return child;
+}
+
+}  // namespace
+
+TEST(ACTCache, MakesAPrivateDirectoryOfItsOwn) {
+    TarnwickTest::ScratchTemp temp;
+    TarnwickTest::LogCapture capture;
+    ACT_Cache cache;
+    ASSERT_EQ(cache.prepare(), 0);
+    EXPECT_EQ(cache.directory(), temp.cacheDirectory());
+    struct stat info;
+    ASSERT_EQ(::lstat(temp.cacheDirectory().c_str(), &info), 0);
+    EXPECT_TRUE(S_ISDIR(info.st_mode));
+    EXPECT_EQ(info.st_mode & 07777, 0700u);
+    EXPECT_EQ(info.st_uid, ::geteuid());
+    EXPECT_EQ(capture.lines(), std::vector<std::string>{"%D DEBUG (%t): Events with a large "
+                                                        "payload will be cached in " +
+                                                        temp.cacheDirectory()});
+    // Prepared once: a second call does nothing.
+    EXPECT_EQ(cache.prepare(), 0);
+    EXPECT_EQ(capture.lines().size(), 1u);
+}
+
+TEST(ACTCache, RefusesADirectoryOpenToGroupOrOthers) {
+    for (mode_t const mode : {0777, 0750, 0701}) {
+        TarnwickTest::ScratchTemp temp;
+        makeDirectory(temp.cacheDirectory(), mode);
+        TarnwickTest::LogCapture capture;
+        ACT_Cache cache;
+        errno = 0;
+        EXPECT_EQ(cache.prepare(), -1);
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_TRUE(cache.directory().empty());
+        char text[8];
+        std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode));
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Event cache directory " +
+                                           temp.cacheDirectory() +
+                                           " is open to group or others (mode " + text + ")."});
+        // Nothing is spilled there, nor swept.
+        std::string file;
+        EXPECT_EQ(cache.path(5, file), -1);
+        EXPECT_EQ(cache.create(5, file), -1);
+        EXPECT_EQ(cache.sweep(), -1);
+        std::string const listing = "test -z \"$(ls -A '" + temp.cacheDirectory() + "')\"";
+        EXPECT_EQ(std::system(listing.c_str()), 0);
+    }
+}
+
+TEST(ACTCache, RefusesADirectoryOfAnotherOwner) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "giving a directory to another user needs root";
+    // Given away by root...
+    {
+        TarnwickTest::ScratchTemp temp;
+        makeDirectory(temp.cacheDirectory(), 0700);
+        ASSERT_EQ(::chown(temp.cacheDirectory().c_str(), 65534, 65534), 0);
+        TarnwickTest::LogCapture capture;
+        ACT_Cache cache;
+        EXPECT_EQ(cache.prepare(), -1);
+        EXPECT_TRUE(cache.directory().empty());
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Event cache directory " +
+                                           temp.cacheDirectory() +
+                                           " is owned by user 65534, not by user 0."});
+    }
+    // ... and root's, seen by an unprivileged process.
+    TarnwickTest::ScratchTemp temp;
+    makeDirectory(temp.cacheDirectory(), 0700);
+    ASSERT_EQ(::chmod(temp.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod((temp.path() + "/event-cache").c_str(), 0755), 0);
+    std::string const directory = temp.cacheDirectory();
+    TarnwickTest::asUnprivilegedUser([&directory] {
+        TarnwickTest::LogCapture capture;
+        ACT_Cache cache;
+        EXPECT_EQ(cache.prepare(), -1);
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Event cache directory " + directory +
+                                           " is owned by user 0, not by user 65534."});
+    });
+}
+
+TEST(ACTCache, RefusesASymbolicLink) {
+    for (bool const dangling : {false, true}) {
+        TarnwickTest::ScratchTemp temp;
+        makeDirectory(temp.path() + "/event-cache", 0700);
+        makeDirectory(temp.path() + "/elsewhere", 0700);
+        std::string const target = temp.path() + (dangling ? "/absent" : "/elsewhere");
+        ASSERT_EQ(::symlink(target.c_str(), temp.cacheDirectory().c_str()), 0);
+        TarnwickTest::LogCapture capture;
+        ACT_Cache cache;
+        errno = 0;
+        EXPECT_EQ(cache.prepare(), -1);
+        EXPECT_EQ(errno, ELOOP);
+        EXPECT_TRUE(cache.directory().empty());
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Event cache directory " +
+                                           temp.cacheDirectory() + " is a symbolic link."});
+        std::string file;
+        EXPECT_EQ(cache.create(6, file), -1);
+        EXPECT_FALSE(present(temp.path() + "/absent"));
+        std::string const listing = "test -z \"$(ls -A '" + temp.path() + "/elsewhere')\"";
+        EXPECT_EQ(std::system(listing.c_str()), 0);
+    }
+}
+
+TEST(ACTCache, CreateMakesNewPrivateFilesEachTime) {
+    TarnwickTest::ScratchTemp temp;
+    TarnwickTest::LogCapture capture;
+    ACT_Cache cache;
+    std::string first, second;
+    int const one = cache.create(9, first);
+    int const two = cache.create(9, second);
+    ASSERT_NE(one, -1);
+    ASSERT_NE(two, -1);
+    EXPECT_NE(first, second);
+    for (const std::string& name : {first, second}) {
+        EXPECT_EQ(
+            name.compare(0, temp.cacheDirectory().size() + 9, temp.cacheDirectory() + "/event-9-"),
+            0)
+            << name;
+        struct stat info;
+        ASSERT_EQ(::lstat(name.c_str(), &info), 0);
+        EXPECT_TRUE(S_ISREG(info.st_mode));
+        EXPECT_EQ(info.st_mode & 07777, 0600u);
+        EXPECT_EQ(info.st_size, 0);
+    }
+    EXPECT_NE(::fcntl(one, F_GETFD) & FD_CLOEXEC, 0);
+    ::close(one);
+    ::close(two);
+    std::string none = "unchanged";
+    EXPECT_EQ(cache.create(0, none), -1);
+    EXPECT_EQ(none, "unchanged");
+}
+
+TEST(ACTCache, SweepRemovesFilesOfEndedProcessesOnly) {
+    TarnwickTest::ScratchTemp temp;
+    TarnwickTest::LogCapture capture;
+    ACT_Cache cache;
+    ASSERT_EQ(cache.prepare(), 0);
+    capture.clear();
+    std::string const dir = cache.directory();
+    pid_t const ended = endedProcess();
+    std::string const dead = dir + "/event-7-" + std::to_string(ended) + "-0000abcd.dat";
+    std::string const dead_too = dir + "/event-8-" + std::to_string(ended) + "-ffffffff.dat";
+    std::string const live = dir + "/event-7-1-0000abcd.dat";
+    std::string const own = dir + "/event-7-" + std::to_string(::getpid()) + "-0000abcd.dat";
+    std::string const older = dir + "/event-7.dat";
+    std::string const odd = dir + "/event-7-" + std::to_string(ended) + "-zz.dat";
+    std::string const other = dir + "/notes.txt";
+    for (const std::string& name : {dead, dead_too, live, own, older, odd, other})
+        makeFile(name);
+
+    EXPECT_EQ(cache.sweep(), 2);
+    EXPECT_FALSE(present(dead));
+    EXPECT_FALSE(present(dead_too));
+    for (const std::string& name : {live, own, older, odd, other})
+        EXPECT_TRUE(present(name)) << name;
+    std::vector<std::string> lines = capture.lines();
+    std::sort(lines.begin(), lines.end());
+    std::vector<std::string> expected;
+    for (const std::string& name : {dead, dead_too}) {
+        expected.push_back("%D DEBUG (%t): Removed spill file " + name.substr(dir.size() + 1) +
+                           " of ended process " + std::to_string(ended));
+    }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(cache.sweep(), 0);
+}
+
+TEST(ACTCache, SweepWithoutADirectoryDoesNothing) {
+    TarnwickTest::ScratchTemp temp;
+    makeDirectory(temp.cacheDirectory(), 0777);
+    TarnwickTest::LogCapture capture;
+    ACT_Cache cache;
+    EXPECT_EQ(cache.sweep(), -1);
+}
+
+TEST(ACTCache, QuotaIsTakenAndGivenBack) {
+    ACT_Cache cache;
+    EXPECT_EQ(cache.quota(), 4294967296u);
+    EXPECT_EQ(ACT_Cache::DEFAULT_QUOTA, 4294967296u);
+    EXPECT_EQ(cache.spilledBytes(), 0u);
+    EXPECT_EQ(cache.setQuota(100), 4294967296u);
+    EXPECT_EQ(cache.quota(), 100u);
+    EXPECT_EQ(cache.charge(60), 0);
+    EXPECT_EQ(cache.spilledBytes(), 60u);
+    {
+        TarnwickTest::LogCapture capture;
+        errno = 0;
+        EXPECT_EQ(cache.charge(41), -1);
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(cache.spilledBytes(), 60u);
+        EXPECT_EQ(capture.lines(), std::vector<std::string>{"%D ERROR (%t): Event cache quota of "
+                                                            "100 bytes exceeded."});
+    }
+    EXPECT_EQ(cache.charge(40), 0);
+    EXPECT_EQ(cache.spilledBytes(), 100u);
+    cache.refund(100);
+    EXPECT_EQ(cache.spilledBytes(), 0u);
+    // A quota below what is spilled stops further spills only.
+    EXPECT_EQ(cache.charge(80), 0);
+    cache.setQuota(50);
+    EXPECT_EQ(cache.spilledBytes(), 80u);
+    TarnwickTest::LogCapture capture;
+    EXPECT_EQ(cache.charge(1), -1);
+    cache.refund(80);
+    EXPECT_EQ(cache.charge(50), 0);
+    EXPECT_EQ(cache.charge(UINT64_MAX), -1);
+}
+
+TEST(ACTCache, ConcurrentChargesNeverPassTheQuota) {
+    ACT_Cache cache;
+    cache.setQuota(2000);
+    TarnwickTest::LogCapture capture;
+    std::atomic<int> taken{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 1000; ++i) {
+                if (cache.charge(1) == 0)
+                    ++taken;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(taken.load(), 2000);
+    EXPECT_EQ(cache.spilledBytes(), 2000u);
 }

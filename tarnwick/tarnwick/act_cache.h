@@ -106,7 +106,7 @@ private:
 class ACT_Cache {
 public:
     // The default spill quota: 4 GiB.
-    static const uint64_t DEFAULT_QUOTA = 4ull << 30;
+    static constexpr uint64_t DEFAULT_QUOTA = 4ull << 30;
 
     ACT_Cache();
     ~ACT_Cache();
@@ -165,7 +165,7 @@ private:
     int prepareLocked();
 
     std::string m_directory;
-    int m_dirfd;  // the directory, held open once checked; -1 until then
+    int m_dirfd;                     // the directory, held open once checked; -1 until then
     std::atomic<uint32_t> m_serial;  // the next serial of a file name
     std::atomic<uint64_t> m_quota;
     std::atomic<uint64_t> m_spilled;

@@ -1,10 +1,12 @@
 #include <tarnwick/acceptor.h>
 #include <tarnwick/act_cache.h>
+#include <tarnwick/configuration.h>
 #include <tarnwick/engine.h>
 #include <tarnwick/event_factory.h>
 #include <tarnwick/handler_t.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
+#include <tarnwick/message_block.h>
 #include <tarnwick/router_base.h>
 #include <tarnwick/security.h>
 #include <tarnwick/tarnwick.h>
@@ -28,6 +30,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <new>
 #include <string>
 #include <vector>
@@ -61,6 +65,35 @@ const char* addressText(Handler* handler) {
     return address != nullptr ? address : "";
 }
 
+// A size setting of the configuration store: a decimal count of bytes.
+// False when it is absent or not such a number (logged).
+bool sizeSetting(const char* key, uint64_t& out) {
+    Configuration* const config = getConfigSingleton();
+    std::string text;
+    if (config == nullptr || config->getValue(key, text) != 0 || text.empty())
+        return false;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long const value = std::strtoull(text.c_str(), &end, 10);
+    if (errno != 0 || end == nullptr || *end != '\0' || text[0] == '-' || value == 0) {
+        TW_LOG("%D WARN  (%t): Ignoring the setting %C: \"%C\" is no size in bytes\n", key,
+               text.c_str());
+        return false;
+    }
+    out = value;
+    return true;
+}
+
+// The token of a request, or 0 for a reply or a block that is no message.
+uint32_t requestToken(ACE_Message_Block* block) {
+    if (block == nullptr || (block->self_flags() & Message_Block::MESSAGE_BLOCK_FLAG) == 0)
+        return 0;
+    const Message_Header* const header = static_cast<Message_Block*>(block)->getHeader();
+    if (header == nullptr || !header->isReadable() || header->isResult())
+        return 0;
+    return header->getACT();
+}
+
 }  // namespace
 
 void (*Engine::s_retry_sleep)(const ACE_Time_Value&) = sleepBeforeRetry;
@@ -80,7 +113,8 @@ Engine::Engine()
       m_closed(false),
       m_reactor(nullptr),
       m_server(false),
-      m_retired_reactor(nullptr) {
+      m_retired_reactor(nullptr),
+      m_queued_disk_bytes(0) {
     // Tokens come from Tarnwick::Random, which seeds itself.
 }
 
@@ -168,6 +202,16 @@ int Engine::open(int threads, bool ssl) {
     ACT_Cache* const cache = ACT_Cache::instance();
     if (cache == nullptr || cache->prepare() == -1)
         return -1;
+    // Spill files of processes that ended mid-transfer are nobody's.
+    cache->sweep();
+
+    // What one peer may make this process hold: the size of one message and
+    // the bytes of all spill files, when the application sets them.
+    uint64_t limit = 0;
+    if (sizeSetting("maxmessagesize", limit))
+        setMaxMessageSize(limit);
+    if (sizeSetting("eventcachequota", limit))
+        cache->setQuota(limit);
 
     // The workers build and parse XML side by side; libxml2 initialises
     // itself lazily and unguarded, so it is made ready here, on one thread.
@@ -281,6 +325,9 @@ int Engine::svc() {
             block->release();
             return 0;
         }
+        uint64_t const disk = Handler::diskBytes(block);
+        if (disk > 0)
+            m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
         process_incoming(block->duplicate());
         block->release();
     }
@@ -312,6 +359,7 @@ int Engine::register_handler(Handler* handler) {
         TW_LOG_ERRNO("%D ERROR (%t): Registration with router instance failed.");
         return -1;
     }
+    handler->m_in_router = true;
     if (!m_identify)
         return 0;
 
@@ -341,7 +389,9 @@ int Engine::remove_handler(Handler* handler) {
         if (m_event_handler != nullptr)
             m_event_handler->handle_disconnect(handler);
     }
-    if (m_router != nullptr && m_router->remove_handler(handler) == -1)
+    // Only a connection that the router took is removed from it, once.
+    if (m_router != nullptr && handler->m_in_router.exchange(false) &&
+        m_router->remove_handler(handler) == -1)
         return -1;
     return 0;
 }
@@ -388,11 +438,27 @@ int Engine::forward(ACE_Message_Block* block) {
         process_incoming(block->duplicate());
         return 0;
     }
-    // No waiting: above the queue's high water mark the message is dropped.
-    ACE_Message_Block* queued = block->duplicate();
-    ACE_Time_Value no_wait(ACE_Time_Value::zero);
-    if (putq(queued, &no_wait) == -1)
+    // No waiting: above the queue's high water mark the message is dropped,
+    // and with it the token that waited for its reply. Payload spilled to
+    // disk counts against the mark too, but a queue without any takes one
+    // message of whatever size.
+    uint64_t const disk = Handler::diskBytes(block);
+    uint64_t const queued_disk = m_queued_disk_bytes;
+    uint64_t const mark = msg_queue()->high_water_mark();
+    ACE_Message_Block* queued = nullptr;
+    if (disk == 0 || queued_disk == 0 || queued_disk + disk + msg_queue()->message_bytes() <= mark)
+        queued = block->duplicate();
+    if (queued != nullptr) {
+        m_queued_disk_bytes += disk;
+        ACE_Time_Value no_wait(ACE_Time_Value::zero);
+        if (putq(queued, &no_wait) != -1)
+            return 0;
+        m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
         queued->release();
+    }
+    uint32_t const token = requestToken(block);
+    if (token != 0 && m_router != nullptr)
+        m_router->clear_act(token);
     return 0;
 }
 
@@ -400,6 +466,10 @@ int Engine::process_incoming(ACE_Message_Block* block) {
     Abstract_Event* event = Event_Factory::create(block);
     if (event == nullptr) {
         TW_LOG("%D ERROR (%t): An error occurred while converting network data into an event.\n");
+        // Nobody will answer it: its token goes.
+        uint32_t const token = requestToken(block);
+        if (token != 0 && m_router != nullptr)
+            m_router->clear_act(token);
         if (block != nullptr)
             block->release();
         return -1;
@@ -515,12 +585,42 @@ int Engine::activate_handler(IdentityEvent* event) {
             TW_LOG("%D INFO  (%t): Connection from %C activated : %C %d\n", addressText(handler),
                    handler->identity().typeAsString(),
                    static_cast<int>(handler->identity().agentid()));
+            replaceOlderConnections(handler);
         } else {
             TW_LOG("%D INFO  (%t): Connection from %C activated : %C\n", addressText(handler),
                    handler->identity().typeAsString());
         }
     }
     return 0;
+}
+
+void Engine::replaceOlderConnections(Handler* newer) {
+    // One agent id, one connection: an agent that identifies itself again,
+    // typically after a reconnect whose old connection has not yet timed
+    // out, takes the place of its older connections, which are closed.
+    Dispatch_Set set;
+    uint32_t const agentid = newer->agentID();
+    if (agentid == 0 || m_router == nullptr || m_router->findHandlersByAgentID(agentid, set) == -1)
+        return;
+    ACE_Unbounded_Set_Iterator<Handler*> it(set);
+    for (Handler** entry = nullptr; it.next(entry) != 0; it.advance()) {
+        Handler* const older = *entry;
+        if (older == newer)
+            continue;
+        TW_LOG(
+            "%D WARN  (%t): Agent %d identified again from %C: closing its older connection "
+            "from %C\n",
+            static_cast<int>(agentid), addressText(newer), addressText(older));
+        older->close(0);
+    }
+}
+
+void Engine::setMaxMessageSize(uint64_t size) {
+    Handler::Max_Message_Size = size;
+}
+
+uint64_t Engine::maxMessageSize() const {
+    return Handler::Max_Message_Size;
 }
 
 // ---------------------------------------------------------------------------
@@ -608,6 +708,47 @@ int Engine::makeActiveConnection(const ACE_INET_Addr& address, unsigned long fla
 // ---------------------------------------------------------------------------
 // The acceptors.
 
+namespace {
+
+// The listen backlog: the system's maximum, so that a burst of connections
+// waits in the kernel instead of being refused.
+int listenBacklog() {
+    int backlog = SOMAXCONN;
+    if (FILE* file = std::fopen("/proc/sys/net/core/somaxconn", "r")) {
+        int value = 0;
+        if (std::fscanf(file, "%d", &value) == 1 && value > 0)
+            backlog = value;
+        std::fclose(file);
+    }
+    return backlog;
+}
+
+// The TCP part of an accept, into `stream`; the listening socket is
+// non-blocking, so that this never waits. 0 or -1.
+int acceptSocket(ACE_SOCK_Acceptor& acceptor, ACE_SOCK_Stream& stream, bool reset_new_handle) {
+    return acceptor.accept(stream, nullptr, nullptr, true, reset_new_handle);
+}
+
+// The same for an SSL stream: the socket only, without the handshake.
+int acceptSocket(SSL_Acceptor& acceptor, ACE_SSL_SOCK_Stream& stream, bool reset_new_handle) {
+    ACE_SOCK_Acceptor listener;
+    listener.set_handle(acceptor.get_handle());
+    ACE_SOCK_Stream socket;
+    int const accepted = listener.accept(socket, nullptr, nullptr, true, reset_new_handle);
+    listener.set_handle(ACE_INVALID_HANDLE);
+    if (accepted == -1)
+        return -1;
+    stream.set_handle(socket.get_handle());
+    if (stream.get_handle() == ACE_INVALID_HANDLE) {
+        socket.close();
+        errno = ENOMEM;
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
 template <typename Acceptor, typename ConnectionHandler>
 Acceptor_T<Acceptor, ConnectionHandler>::Acceptor_T(Engine* engine)
     : Acceptor_Base(engine), m_handle(ACE_INVALID_HANDLE) {}
@@ -620,9 +761,18 @@ Acceptor_T<Acceptor, ConnectionHandler>::~Acceptor_T() {
 
 template <typename Acceptor, typename ConnectionHandler>
 int Acceptor_T<Acceptor, ConnectionHandler>::open(const ACE_INET_Addr& address) {
-    if (m_acceptor.open(address, 1, PF_UNSPEC, 5, 0) == -1)
+    if (m_acceptor.open(address, 1, PF_UNSPEC, listenBacklog(), 0) == -1)
         return -1;
     m_handle = m_acceptor.get_handle();
+    // A peer that goes between the reactor's readiness and the accept must
+    // not leave the reactor waiting in accept().
+    if (ACE::set_flags(m_handle, ACE_NONBLOCK) == -1) {
+        int const error = errno;
+        m_acceptor.close();
+        m_handle = ACE_INVALID_HANDLE;
+        errno = error;
+        return -1;
+    }
     return 0;
 }
 
@@ -640,14 +790,26 @@ int Acceptor_T<Acceptor, ConnectionHandler>::handle_input(ACE_HANDLE) {
     }
     handler->setEngine(m_engine);
 
-    ACE_Time_Value timeout(5);
     bool const reset_new_handle =
         reactor() != nullptr ? reactor()->uses_event_associations() : false;
-    // A handler that open() left outside the reactor (its peer has already
+    if (acceptSocket(m_acceptor, handler->peer(), reset_new_handle) == -1) {
+        int const error = errno;
+        handler->release();
+        // Nobody there any more: the peer went before we took it.
+        if (error == EWOULDBLOCK || error == EINTR || error == ECONNABORTED)
+            return 0;
+        errno = error;
+        TW_LOG("%D ERROR (%t): Incoming connection failed: %m\n");
+        return 0;
+    }
+    // The handshake of an SSL peer runs in the reactor, among the other
+    // connections, and the connection joins the engine when it is done. A
+    // handler that open() left outside the reactor (its peer has already
     // gone) failed as well: the failure path releases it.
-    if (m_acceptor.accept(handler->peer(), nullptr, &timeout, true, reset_new_handle) != -1 &&
-        handler->open(nullptr) != -1 && handler->reactor() != nullptr) {
-        TW_LOG("%D DEBUG (%t): Incoming connection from %C\n", addressText(handler));
+    handler->acceptHandshake();
+    if (handler->open(nullptr) != -1 && handler->reactor() != nullptr) {
+        if (!handler->inHandshake())
+            TW_LOG("%D DEBUG (%t): Incoming connection from %C\n", addressText(handler));
         return 0;
     }
 

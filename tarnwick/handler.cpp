@@ -3,7 +3,10 @@
 #include <tarnwick/log.h>
 #include <tarnwick/message_block.h>
 
+#include <ace/ACE.h>
+#include <ace/Flag_Manip.h>
 #include <ace/Guard_T.h>
+#include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_sys_socket.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Reactor.h>
@@ -15,6 +18,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <new>
 
 namespace Tarnwick {
@@ -27,14 +31,52 @@ const size_t HEADER_SIZE = sizeof(Message_Header);
 // The high water mark of a connection's output queue, in bytes.
 const size_t OUTPUT_QUEUE_LIMIT = 524288;
 
+// How often a connection whose peer has half-closed looks whether it still
+// owes replies.
+const ACE_Time_Value HALF_CLOSE_POLL(0, 50000);
+
 // The address text for a message; never null.
 const char* printable(const char* text) {
     return text != nullptr ? text : "";
 }
 
+// True on the thread that runs `reactor`'s event loop, or when nobody owns it.
+bool onReactorThread(ACE_Reactor* reactor) {
+    ACE_thread_t owner;
+    if (reactor->owner(&owner) == -1)
+        return true;
+    return ACE_OS::thr_equal(owner, ACE_Thread::self()) != 0;
+}
+
+// Carries a close request of another thread to the reactor's thread through
+// its notification queue, which holds a reference to the request; the
+// request holds one to the connection, so that it can't go meanwhile.
+class CloseRequest : public ACE_Event_Handler {
+public:
+    explicit CloseRequest(Handler* handler) : m_handler(handler->duplicate()) {
+        reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
+    }
+
+    int handle_exception(ACE_HANDLE) override {
+        m_handler->close(0);
+        return 0;
+    }
+
+protected:
+    ~CloseRequest() override { m_handler->release(); }
+
+private:
+    Handler* m_handler;
+};
+
 }  // namespace
 
 uint64_t Handler::Data_Block_Size = 0x20000;
+std::atomic<uint64_t> Handler::Max_Message_Size(0x80000000ull);
+std::atomic<uint64_t> Handler::Output_Disk_Limit(0x4000000ull);
+ACE_Time_Value Handler::Handshake_Limit(5);
+ACE_Time_Value Handler::Half_Close_Limit(60);
+ACE_Time_Value Handler::Output_Stall_Limit(30);
 
 Handler::Handler()
     : m_incoming(nullptr),
@@ -46,7 +88,19 @@ Handler::Handler()
       m_last_activity(ACE_Time_Value::zero),
       m_last_recv_activity(ACE_Time_Value::zero),
       m_refcount(1),
-      m_registered(false) {}
+      m_registered(false),
+      m_handshaking(false),
+      m_in_router(false),
+      m_closed(false),
+      m_header_out(),
+      m_recv_buffer_size(0),
+      m_partial_logged(false),
+      m_peer_closed(false),
+      m_timer(-1),
+      m_queued_disk_bytes(0),
+      m_socket_full(false),
+      m_blocked_since(0),
+      m_overflow_reported(false) {}
 
 Handler::~Handler() {
     if (m_incoming != nullptr) {
@@ -163,12 +217,20 @@ int Handler::open(void*) {
     if (m_engine == nullptr)
         return 0;
 
+    // The reactor serves many peers on one thread: no read or write may wait
+    // for one of them.
+    if (ACE::set_flags(handle, ACE_NONBLOCK) == -1)
+        return -1;
+
     ACE_Reactor* reactor = m_engine->getReactor();
     if (reactor == nullptr)
         errno = ENXIO;
-    if (reactor == nullptr ||
-        reactor->register_handler(
-            this, ACE_Event_Handler::READ_MASK | ACE_Event_Handler::WRITE_MASK) == -1) {
+    // A connection in its handshake waits for the peer's bytes only; what is
+    // queued for it meanwhile goes out once it has joined.
+    ACE_Reactor_Mask const mask =
+        m_handshaking ? ACE_Event_Handler::READ_MASK
+                      : ACE_Event_Handler::READ_MASK | ACE_Event_Handler::WRITE_MASK;
+    if (reactor == nullptr || reactor->register_handler(this, mask) == -1) {
         if (errno == EINVAL)
             TW_LOG("%D ERROR (%t): Could not register network handler : too many connections.\n");
         else
@@ -176,23 +238,98 @@ int Handler::open(void*) {
         return -1;
     }
     m_registered = true;
+    if (m_handshaking) {
+        m_timer = reactor->schedule_timer(this, nullptr, Handshake_Limit);
+        return m_timer == -1 ? -1 : 0;
+    }
+    return join();
+}
+
+int Handler::join() {
+    if (m_engine == nullptr)
+        return 0;
     return m_engine->register_handler(this) == -1 ? -1 : 0;
 }
 
+int Handler::handshake_step(bool&) {
+    return 1;
+}
+
+int Handler::continueHandshake() {
+    ACE_Reactor* const reactor = engineReactor();
+    bool want_write = false;
+    int const step = handshake_step(want_write);
+    if (step == 0 && reactor != nullptr) {
+        if (want_write)
+            reactor->schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+        else
+            reactor->cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+        return 0;
+    }
+    if (step == 1 && reactor != nullptr) {
+        m_handshaking = false;
+        if (m_timer != -1) {
+            reactor->cancel_timer(m_timer);
+            m_timer = -1;
+        }
+        if (reactor->schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK) != -1 && join() == 0) {
+            TW_LOG("%D DEBUG (%t): Incoming connection from %C\n", printable(address()));
+            return 0;
+        }
+    }
+    // As a failed accept: the connection goes first, then the reason.
+    int const error = errno;
+    handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
+    errno = error;
+    TW_LOG("%D ERROR (%t): Incoming connection failed: %m\n");
+    return 0;
+}
+
 int Handler::close(u_long) {
+    ACE_Reactor* const reactor = m_registered ? engineReactor() : nullptr;
+    if (reactor != nullptr && !onReactorThread(reactor)) {
+        requestClose();
+        return 0;
+    }
     handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
     return 0;
 }
 
+void Handler::requestClose() {
+    ACE_Reactor* const reactor = engineReactor();
+    CloseRequest* const request = new (std::nothrow) CloseRequest(this);
+    if (reactor == nullptr || request == nullptr) {
+        if (request != nullptr)
+            request->remove_reference();
+        TW_LOG("%D ERROR (%t): Can not ask the reactor to close a connection: %m\n");
+        return;
+    }
+    // A full notification pipe waits for the reactor to take from it.
+    if (reactor->notify(request, ACE_Event_Handler::EXCEPT_MASK) == -1)
+        TW_LOG("%D ERROR (%t): Can not ask the reactor to close a connection: %m\n");
+    request->remove_reference();
+}
+
 int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
+    if (m_closed.exchange(true))
+        return 0;
     TW_LOG("%D DEBUG (%t): Closing connection (%Q bytes sent, %Q bytes received).\n",
            static_cast<ACE_UINT64>(m_bytes_sent), static_cast<ACE_UINT64>(m_bytes_received));
 
     msg_queue()->deactivate();
+    m_queued_disk_bytes = 0;
 
+    ACE_Reactor* const reactor = m_engine != nullptr ? m_engine->getReactor()
+                                 : m_registered      ? this->reactor()
+                                                     : nullptr;
+    if (m_timer != -1) {
+        if (reactor != nullptr)
+            reactor->cancel_timer(m_timer);
+        m_timer = -1;
+    }
     if (m_registered) {
-        if (m_engine != nullptr && m_engine->getReactor() != nullptr)
-            m_engine->getReactor()->remove_handler(
+        if (reactor != nullptr)
+            reactor->remove_handler(
                 this, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
         m_registered = false;
     }
@@ -200,14 +337,48 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
     if (get_handle() != ACE_INVALID_HANDLE)
         close_stream();
 
-    if (m_engine == nullptr || m_engine->isClosed())
+    if (m_engine == nullptr)
         return 0;
 
     // The event handler hears of the disconnect first, under the engine's
     // lock; then the router forgets the connection and drops its reference,
-    // which normally ends this object.
-    m_engine->remove_handler(this);
+    // which normally ends this object. A connection that never reached the
+    // router still holds its first reference, which goes here.
+    bool const routed = m_in_router;
+    if (!m_engine->isClosed())
+        m_engine->remove_handler(this);
+    else if (routed)
+        return 0;
+    if (!routed)
+        release();
     return 0;
+}
+
+int Handler::handle_timeout(const ACE_Time_Value& now, const void*) {
+    if (m_handshaking) {
+        m_timer = -1;
+        handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
+        errno = ETIME;
+        TW_LOG("%D ERROR (%t): Incoming connection failed: %m\n");
+        return 0;
+    }
+    if (m_peer_closed && (drained() || now >= m_half_close_deadline))
+        handle_close(ACE_INVALID_HANDLE, ACE_Event_Handler::ALL_EVENTS_MASK);
+    return 0;
+}
+
+bool Handler::drained() {
+    return msg_queue()->is_empty() && m_outgoing_chunk == nullptr && m_source_act.size() == 0;
+}
+
+uint64_t Handler::diskBytes(ACE_Message_Block* block) {
+    if (block == nullptr || (block->self_flags() & Message_Block::MESSAGE_BLOCK_FLAG) == 0)
+        return 0;
+    auto* message = static_cast<Message_Block*>(block);
+    if (!message->isStoredOnDisk())
+        return 0;
+    uint32_t const length = message->getLength();
+    return length == 0xFFFFFFFFu ? 0 : length;
 }
 
 // ---------------------------------------------------------------------------
@@ -223,6 +394,7 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
             return -1;
         }
         m_incoming = fresh;
+        m_partial_logged = false;
     }
 
     // The header, completed behind the bytes of earlier calls.
@@ -248,8 +420,13 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
         header_read = count;
         if (m_incoming->length() < HEADER_SIZE) {
             errno = EWOULDBLOCK;
-            TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
-                   static_cast<int>(m_incoming->length()), static_cast<int>(HEADER_SIZE));
+            // Once per message: a peer that sends its header a byte at a
+            // time doesn't get to write a line per byte into our log.
+            if (!m_partial_logged) {
+                m_partial_logged = true;
+                TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
+                       static_cast<int>(m_incoming->length()), static_cast<int>(HEADER_SIZE));
+            }
             return -1;
         }
     }
@@ -264,6 +441,14 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
         TW_LOG("%D ERROR (%t): Invalid message header received from %C\n", printable(address()));
         return -1;
     }
+    uint64_t const limit = Max_Message_Size;
+    if (header->getSize() > limit) {
+        errno = EMSGSIZE;
+        TW_LOG("%D ERROR (%t): Message of %u bytes from %C is larger than the limit of %Q bytes\n",
+               static_cast<unsigned>(header->getSize()), printable(address()),
+               static_cast<ACE_UINT64>(limit));
+        return -1;
+    }
 
     int64_t const remaining =
         static_cast<int64_t>(header->getSize()) - static_cast<int64_t>(message->getLength());
@@ -275,20 +460,23 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
         return -1;
     }
 
-    ACE_Message_Block* chunk = new (std::nothrow)
-        ACE_Message_Block(static_cast<size_t>(Data_Block_Size), ACE_Message_Block::MB_DATA);
-    Message_Block_Guard chunk_guard(chunk);
-    if (chunk == nullptr || chunk->base() == nullptr || chunk->size() < Data_Block_Size) {
-        errno = ENOMEM;
-        return -1;
+    // One buffer for all receives, remade only when the chunk size changes.
+    size_t const chunk_size = static_cast<size_t>(Data_Block_Size);
+    if (m_recv_buffer == nullptr || m_recv_buffer_size != chunk_size) {
+        m_recv_buffer.reset(new (std::nothrow) char[chunk_size]);
+        m_recv_buffer_size = m_recv_buffer != nullptr ? chunk_size : 0;
+        if (m_recv_buffer == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
     }
 
     ssize_t count = 0;
     if (remaining > 0) {
-        size_t const wanted = static_cast<size_t>(
-            std::min<uint64_t>(chunk->size(), static_cast<uint64_t>(remaining)));
+        size_t const wanted =
+            static_cast<size_t>(std::min<uint64_t>(chunk_size, static_cast<uint64_t>(remaining)));
         errno = 0;
-        count = recv_bytes(chunk->wr_ptr(), wanted, timeout);
+        count = recv_bytes(m_recv_buffer.get(), wanted, timeout);
         if (count == 0 || (count < 0 && errno != EWOULDBLOCK)) {
             // A failure inside a payload ends the message like a close.
             int const error = errno;
@@ -299,10 +487,9 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
         }
         if (count < 0)
             return -1;
-        chunk->wr_ptr(static_cast<size_t>(count));
     }
 
-    if (message->write(chunk->rd_ptr(), static_cast<uint64_t>(count)) == -1)
+    if (message->write(m_recv_buffer.get(), static_cast<uint64_t>(count)) == -1)
         return -1;
 
     if (count == remaining) {
@@ -316,6 +503,11 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
 }
 
 int Handler::handle_input(ACE_HANDLE) {
+    if (m_handshaking)
+        return continueHandshake();
+    if (m_peer_closed)
+        return 0;
+
     ACE_Message_Block* block = nullptr;
     int64_t const result = recv(block, nullptr);
     if (result == -1) {
@@ -326,7 +518,7 @@ int Handler::handle_input(ACE_HANDLE) {
     }
     if (result == 0) {
         TW_LOG("%D DEBUG (%t): Connection closed by peer.\n");
-        return -1;
+        return halfClosed();
     }
 
     Message_Block_Guard guard(block);
@@ -341,6 +533,21 @@ int Handler::handle_input(ACE_HANDLE) {
     return 0;
 }
 
+int Handler::halfClosed() {
+    // A peer may close its sending side right after its last request and
+    // still wait for the replies: the connection stays until it owes none,
+    // or until the time limit.
+    ACE_Reactor* const reactor = m_registered ? engineReactor() : nullptr;
+    if (reactor == nullptr || drained())
+        return -1;
+    m_peer_closed = true;
+    m_half_close_deadline = ACE_OS::gettimeofday() + Half_Close_Limit;
+    if (reactor->cancel_wakeup(this, ACE_Event_Handler::READ_MASK) == -1)
+        return -1;
+    m_timer = reactor->schedule_timer(this, nullptr, HALF_CLOSE_POLL, HALF_CLOSE_POLL);
+    return m_timer == -1 ? -1 : 0;
+}
+
 // ---------------------------------------------------------------------------
 // Sending
 
@@ -351,19 +558,35 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
         errno = EINVAL;
         return -1;
     }
-    // Network order afterwards, whatever the order was before.
-    header->decode();
-    header->encode();
 
     int64_t result = 0;
     if (block->length() > 0) {
+        size_t const offset = static_cast<size_t>(block->rd_ptr() - block->base());
+        if (offset + block->length() > HEADER_SIZE) {
+            errno = EINVAL;
+            return -1;
+        }
+        // The bytes in network order are made once per message, from a copy:
+        // the block's own header may be read by other threads meanwhile.
+        if (offset == 0) {
+            Message_Header wire(*header);
+            wire.decode();
+            wire.encode();
+            std::memcpy(m_header_out, &wire, HEADER_SIZE);
+        }
         errno = 0;
-        ssize_t const count = send_bytes(block->rd_ptr(), block->length(), timeout);
-        if (count < 1)
-            return errno == EWOULDBLOCK ? 0 : count;
+        ssize_t const count = send_bytes(m_header_out + offset, block->length(), timeout);
+        if (count < 1) {
+            if (errno != EWOULDBLOCK)
+                return count;
+            m_socket_full = true;
+            return 0;
+        }
         block->rd_ptr(static_cast<size_t>(count));
         result = count;
-        if (static_cast<size_t>(count) < block->length()) {
+        // Header bytes left over: the payload must not overtake them.
+        if (block->length() > 0) {
+            m_socket_full = true;
             errno = EWOULDBLOCK;
             return 0;
         }
@@ -388,8 +611,10 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
         errno = 0;
         ssize_t const count = send_bytes(m_outgoing_chunk->rd_ptr(), length, timeout);
         if (count == 0 || count == -1) {
-            if (errno == EWOULDBLOCK)
+            if (errno == EWOULDBLOCK) {
+                m_socket_full = true;
                 return 0;
+            }
             int const error = errno;
             m_outgoing_chunk->release();
             m_outgoing_chunk = nullptr;
@@ -406,6 +631,7 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
             result += count;
         } else {
             m_outgoing_chunk->rd_ptr(static_cast<size_t>(count));
+            m_socket_full = true;
             errno = EWOULDBLOCK;
             return 0;
         }
@@ -422,6 +648,9 @@ int64_t Handler::nonblk_put(ACE_Message_Block* block) {
     errno = 0;
     int64_t const result = send(block, nullptr);
     if (errno != EWOULDBLOCK) {
+        uint64_t const disk = diskBytes(block);
+        if (disk > 0)
+            m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
         block->release();
         return result;
     }
@@ -441,6 +670,8 @@ int64_t Handler::nonblk_put(ACE_Message_Block* block) {
 }
 
 int Handler::handle_output(ACE_HANDLE) {
+    if (m_handshaking)
+        return continueHandshake();
     ACE_Reactor* reactor = engineReactor();
     if (reactor == nullptr || reactor->cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK) == -1) {
         TW_LOG("%D ERROR (%t): error while cancelling reactor wakeup: %m\n");
@@ -450,9 +681,20 @@ int Handler::handle_output(ACE_HANDLE) {
         ACE_Message_Block* block = nullptr;
         ACE_Time_Value zero(ACE_Time_Value::zero);
         if (getq(block, &zero) == -1)
-            return 0;
+            return m_peer_closed && drained() ? -1 : 0;
+        m_socket_full = false;
+        uint64_t const sent_before = m_bytes_sent;
         if (nonblk_put(block) == -1)
             return -1;
+        if (m_bytes_sent != sent_before)
+            m_blocked_since = 0;
+        // The socket takes no more for now: its write wake-up comes back
+        // when it does, and the reactor serves the other peers meanwhile.
+        if (m_socket_full) {
+            if (m_blocked_since == 0)
+                m_blocked_since = static_cast<int64_t>(ACE_OS::gettimeofday().msec());
+            return 0;
+        }
     }
 }
 
@@ -465,14 +707,31 @@ int Handler::forward(ACE_Message_Block* block) {
         errno = EINVAL;
         return -1;
     }
+    // Spilled payload counts against its own limit; a queue that holds none
+    // takes a message of any size.
+    uint64_t const disk = diskBytes(block);
+    uint64_t const queued = m_queued_disk_bytes;
+    if (disk > 0 && queued > 0 && queued + disk > Output_Disk_Limit) {
+        errno = EWOULDBLOCK;
+        overflow();
+        return -1;
+    }
     ACE_Message_Block* copy = block->duplicate();
     if (copy == nullptr) {
         errno = ENOMEM;
         return -1;
     }
+    if (disk > 0)
+        m_queued_disk_bytes += disk;
     ACE_Time_Value zero(ACE_Time_Value::zero);
     if (putq(copy, &zero) == -1) {
+        int const error = errno;
+        if (disk > 0)
+            m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
         copy->release();
+        if (error == EWOULDBLOCK)
+            overflow();
+        errno = error;
         return -1;
     }
     if (get_handle() == ACE_INVALID_HANDLE) {
@@ -490,6 +749,26 @@ int Handler::forward(ACE_Message_Block* block) {
         return -1;
     }
     return 0;
+}
+
+void Handler::overflow() {
+    // A full queue of a peer that reads is a moment's congestion: the caller
+    // hears -1 and may try again. A peer that has read nothing for longer
+    // than the stall limit while its queue is full has stopped reading: it
+    // is dropped, and what waited for it with it.
+    int64_t const since = m_blocked_since;
+    if (since == 0 || m_registered == false)
+        return;
+    int64_t const now = static_cast<int64_t>(ACE_OS::gettimeofday().msec());
+    if (now - since < static_cast<int64_t>(Output_Stall_Limit.msec()))
+        return;
+    if (m_overflow_reported.exchange(true))
+        return;
+    TW_LOG(
+        "%D ERROR (%t): Connection from %C has stopped reading and its output queue is full: "
+        "closing it.\n",
+        printable(address()));
+    close(0);
 }
 
 // ---------------------------------------------------------------------------

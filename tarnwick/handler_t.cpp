@@ -31,6 +31,69 @@ void closeStream(ACE_SSL_SOCK_Stream& stream) {
     stream.set_handle(ACE_INVALID_HANDLE);
 }
 
+// The modes of an SSL session on a non-blocking socket: a write that could
+// not finish is retried from wherever the unsent bytes lie by then.
+void setNonBlockingModes(SSL* ssl) {
+    if (ssl != nullptr)
+        SSL_set_mode(ssl, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+}
+
+// An accepted plain stream has no handshake.
+bool startAccept(ACE_SOCK_Stream&) {
+    return false;
+}
+
+// An accepted SSL stream runs the server's part of the handshake.
+bool startAccept(ACE_SSL_SOCK_Stream& stream) {
+    SSL* const ssl = stream.ssl();
+    if (ssl == nullptr)
+        return false;
+    setNonBlockingModes(ssl);
+    SSL_set_accept_state(ssl);
+    return true;
+}
+
+int stepHandshake(ACE_SOCK_Stream&, bool&) {
+    return 1;
+}
+
+// One SSL_accept on the non-blocking socket: 1 done, 0 wants the readiness
+// that `want_write` names, -1 failed with errno EPROTO when the peer broke
+// the protocol or was refused (OpenSSL's reason is logged), else the
+// socket's error.
+int stepHandshake(ACE_SSL_SOCK_Stream& stream, bool& want_write) {
+    SSL* const ssl = stream.ssl();
+    if (ssl == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    ERR_clear_error();
+    errno = 0;
+    int const status = SSL_accept(ssl);
+    if (status == 1)
+        return 1;
+    int const reason = SSL_get_error(ssl, status);
+    if (reason == SSL_ERROR_WANT_READ || reason == SSL_ERROR_WANT_WRITE) {
+        want_write = reason == SSL_ERROR_WANT_WRITE;
+        return 0;
+    }
+    int const error = errno;
+    if (reason == SSL_ERROR_SSL)
+        ACE_SSL_Context::report_error();
+    ERR_clear_error();
+    errno = reason == SSL_ERROR_SYSCALL && error != 0 ? error : EPROTO;
+    return -1;
+}
+
+// The socket beneath a stream.
+ACE_SOCK_Stream& socketOf(ACE_SOCK_Stream& stream) {
+    return stream;
+}
+
+ACE_SOCK_Stream& socketOf(ACE_SSL_SOCK_Stream& stream) {
+    return stream.peer();
+}
+
 // Connects a plain stream, without a time limit.
 int connectStream(ACE_SOCK_Connector& connector, ACE_SOCK_Stream& stream,
                   const ACE_INET_Addr& address) {
@@ -56,8 +119,10 @@ int connectStream(ACE_SSL_SOCK_Connector&, ACE_SSL_SOCK_Stream& stream,
         ERR_clear_error();
         errno = 0;
         int const status = SSL_connect(ssl);
-        if (status == 1)
+        if (status == 1) {
+            setNonBlockingModes(ssl);
             return 0;
+        }
         int const reason = SSL_get_error(ssl, status);
         int const error = errno;
         if (reason == SSL_ERROR_SSL)
@@ -190,8 +255,11 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_bytes(void* buffer, size
 
 template <typename Stream, typename Connector>
 bool Handler_Implementation<Stream, Connector>::fill_address(std::string& text) {
+    // Until its handshake is done, an accepted SSL stream knows its peer
+    // only through the socket beneath.
     ACE_INET_Addr remote;
-    if (m_stream.get_remote_addr(remote) == -1)
+    if (m_stream.get_remote_addr(remote) == -1 &&
+        (!m_handshaking || socketOf(m_stream).get_remote_addr(remote) == -1))
         return false;
     char host[INET6_ADDRSTRLEN + 1] = {};
     if (remote.get_host_addr(host, sizeof host) == nullptr)
@@ -203,6 +271,16 @@ bool Handler_Implementation<Stream, Connector>::fill_address(std::string& text) 
 template <typename Stream, typename Connector>
 void Handler_Implementation<Stream, Connector>::close_stream() {
     closeStream(m_stream);
+}
+
+template <typename Stream, typename Connector>
+void Handler_Implementation<Stream, Connector>::acceptHandshake() {
+    m_handshaking = startAccept(m_stream);
+}
+
+template <typename Stream, typename Connector>
+int Handler_Implementation<Stream, Connector>::handshake_step(bool& want_write) {
+    return stepHandshake(m_stream, want_write);
 }
 
 template class Handler_Implementation<ACE_SOCK_Stream, ACE_SOCK_Connector>;

@@ -9,6 +9,7 @@
 #include <ace/Task.h>
 #include <ace/Thread_Mutex.h>
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -80,6 +81,11 @@ public:
     // Sets Handler::Data_Block_Size to a size from 512 to 1048576 bytes;
     // other sizes are refused (logged). Call it after open().
     void setBufferSize(uint64_t size);
+    // The largest payload that a peer may announce; a larger one ends its
+    // connection before any of it is read. 2 GiB unless set here or by the
+    // setting "maxmessagesize" (bytes) at open().
+    void setMaxMessageSize(uint64_t size);
+    uint64_t maxMessageSize() const;
     bool monitoringEnabled() const { return m_monitoring; }
     // Starts the activity timestamps of all present and future connections.
     void enableMonitoring();
@@ -143,8 +149,12 @@ private:
     // the engine's end.
     ACE_Reactor* m_retired_reactor;
 
+    // Spilled payload bytes of the messages in the worker queue.
+    std::atomic<uint64_t> m_queued_disk_bytes;
     // The threads of the workers that are running.
     void listWorkers(std::vector<ACE_thread_t>& workers);
+    // Closes the other connections of the agent that `newer` identified.
+    void replaceOlderConnections(Handler* newer);
 
     // The wait between two tries to make the reactor, and the clock of
     // cleanupHandles. Tests replace them through EngineTestHooks.

@@ -13,7 +13,9 @@
 #include <ace/Thread_Mutex.h>
 #include <ace/Time_Value.h>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace Tarnwick {
@@ -41,6 +43,14 @@ public:
     // the buffers that move payload between socket, memory and disk. 131072
     // when the library loads; Engine::open makes it 16384.
     static uint64_t Data_Block_Size;
+    // The largest payload a peer may announce in one message header; a
+    // larger one ends the connection before any of it is read. 2 GiB unless
+    // changed (Engine::setMaxMessageSize).
+    static std::atomic<uint64_t> Max_Message_Size;
+    // The bytes of spilled payload (in event cache files) that may wait in
+    // one connection's output queue, besides the 524288 bytes in memory. A
+    // message always fits into a queue that holds no spilled payload.
+    static std::atomic<uint64_t> Output_Disk_Limit;
 
     // Reads towards one whole message. Above 0: `block` receives a whole
     // message (header decoded, read position 0), which the caller releases;
@@ -98,13 +108,36 @@ public:
     // Called once the stream is connected: socket options, output queue
     // mark, and with an engine the reactor and the router. 0 or -1.
     int open(void* args = nullptr) override;
-    // Ends the connection: handle_close with all events. 0.
+    // Ends the connection: handle_close with all events. On the reactor's
+    // thread (or outside a reactor) at once; from any other thread the
+    // reactor is asked to do it, so that a socket is never closed under a
+    // read or write in progress. 0.
     int close(u_long flags = 0) override;
 
-    // Reactor callbacks.
+    // Reactor callbacks. handle_close does its work once; later calls
+    // return 0.
     int handle_input(ACE_HANDLE handle = ACE_INVALID_HANDLE) override;
     int handle_output(ACE_HANDLE handle = ACE_INVALID_HANDLE) override;
     int handle_close(ACE_HANDLE handle, ACE_Reactor_Mask mask) override;
+    // The handshake time limit of an accepted connection, and the polls of
+    // the wait for the replies owed to a peer that has half-closed.
+    int handle_timeout(const ACE_Time_Value& now, const void* act = nullptr) override;
+
+    // Makes an accepted connection run the server's part of a handshake in
+    // the reactor before it joins the engine (SSL; nothing for plain TCP).
+    // Call it before open().
+    virtual void acceptHandshake() {}
+    // True from acceptHandshake until the handshake is done.
+    bool inHandshake() const { return m_handshaking; }
+
+    // The time an accepted connection has to finish its handshake: 5 s.
+    static ACE_Time_Value Handshake_Limit;
+    // How long a peer that has closed its sending side may wait for the
+    // replies it is owed before the connection is closed: 60 s.
+    static ACE_Time_Value Half_Close_Limit;
+    // How long a peer may take no bytes at all while its output queue is
+    // full before it is dropped as one that has stopped reading: 30 s.
+    static ACE_Time_Value Output_Stall_Limit;
 
 protected:
     Handler();
@@ -122,6 +155,10 @@ protected:
     // Takes ownership of `block` and sends it, or queues it again at the
     // head while it is unfinished. 0 or the send result; -1 on failure.
     int64_t nonblk_put(ACE_Message_Block* block);
+    // One step of a handshake started by acceptHandshake: 1 done, 0 to be
+    // continued (`want_write` says on which readiness), -1 failed (errno
+    // EPROTO, or the socket's error; the reason is logged).
+    virtual int handshake_step(bool& want_write);
 
     void bytes_received(uint64_t count) { m_bytes_received += count; }
     void bytes_sent(uint64_t count) { m_bytes_sent += count; }
@@ -145,12 +182,57 @@ protected:
     int m_refcount;
     ACT_List m_source_act;
     ACT_List m_target_act;
-    bool m_registered;  // stands in the engine's reactor
+    std::atomic<bool> m_registered;  // stands in the engine's reactor
+    bool m_handshaking;              // acceptHandshake was called, not done yet
 
 private:
+    friend class Engine;
+
     // The reactor that the connection's write wake-ups go to: the engine's,
     // or the one that the handler was registered with.
     ACE_Reactor* engineReactor();
+    // The second half of open(), once a handshake is done: the engine's
+    // router and the identification request. 0 or -1.
+    int join();
+    // Drives the handshake on a readiness. Always 0: a failed handshake
+    // closes the connection (and may end this object) itself.
+    int continueHandshake();
+    // Asks the reactor to run close() on its own thread.
+    void requestClose();
+    // True when nothing more is owed to a peer that has half-closed.
+    bool drained();
+    // After the peer's end of stream: -1 to close now, 0 to wait for the
+    // replies that it is still owed.
+    int halfClosed();
+    // The output queue refused a message: drops a peer that has stopped
+    // reading.
+    void overflow();
+    // The spilled payload bytes of `block`, 0 for a payload in memory.
+    static uint64_t diskBytes(ACE_Message_Block* block);
+
+    // Set by the engine when the router has taken the first reference.
+    std::atomic<bool> m_in_router;
+    std::atomic<bool> m_closed;
+    // The header of the message being sent, in network order: the block's
+    // own header is shared with other threads and stays as it is.
+    char m_header_out[32];
+    // The receive buffer, reused from call to call.
+    std::unique_ptr<char[]> m_recv_buffer;
+    size_t m_recv_buffer_size;
+    // "Partial header received" is logged once per message.
+    bool m_partial_logged;
+    // The peer has closed its sending side; replies still go out.
+    bool m_peer_closed;
+    long m_timer;
+    ACE_Time_Value m_half_close_deadline;
+    // Spilled payload bytes waiting in the output queue.
+    std::atomic<uint64_t> m_queued_disk_bytes;
+    // The last send found the socket full.
+    bool m_socket_full;
+    // Milliseconds of the time of day since the socket has taken nothing
+    // while messages waited; 0 while it takes what it is given.
+    std::atomic<int64_t> m_blocked_since;
+    std::atomic<bool> m_overflow_reported;
 };
 
 // Ignores SIGPIPE for the length of a scope, for programs that drive a

@@ -23,6 +23,7 @@ public:
 
     // The stream, for an owner that accepts into it.
     Stream& peer() { return m_stream; }
+    void acceptHandshake() override;
 
 protected:
     ~Handler_Implementation() override;
@@ -31,6 +32,7 @@ protected:
     ssize_t recv_bytes(void* buffer, size_t length, const ACE_Time_Value* timeout) override;
     bool fill_address(std::string& text) override;
     void close_stream() override;
+    int handshake_step(bool& want_write) override;
 
 private:
     Stream m_stream;

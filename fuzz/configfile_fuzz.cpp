@@ -7,7 +7,9 @@
 //     that begin with '[', but never loses one);
 //   - lookups leave no visible trace: the section list and the written form
 //     are the same before and after them;
-//   - writing to a stream that is not good throws.
+//   - writing to a stream that is not good throws;
+//   - set either refuses a text or stores it so that the written form reads
+//     back with that option and no section more.
 #include <tarnwick/configfile.h>
 #include <tarnwick/exception.h>
 #include <tarnwick/tarnwick.h>
@@ -103,13 +105,19 @@ void exercise(Tarnwick::ConfigFile& file) {
     check(thrown);
 
     Tarnwick::ConfigFile copy(file);
-    copy.setStoragePath("/fuzz/root");
+    try {
+        copy.setStoragePath("/fuzz/root");
+    } catch (const Tarnwick::Exception& e) {
+        // A path value with a line end in it can't be stored again.
+        check(e.getErrNo() == Tarnwick::ERR_CONFIGFILE_WRITE);
+    }
     check(copy.set(L"paths", L"log", L"log") == 0);
     if (!before.empty()) {
         std::wstring const first = wide(before.front());
         if (!first.empty() || before.front().empty()) {
             check(copy.remove(first.c_str()) == 0);
-            check(copy.set(first.c_str(), L"k", L"v") == 0);
+            bool const lineEnd = first.find(L'\r') != std::wstring::npos;
+            check(copy.set(first.c_str(), L"k", L"v") == (lineEnd ? -1 : 0));
         }
     }
     std::vector<std::string> listed;
@@ -119,10 +127,34 @@ void exercise(Tarnwick::ConfigFile& file) {
 
 }  // namespace
 
+// Stores the input's text as a key and as a value; what set accepts must
+// read back as exactly that option, in no section but the one named.
+void setArbitrary(const std::string& text) {
+    std::wstring const value = wide(text);
+    if (value.empty())
+        return;
+    for (int asKey = 0; asKey < 2; ++asKey) {
+        std::istringstream empty("[s]\n");
+        Tarnwick::ConfigFile file(empty);
+        const wchar_t* const key = asKey != 0 ? value.c_str() : L"k";
+        const wchar_t* const stored = asKey != 0 ? L"v" : value.c_str();
+        if (file.set(L"s", key, stored) != 0)
+            continue;
+        std::istringstream again(write(file));
+        try {
+            Tarnwick::ConfigFile reread(again);
+            check(names(reread) == std::vector<std::string>{"s"});
+        } catch (const Tarnwick::Exception&) {
+            std::abort();
+        }
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool const silenced = (silence(), true);
     (void)silenced;
 
+    setArbitrary(std::string(reinterpret_cast<const char*>(data), size));
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
     Tarnwick::ConfigFile* file = nullptr;
     try {

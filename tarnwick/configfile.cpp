@@ -1,16 +1,24 @@
 #include <tarnwick/configfile.h>
 #include <tarnwick/exception.h>
+#include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/registry.h>
 #include <tarnwick/tarnwick.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <new>
+#include <sstream>
 
 namespace Tarnwick {
 
@@ -42,6 +50,188 @@ ACE_WString toWide(const std::string& text) {
             wide.set(converted.get(), length, true);
     }
     return wide;
+}
+
+// The names of failed section lookups that a file remembers for remove: at
+// most this many, of at most this many bytes together. When a name would
+// pass either bound, the names remembered so far are forgotten first.
+const std::size_t MISSED_NAMES = 256;
+const std::size_t MISSED_BYTES = 64 * 1024;
+
+// `text` fit for one log line: bytes that are no UTF-8 and control
+// characters are written as \xNN.
+std::string printable(const std::string& text) {
+    std::string out;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        unsigned char const c = static_cast<unsigned char>(text[i]);
+        std::size_t length = 1;
+        if (c >= 0x80) {
+            length = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 0;
+            if (length == 0 || i + length > text.size() || !isValidUTF8(text.data() + i, length))
+                length = 0;
+        }
+        if (length == 0 || (length == 1 && (c < 0x20 || c == 0x7F))) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            out += escaped;
+            ++i;
+        } else {
+            out.append(text, i, length);
+            i += length;
+        }
+    }
+    return out;
+}
+
+// True when `section`, `key` and `value`, written as a header and an option
+// line, read back as that one section and option: no line ends anywhere, no
+// ']' in the section name, no '=' in the key, and no key that the reader
+// takes for a comment or a header.
+bool keepsStructure(const std::string& section, const std::string& key, const std::string& value) {
+    static const char LINE_ENDS[] = "\r\n";
+    if (section.find_first_of(LINE_ENDS) != std::string::npos ||
+        key.find_first_of(LINE_ENDS) != std::string::npos ||
+        value.find_first_of(LINE_ENDS) != std::string::npos)
+        return false;
+    if (section.find(']') != std::string::npos || key.find('=') != std::string::npos)
+        return false;
+    return key.empty() || (key[0] != '#' && key[0] != ';' && key[0] != '[');
+}
+
+bool writeAll(int handle, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        ssize_t const put = ::write(handle, text.data() + written, text.size() - written);
+        if (put < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (put == 0) {
+            errno = EIO;
+            return false;
+        }
+        written += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
+// A temporary file beside the file to replace; removed unless it was
+// renamed into place.
+class TemporaryFile {
+public:
+    TemporaryFile() = default;
+    ~TemporaryFile() {
+        int const error = errno;
+        if (handle_ >= 0)
+            ::close(handle_);
+        if (!name_.empty())
+            ::unlink(name_.c_str());
+        errno = error;
+    }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    // Makes ".<base>.XXXXXX" in `directory`, mode 0600.
+    bool create(const std::string& directory, const std::string& base) {
+        std::string pattern = directory;
+        Path::Join(pattern, ("." + base + ".XXXXXX").c_str());
+        handle_ = ::mkostemp(&pattern[0], O_CLOEXEC);
+        if (handle_ < 0)
+            return false;
+        name_ = pattern;
+        return true;
+    }
+
+    // Gives the file the owner and mode of `original`. An owner that this
+    // process may not give (it isn't privileged) is left as it is, and the
+    // group is kept where it can be.
+    bool takeOver(const struct stat& original) {
+        if (::fchown(handle_, original.st_uid, original.st_gid) != 0 &&
+            ::fchown(handle_, static_cast<uid_t>(-1), original.st_gid) != 0) {
+            // The file stays the writer's own.
+        }
+        return ::fchmod(handle_, original.st_mode & 07777) == 0;
+    }
+
+    bool write(const std::string& text) { return writeAll(handle_, text); }
+
+    // Makes the content durable and puts the file in place of `target`.
+    bool commit(const std::string& target) {
+        if (::fsync(handle_) != 0)
+            return false;
+        int const handle = handle_;
+        handle_ = -1;
+        if (::close(handle) != 0)
+            return false;
+        if (::rename(name_.c_str(), target.c_str()) != 0)
+            return false;
+        name_.clear();
+        return true;
+    }
+
+private:
+    int handle_ = -1;
+    std::string name_;
+};
+
+// Makes a finished rename durable. A failure here loses nothing that a
+// reader could see, so it isn't reported.
+void syncDirectory(const std::string& directory) {
+    int const handle = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (handle >= 0) {
+        ::fsync(handle);
+        ::close(handle);
+    }
+}
+
+// Replaces the file `name` by one holding `content`, through a temporary file
+// in the same directory: either the whole new content is in place, or the
+// old file is untouched. A symbolic link stays and its target is replaced.
+// False with errno set.
+bool replaceFile(const std::string& name, const std::string& content) {
+    std::string target = name;
+    struct stat existing;
+    bool exists = false;
+    if (::lstat(name.c_str(), &existing) == 0) {
+        if (S_ISLNK(existing.st_mode)) {
+            char* const resolved = ::realpath(name.c_str(), nullptr);
+            if (resolved == nullptr)
+                return false;
+            target = resolved;
+            std::free(resolved);
+            if (::stat(target.c_str(), &existing) != 0)
+                return false;
+        }
+        exists = true;
+    } else if (errno != ENOENT) {
+        return false;
+    }
+    if (exists) {
+        // Devices, pipes and the like are not replaced by a plain file.
+        if (!S_ISREG(existing.st_mode)) {
+            errno = S_ISDIR(existing.st_mode) ? EISDIR : EINVAL;
+            return false;
+        }
+        // Only a file that could be written in place may be replaced.
+        if (::faccessat(AT_FDCWD, target.c_str(), W_OK, AT_EACCESS) != 0)
+            return false;
+    }
+    std::string::size_type const slash = target.rfind('/');
+    std::string const directory = slash == std::string::npos ? std::string(".")
+                                  : slash == 0               ? std::string("/")
+                                                             : target.substr(0, slash);
+    std::string const base = slash == std::string::npos ? target : target.substr(slash + 1);
+    TemporaryFile temporary;
+    if (!temporary.create(directory, base))
+        return false;
+    if (exists && !temporary.takeOver(existing))
+        return false;
+    if (!temporary.write(content) || !temporary.commit(target))
+        return false;
+    syncDirectory(directory);
+    return true;
 }
 
 }  // namespace
@@ -137,7 +327,8 @@ void ConfigFileSection::setComment(const std::string& comment) {
 }
 
 ConfigFileOption* ConfigFileSection::getOption(const std::string& key) {
-    return options[key];
+    auto const found = options.find(key);
+    return found != options.end() ? found->second : nullptr;
 }
 
 void ConfigFileSection::addOption(ConfigFileOption* option) {
@@ -186,7 +377,12 @@ ConfigFile::ConfigFile(std::istream& stream) {
 }
 
 ConfigFile::ConfigFile(const ConfigFile& other)
-    : sections(other.sections), order(other.order), filename(other.filename) {
+    : sections(other.sections),
+      order(other.order),
+      filename(other.filename),
+      missed(other.missed),
+      missedBytes(other.missedBytes),
+      reported(other.reported) {
     __holdAll();
 }
 
@@ -197,6 +393,9 @@ ConfigFile& ConfigFile::operator=(const ConfigFile& other) {
     sections.swap(copy.sections);
     order.swap(copy.order);
     filename.swap(copy.filename);
+    missed.swap(copy.missed);
+    std::swap(missedBytes, copy.missedBytes);
+    reported.swap(copy.reported);
     return *this;
 }
 
@@ -246,6 +445,8 @@ void ConfigFile::__read(std::istream& stream) {
                     order.push_back(name);
                     made->owners = 1;
                     slot = made.release();
+                    if (missed.erase(name) != 0)
+                        missedBytes -= name.size();
                 }
                 current = slot;
                 pending.clear();
@@ -296,24 +497,52 @@ int ConfigFile::open() {
 }
 
 int ConfigFile::update() {
+    int error = 0;
     try {
         if (filename.empty())
             throw Exception(ERR_CONFIGFILE_WRITE, SEVERITY_FATAL, SOURCE,
                             "Trying to write configuration to a file, but no filename specified.");
-        std::ofstream stream(filename.c_str(), std::ios::out | std::ios::trunc);
-        __write(stream);
-        stream.close();
+        std::ostringstream text;
+        __write(text);
+        if (!replaceFile(filename, text.str())) {
+            error = errno;
+            TW_LOG_ERRNO("%D ERROR (%t): Can not rewrite configuration file %C",
+                         printable(filename).c_str());
+            throw Exception(ERR_CONFIGFILE_WRITE, SEVERITY_FATAL, SOURCE,
+                            "Failed to write to output stream.");
+        }
     } catch (...) {
+        if (error != 0)
+            errno = error;
         return -1;
     }
     return 0;
 }
 
+void ConfigFile::__lookedUp(const std::string& section) {
+    try {
+        if (missed.count(section) != 0)
+            return;
+        if (section.size() > MISSED_BYTES)
+            return;
+        if (missed.size() >= MISSED_NAMES || missedBytes + section.size() > MISSED_BYTES) {
+            missed.clear();
+            missedBytes = 0;
+        }
+        missed.insert(section);
+        missedBytes += section.size();
+    } catch (const std::bad_alloc&) {
+        // Only remove's answer for this name is lost.
+    }
+}
+
 ConfigFileOption* ConfigFile::__option(const std::string& section, const std::string& key) {
-    ConfigFileSection* const found = sections[section];
-    if (found == nullptr)
+    auto const found = sections.find(section);
+    if (found == sections.end() || found->second == nullptr) {
+        __lookedUp(section);
         return nullptr;
-    return found->getOption(key);
+    }
+    return found->second->getOption(key);
 }
 
 ACE_WString ConfigFile::get(const wchar_t* section, const wchar_t* key) {
@@ -324,11 +553,29 @@ ACE_WString ConfigFile::get(const wchar_t* section, const wchar_t* key) {
     ConfigFileOption* const option = __option(narrowSection, narrowKey);
     if (option == nullptr)
         return ACE_WString();
-    return toWide(option->getValue());
+    const std::string& value = option->getValue();
+    ACE_WString wide = toWide(value);
+    if (wide.length() == 0 && !value.empty() && value[0] != '\0' &&
+        reported.insert(std::make_pair(narrowSection, narrowKey)).second) {
+        TW_LOG(
+            "%D WARN  (%t): The value of %C in section [%C] of %C is not UTF-8 text and is "
+            "read as empty\n",
+            printable(narrowKey).c_str(), printable(narrowSection).c_str(),
+            filename.empty() ? "a configuration stream" : printable(filename).c_str());
+    }
+    return wide;
 }
 
 int ConfigFile::__set(const std::string& section, const std::string& key,
                       const std::string& value) {
+    if (!keepsStructure(section, key, value)) {
+        TW_LOG(
+            "%D ERROR (%t): Can not store %C in section [%C]: the text would change the "
+            "structure of the file\n",
+            printable(key).c_str(), printable(section).c_str());
+        errno = EINVAL;
+        return -1;
+    }
     try {
         ConfigFileSection*& slot = sections[section];
         if (slot == nullptr) {
@@ -340,6 +587,8 @@ int ConfigFile::__set(const std::string& section, const std::string& key,
             made->owners = 1;
             slot = made;
             order.push_back(section);
+            if (missed.erase(section) != 0)
+                missedBytes -= section.size();
         }
         ConfigFileOption* const option = slot->getOption(key);
         if (option != nullptr) {
@@ -377,6 +626,11 @@ int ConfigFile::remove(const wchar_t* section) {
         return -1;
     auto const found = sections.find(name);
     if (found == sections.end()) {
+        // The entry that a failed lookup counts as: taken out once.
+        if (missed.erase(name) != 0) {
+            missedBytes -= name.size();
+            return 0;
+        }
         errno = EINVAL;
         return -1;
     }
@@ -391,7 +645,12 @@ bool ConfigFile::hasSection(const wchar_t* section) {
     std::string name;
     if (!wcstoutf8(section, name))
         return false;
-    return sections[name] != nullptr;
+    auto const found = sections.find(name);
+    if (found == sections.end() || found->second == nullptr) {
+        __lookedUp(name);
+        return false;
+    }
+    return true;
 }
 
 bool ConfigFile::hasOption(const wchar_t* section, const wchar_t* key) {

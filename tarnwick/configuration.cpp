@@ -9,6 +9,7 @@
 #include <ace/ACE.h>
 #include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
+#include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_stdlib.h>
 #include <ace/Singleton.h>
 
@@ -152,7 +153,14 @@ bool importText(Setting& setting, Setting& (Setting::*set)(const wchar_t*),
     return true;
 }
 
-[[noreturn]] void exitNow() {
+// Ends the process after --help or --version. The store's lock is given up
+// first, every level that this thread holds: the exit handlers destroy the
+// store, and other threads may still wait for it.
+[[noreturn]] void exitNow(Guard& guard, ACE_Recursive_Thread_Mutex& lock) {
+    guard.release();
+    while (lock.get_nesting_level() > 0 &&
+           ACE_OS::thr_equal(lock.get_thread_id(), ACE_OS::thr_self()))
+        lock.release();
     ACE_Log_Msg* const log = ACE_Log_Msg::instance();
     if (log->msg_ostream() != nullptr)
         log->msg_ostream()->flush();
@@ -533,11 +541,11 @@ int Configuration::open(Application* application, int argc, wchar_t** const argv
 
     if (m_values.count(L"help") != 0) {
         usage();
-        exitNow();
+        exitNow(guard, m_lock);
     }
     if (m_values.count(L"version") != 0) {
         showVersion();
-        exitNow();
+        exitNow(guard, m_lock);
     }
     if (application != nullptr && read_config_files() == -1)
         return -1;

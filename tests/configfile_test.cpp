@@ -5,8 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <new>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,11 +26,59 @@
 #include <string>
 #include <vector>
 
+#include "child.h"
 #include "log_capture.h"
 #include "unprivileged.h"
 
 using namespace Tarnwick;
 using TarnwickTest::LogCapture;
+
+// Live allocations through the global operator new, for the test of the
+// memory that failed lookups cost.
+namespace {
+std::atomic<long> liveAllocations{0};
+}  // namespace
+
+void* operator new(std::size_t size) {
+    void* const block = std::malloc(size == 0 ? 1 : size);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    liveAllocations.fetch_add(1, std::memory_order_relaxed);
+    return block;
+}
+void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    void* const block = std::malloc(size == 0 ? 1 : size);
+    if (block != nullptr)
+        liveAllocations.fetch_add(1, std::memory_order_relaxed);
+    return block;
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* block) noexcept {
+    if (block == nullptr)
+        return;
+    liveAllocations.fetch_sub(1, std::memory_order_relaxed);
+    std::free(block);
+}
+void operator delete[](void* block) noexcept {
+    operator delete(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    operator delete(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+    operator delete(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    operator delete(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    operator delete(block);
+}
 
 namespace {
 
@@ -396,14 +449,24 @@ TEST_F(ConfigFileTest, UpdateOfAnUnwritableTargetFails) {
     LogCapture capture;
     ConfigFile nodir(wpath("no/such/dir/agent.conf").c_str());
     ASSERT_EQ(nodir.set(L"a", L"k", L"v"), 0);
+    errno = 0;
     EXPECT_EQ(nodir.update(), -1);
+    EXPECT_EQ(errno, ENOENT);
     std::filesystem::create_directory(path("target"));
     ConfigFile directory(wpath("target").c_str());
+    errno = 0;
     EXPECT_EQ(directory.update(), -1);
+    EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(capture.lines(),
-              (std::vector<std::string>{"%D ERROR (%t): Failed to write to output stream.",
+              (std::vector<std::string>{"%D ERROR (%t): Can not rewrite configuration file " +
+                                            path("no/such/dir/agent.conf") +
+                                            ": No such file or directory",
+                                        "%D ERROR (%t): Failed to write to output stream.",
+                                        "%D ERROR (%t): Can not rewrite configuration file " +
+                                            path("target") + ": Is a directory",
                                         "%D ERROR (%t): Failed to write to output stream."}));
     EXPECT_TRUE(std::filesystem::is_directory(path("target")));
+    EXPECT_TRUE(std::filesystem::is_empty(path("target")));
 }
 
 TEST_F(ConfigFileTest, UpdateOfAReadOnlyFileFails) {
@@ -417,17 +480,132 @@ TEST_F(ConfigFileTest, UpdateOfAReadOnlyFileFails) {
         LogCapture capture;
         EXPECT_EQ(file.update(), -1);
         EXPECT_EQ(capture.lines(),
-                  std::vector<std::string>{"%D ERROR (%t): Failed to write to output stream."});
+                  (std::vector<std::string>{"%D ERROR (%t): Can not rewrite configuration file " +
+                                                path("ro.conf") + ": Permission denied",
+                                            "%D ERROR (%t): Failed to write to output stream."}));
     });
     EXPECT_EQ(contents("ro.conf"), "[a]\nk=v\n");
 }
 
-TEST_F(ConfigFileTest, WriteErrorsAfterOpeningGoUnnoticed) {
+TEST_F(ConfigFileTest, ReadOnlyFileInAWritableDirectoryIsNotReplaced) {
+    put("ro.conf", "[a]\nk=v\n");
+    ASSERT_EQ(chmod(path("ro.conf").c_str(), 0444), 0);
+    ASSERT_EQ(chmod(dir_.c_str(), 0777), 0);
+    TarnwickTest::asUnprivilegedUser([this] {
+        ConfigFile file(wpath("ro.conf").c_str());
+        ASSERT_EQ(file.open(), 0);
+        ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
+        LogCapture capture;
+        EXPECT_EQ(file.update(), -1);
+    });
+    EXPECT_EQ(contents("ro.conf"), "[a]\nk=v\n");
+}
+
+TEST_F(ConfigFileTest, DevicesAreNotReplaced) {
     if (!std::filesystem::exists("/dev/full"))
         GTEST_SKIP() << "no /dev/full";
     ConfigFile file(L"/dev/full");
     ASSERT_EQ(file.set(L"a", L"k", std::wstring(100000, L'v').c_str()), 0);
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(file.update(), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(capture.lines(),
+              (std::vector<std::string>{
+                  "%D ERROR (%t): Can not rewrite configuration file /dev/full: Invalid argument",
+                  "%D ERROR (%t): Failed to write to output stream."}));
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/full"));
+}
+
+// A write that fails part-way (here at the file size limit) leaves the
+// original as it was and no temporary file behind.
+TEST_F(ConfigFileTest, FailedRewriteLeavesTheOriginalUntouched) {
+    std::string const original = "[a]\n# kept\nk=v\n";
+    put("limited.conf", original);
+    TarnwickTest::ChildResult const result = TarnwickTest::runInChild([this]() {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit const limit = {4096, 4096};
+        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
+            return 10;
+        ConfigFile file(wpath("limited.conf").c_str());
+        if (file.open() != 0 || file.set(L"a", L"big", std::wstring(8192, L'x').c_str()) != 0)
+            return 11;
+        LogCapture capture;
+        errno = 0;
+        if (file.update() != -1)
+            return 12;
+        if (errno != EFBIG)
+            return 13;
+        std::vector<std::string> const expected{
+            "%D ERROR (%t): Can not rewrite configuration file " + path("limited.conf") +
+                ": File too large",
+            "%D ERROR (%t): Failed to write to output stream."};
+        return capture.lines() == expected ? 0 : 14;
+    });
+    EXPECT_EQ(result.exitCode(), 0) << result.errors;
+    EXPECT_EQ(contents("limited.conf"), original);
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_))
+        names.push_back(entry.path().filename().string());
+    EXPECT_EQ(names, std::vector<std::string>{"limited.conf"});
+}
+
+// The new content is a new file that takes the old one's place: a reader
+// that holds the old file sees it whole.
+TEST_F(ConfigFileTest, UpdateReplacesTheFileAsAWhole) {
+    put("whole.conf", "[a]\nk=v\n");
+    std::filesystem::create_hard_link(path("whole.conf"), path("old.conf"));
+    ConfigFile file(wpath("whole.conf").c_str());
+    ASSERT_EQ(file.open(), 0);
+    ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
     EXPECT_EQ(file.update(), 0);
+    EXPECT_EQ(contents("whole.conf"), "[a]\nk=w\n");
+    EXPECT_EQ(contents("old.conf"), "[a]\nk=v\n");
+}
+
+TEST_F(ConfigFileTest, NewFileIsMadeForTheOwnerAlone) {
+    mode_t const mask = ::umask(022);
+    ConfigFile file(wpath("new.conf").c_str());
+    ASSERT_EQ(file.set(L"Agent", L"password", L"secret"), 0);
+    EXPECT_EQ(file.update(), 0);
+    ::umask(mask);
+    struct stat info;
+    ASSERT_EQ(::stat(path("new.conf").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_EQ(contents("new.conf"), "[Agent]\npassword=secret\n");
+}
+
+TEST_F(ConfigFileTest, UpdateKeepsModeAndOwner) {
+    put("kept.conf", "[a]\nk=v\n");
+    ASSERT_EQ(::chmod(path("kept.conf").c_str(), 0664), 0);
+    bool const root = ::geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(::chown(path("kept.conf").c_str(), 65534, 65534), 0);
+    }
+    struct stat before;
+    ASSERT_EQ(::stat(path("kept.conf").c_str(), &before), 0);
+    ConfigFile file(wpath("kept.conf").c_str());
+    ASSERT_EQ(file.open(), 0);
+    ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
+    EXPECT_EQ(file.update(), 0);
+    struct stat after;
+    ASSERT_EQ(::stat(path("kept.conf").c_str(), &after), 0);
+    EXPECT_EQ(after.st_mode & 07777, 0664u);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+    EXPECT_EQ(contents("kept.conf"), "[a]\nk=w\n");
+}
+
+TEST_F(ConfigFileTest, UpdateThroughASymbolicLinkReplacesItsTarget) {
+    std::filesystem::create_directory(path("real"));
+    put("real/agent.conf", "[a]\nk=v\n");
+    std::filesystem::create_symlink("real/agent.conf", path("link.conf"));
+    ConfigFile file(wpath("link.conf").c_str());
+    ASSERT_EQ(file.open(), 0);
+    ASSERT_EQ(file.set(L"a", L"k", L"w"), 0);
+    EXPECT_EQ(file.update(), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(path("link.conf")));
+    EXPECT_EQ(contents("real/agent.conf"), "[a]\nk=w\n");
 }
 
 TEST_F(ConfigFileTest, UpdateTruncatesAndOperatorWritesTheSame) {
@@ -548,6 +726,53 @@ TEST_F(ConfigFileTest, RemoveOfAnAbsentSectionFails) {
     EXPECT_EQ(written(file), "[a]\n");
 }
 
+TEST_F(ConfigFileTest, RemoveAcceptsEachFailedLookupOnce) {
+    ConfigFile file = fromText("[a]\n");
+    EXPECT_EQ(get(file, L"g1", L"k"), L"");
+    EXPECT_FALSE(file.hasOption(L"g2", L"k"));
+    EXPECT_FALSE(file.hasSection(L"g3"));
+    for (const wchar_t* name : {L"g1", L"g2", L"g3"}) {
+        EXPECT_EQ(file.remove(name), 0);
+        errno = 0;
+        EXPECT_EQ(file.remove(name), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    // A name that set or a reading filled is no longer a failed lookup.
+    EXPECT_FALSE(file.hasSection(L"n"));
+    ASSERT_EQ(file.set(L"n", L"k", L"v"), 0);
+    EXPECT_EQ(file.remove(L"n"), 0);
+    EXPECT_EQ(file.remove(L"n"), -1);
+    EXPECT_EQ(written(file), "[a]\n");
+}
+
+// Failed lookups leave nothing behind but a bounded set of names: a million
+// of them cost no more than a few hundred allocations.
+TEST_F(ConfigFileTest, FailedLookupsCostBoundedMemory) {
+    ConfigFile file = fromText("[a]\nk=v\n[b]\n");
+    long const before = liveAllocations.load();
+    for (int i = 0; i < 1000000; ++i) {
+        std::wstring const name = L"missing-" + std::to_wstring(i);
+        switch (i % 4) {
+            case 0:
+                EXPECT_FALSE(file.hasSection(name.c_str()));
+                break;
+            case 1:
+                EXPECT_FALSE(file.hasOption(name.c_str(), L"k"));
+                break;
+            case 2:
+                EXPECT_FALSE(file.hasOption(L"a", name.c_str()));
+                break;
+            default:
+                EXPECT_EQ(file.get(L"b", name.c_str()).length(), 0u);
+                break;
+        }
+    }
+    EXPECT_LT(liveAllocations.load() - before, 1000);
+    EXPECT_EQ(written(file), "[a]\nk=v\n[b]\n");
+    // The latest failed lookup is still accepted by remove.
+    EXPECT_EQ(file.remove(L"missing-999996"), 0);
+}
+
 TEST_F(ConfigFileTest, FailedLookupsLeaveNothingVisible) {
     std::string const text = "[b]\nk=v\n[a]\n";
     ConfigFile file = fromText(text);
@@ -575,7 +800,9 @@ TEST_F(ConfigFileTest, WideTextIsUTF8InTheFile) {
 TEST_F(ConfigFileTest, TextThatDoesNotConvert) {
     ConfigFile file = fromText("[a]\nk=\xFF\xFE\n");
     EXPECT_TRUE(file.hasOption(L"a", L"k"));
+    LogCapture capture;
     EXPECT_EQ(get(file, L"a", L"k"), L"");
+    capture.clear();
     wchar_t const surrogate[] = {0xD800, 0};
     errno = 0;
     EXPECT_EQ(file.set(L"a", L"k", surrogate), -1);
@@ -586,6 +813,74 @@ TEST_F(ConfigFileTest, TextThatDoesNotConvert) {
     EXPECT_EQ(get(file, surrogate, L"k"), L"");
     EXPECT_EQ(file.remove(surrogate), -1);
     EXPECT_EQ(written(file), "[a]\nk=\xFF\xFE\n");
+}
+
+TEST_F(ConfigFileTest, ValueThatIsNoUTF8IsNamedInTheLogOnce) {
+    put("city.conf", "[place]\ncity=Z\xfcrich\nzip=8000\n[other]\ncity=\xe2\x82\n");
+    ConfigFile file(wpath("city.conf").c_str());
+    ASSERT_EQ(file.open(), 0);
+    LogCapture capture;
+    EXPECT_EQ(get(file, L"place", L"city"), L"");
+    EXPECT_EQ(get(file, L"place", L"city"), L"");
+    EXPECT_EQ(get(file, L"place", L"zip"), L"8000");
+    EXPECT_EQ(get(file, L"other", L"city"), L"");
+    EXPECT_EQ(capture.lines(),
+              (std::vector<std::string>{
+                  "%D WARN  (%t): The value of city in section [place] of " + path("city.conf") +
+                      " is not UTF-8 text and is read as empty",
+                  "%D WARN  (%t): The value of city in section [other] of " + path("city.conf") +
+                      " is not UTF-8 text and is read as empty"}));
+    // The value itself is kept and written back as it was.
+    ASSERT_EQ(file.update(), 0);
+    EXPECT_EQ(contents("city.conf"), "[place]\ncity=Z\xfcrich\nzip=8000\n[other]\ncity=\xe2\x82\n");
+}
+
+// set refuses text that a rewrite would turn into other sections or
+// options, and says so in the log.
+TEST_F(ConfigFileTest, SetRefusesTextThatChangesTheStructure) {
+    put("safe.conf", "[a]\nk=v\n");
+    ConfigFile file(wpath("safe.conf").c_str());
+    ASSERT_EQ(file.open(), 0);
+    struct Case {
+        const wchar_t* section;
+        const wchar_t* key;
+        const wchar_t* value;
+        const char* logged;  // key and section as the log shows them
+    };
+    const Case cases[] = {
+        {L"a", L"k", L"x\n[evil]\nroot=1", "k in section [a]"},
+        {L"a", L"k", L"x\r[evil]", "k in section [a]"},
+        {L"a", L"k\nroot", L"1", "k\\x0Aroot in section [a]"},
+        {L"a", L"root=1\nk", L"v", "root=1\\x0Ak in section [a]"},
+        {L"a", L"root=1", L"v", "root=1 in section [a]"},
+        {L"a", L"#k", L"v", "#k in section [a]"},
+        {L"a", L";k", L"v", ";k in section [a]"},
+        {L"a", L"[evil]", L"v", "[evil] in section [a]"},
+        {L"evil]\nroot=1\n[a", L"k", L"v", "k in section [evil]\\x0Aroot=1\\x0A[a]"},
+        {L"e]vil", L"k", L"v", "k in section [e]vil]"},
+        {L"new\r", L"k", L"v", "k in section [new\\x0D]"},
+    };
+    for (const Case& c : cases) {
+        LogCapture capture;
+        errno = 0;
+        EXPECT_EQ(file.set(c.section, c.key, c.value), -1) << c.logged;
+        EXPECT_EQ(errno, EINVAL) << c.logged;
+        EXPECT_EQ(capture.lines(),
+                  std::vector<std::string>{"%D ERROR (%t): Can not store " + std::string(c.logged) +
+                                           ": the text would change the structure of the file"});
+    }
+    // What set refuses leaves no trace: a rewrite reads back as it was.
+    ASSERT_EQ(file.update(), 0);
+    EXPECT_EQ(contents("safe.conf"), "[a]\nk=v\n");
+    ConfigFile again(wpath("safe.conf").c_str());
+    ASSERT_EQ(again.open(), 0);
+    EXPECT_EQ(sectionNames(again), std::vector<std::string>{"a"});
+    EXPECT_FALSE(again.hasSection(L"evil"));
+    // Text that only looks odd is stored: '=', '#', '[' and ']' inside a
+    // value, '[' in a section name, a key with a blank before '#'.
+    EXPECT_EQ(file.set(L"a[1", L"x", L"=#;[b]"), 0);
+    EXPECT_EQ(file.set(L"a", L" #k", L"v"), 0);
+    EXPECT_EQ(written(file), "[a]\nk=v\n #k=v\n[a[1]\nx==#;[b]\n");
 }
 
 TEST_F(ConfigFileTest, NullArguments) {

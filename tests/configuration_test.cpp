@@ -563,6 +563,58 @@ TEST_F(ConfigurationTest, VersionPrintsTheVersionLineAndExits) {
     EXPECT_EQ("This is twagent, Tarnwick test program, version 6.6.3.0\n", result.errors);
 }
 
+// The exit of --help and --version runs the exit handlers, which destroy the
+// store; the lock must be free by then, for other threads too.
+ACE_Recursive_Thread_Mutex* exitingLock = nullptr;
+
+void reportLockAtExit() {
+    std::thread other([]() {
+        bool const free = exitingLock->tryacquire() == 0;
+        if (free)
+            exitingLock->release();
+        std::string const line = free ? "lock free\n" : "lock held\n";
+        ssize_t const written = ::write(STDOUT_FILENO, line.data(), line.size());
+        (void)written;
+    });
+    other.join();
+}
+
+TEST_F(ConfigurationTest, HelpAndVersionGiveTheLockUpBeforeTheyExit) {
+    for (const wchar_t* option : {L"--help", L"--version"}) {
+        TarnwickTest::ChildResult const result = TarnwickTest::runInChild([option]() {
+            TestApplication application;
+            Configuration configuration;
+            configuration.import(Tarnwick::APPLICATION_SETTINGS);
+            exitingLock = &configuration.lock();
+            std::atexit(reportLockAtExit);
+            Arguments arguments{L"twtest", option};
+            configuration.open(&application, arguments.argc(), arguments.argv());
+            return 3;
+        });
+        EXPECT_EQ(0, result.exitCode());
+        EXPECT_EQ("lock free\n", result.output);
+    }
+}
+
+TEST_F(ConfigurationTest, ValueThatIsNoUTF8IsMissingAndNamedOnce) {
+    std::string const main = path("agent.conf");
+    registerProduct("Agent", main);
+    writeFile(main, "[paths]\nvar=Z\xfcrich\npid=/main/pid\nrtdir=/main/rt\ntemp=/main/temp\n");
+    TestApplication application;
+    Configuration configuration;
+    ASSERT_EQ(0, configuration.import(Tarnwick::PATH_SETTINGS));
+    Arguments arguments{L"twtest"};
+    LogCapture log;
+    EXPECT_EQ(-1, configuration.open(&application, arguments.argc(), arguments.argv()));
+    EXPECT_EQ(
+        std::vector<std::string>({"%D WARN  (%t): The value of var in section [paths] of " + main +
+                                      " is not UTF-8 text and is read as empty",
+                                  "%D ERROR (%t): A required option is missing: paths - var"}),
+        log.lines());
+    EXPECT_FALSE(configuration.hasKey(L"var"));
+    EXPECT_TRUE(configuration.hasKey(L"pid"));
+}
+
 TEST_F(ConfigurationTest, HelpWinsOverVersion) {
     TarnwickTest::ChildResult const result = TarnwickTest::runInChild([]() {
         TestApplication application(L"Agent", L"twtest");

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <iosfwd>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,8 +65,8 @@ public:
     const std::string& getComment() const;
     void setComment(const std::string& comment);
 
-    // The option of `key`, or null. A key that isn't there is entered with a
-    // null option, which is then skipped wherever options are read.
+    // The option of `key`, or null when the section has none. The lookup
+    // leaves nothing behind.
     ConfigFileOption* getOption(const std::string& key);
     // Takes ownership of `option` (made with new) and files it under its key.
     // An option already filed under that key is released and no longer
@@ -88,12 +89,14 @@ private:
     std::size_t owners;
 };
 
-// One configuration file in memory. Lookups of a section or key that isn't
-// there leave an empty entry behind (they index-or-insert); such entries are
-// invisible to every operation but remove. The object owns its sections; a
-// copy shares them with its source, and the last holder deletes them. No
-// lock: an object belongs to one thread at a time. Wide arguments must not
-// be null (a null one gives the result of an absent name, or -1 with EINVAL).
+// One configuration file in memory. A lookup of a section that isn't there
+// counts as an empty entry of that name, invisible to every operation but
+// remove, which accepts it once; the object remembers a bounded number of
+// such names (see docs/configfile.md), so failed lookups cost no memory
+// beyond that bound. The object owns its sections; a copy shares them with
+// its source, and the last holder deletes them. No lock: an object belongs to
+// one thread at a time. Wide arguments must not be null (a null one gives the
+// result of an absent name, or -1 with EINVAL).
 class ConfigFile {
 public:
     // Stores the file name (converted to UTF-8); reads nothing.
@@ -112,18 +115,25 @@ public:
     // or the file has an option before any section (what the object held
     // stays). Failures are logged, never thrown.
     int open();
-    // Rewrites the named file from the object. 0; -1 when the name is empty
-    // or the file can't be opened for writing (logged). Later write errors
-    // go unnoticed.
+    // Rewrites the named file from the object, atomically: the new content
+    // goes to a temporary file in the same directory, which is written,
+    // synced and renamed over the file (the target of a symbolic link), with
+    // the old file's mode and owner; a new file is made with mode 0600. 0;
+    // -1 (logged, errno set) when the name is empty, the file isn't a
+    // regular file or can't be written, or any step fails; the file is then
+    // left as it was.
     int update();
 
     // The value, or the empty string when the section or key is absent or
-    // the value is no valid UTF-8.
+    // the value is no valid UTF-8 (logged once per key as a warning).
     ACE_WString get(const wchar_t* section, const wchar_t* key);
     // Creates the section (appended to the order of writing) and option as
     // needed, or replaces the value of an existing option, which keeps its
     // place and comment. 0; -1 with errno ENOMEM when memory runs out,
-    // EILSEQ when an argument can't be converted to UTF-8.
+    // EILSEQ when an argument can't be converted to UTF-8, EINVAL (logged)
+    // when the text would change the file's structure: a line end (CR or LF)
+    // anywhere, '=' in the key, ']' in the section name, or a key beginning
+    // with '#', ';' or '['.
     int set(const wchar_t* section, const wchar_t* key, const wchar_t* value);
     // Deletes the section. Its name stays in the order of writing, so a later
     // set of the same name makes it appear twice in a rewrite. 0; -1 with
@@ -160,10 +170,17 @@ private:
     int __set(const std::string& section, const std::string& key, const std::string& value);
     void __holdAll();
     void __releaseAll();
+    // Notes a section name that a lookup didn't find, for remove.
+    void __lookedUp(const std::string& section);
 
     std::map<std::string, ConfigFileSection*> sections;
     std::vector<std::string> order;
     std::string filename;
+    // Section names of failed lookups, which remove accepts once; bounded.
+    std::set<std::string> missed;
+    std::size_t missedBytes = 0;
+    // Options whose value was found not to be UTF-8 and said so in the log.
+    std::set<std::pair<std::string, std::string>> reported;
 };
 
 std::ostream& operator<<(std::ostream& stream, const ConfigFile& file);

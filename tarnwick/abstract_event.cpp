@@ -6,7 +6,6 @@
 #include <tarnwick/xml.h>
 
 #include <libxml/parser.h>
-#include <libxml/xpath.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include <new>
 #include <set>
 #include <sstream>
-#include <vector>
 
 namespace Tarnwick {
 
@@ -25,15 +23,6 @@ namespace {
 
 const uint64_t HEADER_SIZE = 32;
 const uint64_t READ_BUFFER_SIZE = 0x20000;
-
-// The query that selects the parameter `name`; the name is pasted in as it
-// stands.
-std::string parameterQuery(const char* name) {
-    std::string query("//message/param[@name='");
-    query += name;
-    query += "']";
-    return query;
-}
 
 Message_Header* headerAtBase(ACE_Message_Block* block) {
     if (block == nullptr)
@@ -52,42 +41,11 @@ int setNumber(Abstract_Event& event, const char* name, Number value) {
     return event.setArg(name, text.str());
 }
 
-// True for an element of that name in no namespace, as an XPath name test
-// without a prefix selects it.
-bool isElement(xmlNodePtr node, const char* name) {
-    return node != nullptr && node->type == XML_ELEMENT_NODE && node->ns == nullptr &&
-           xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>(name));
-}
-
-// The "name" attributes of the "param" children of every "message" element,
-// in document order: what "//message/param/@name" selects, found by one walk
-// of the tree instead of an XPath evaluation.
-void collectParameterNames(xmlDocPtr doc, std::vector<xmlAttrPtr>& out) {
-    xmlNodePtr const top = reinterpret_cast<xmlNodePtr>(doc);
-    xmlNodePtr node = doc->children;
-    while (node != nullptr) {
-        if (isElement(node, "param") && isElement(node->parent, "message")) {
-            for (xmlAttrPtr attribute = node->properties; attribute != nullptr;
-                 attribute = attribute->next) {
-                if (attribute->ns == nullptr &&
-                    xmlStrEqual(attribute->name, reinterpret_cast<const xmlChar*>("name"))) {
-                    out.push_back(attribute);
-                    break;
-                }
-            }
-        }
-        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
-            node = node->children;
-            continue;
-        }
-        while (node != nullptr && node->next == nullptr) {
-            node = node->parent;
-            if (node == top)
-                node = nullptr;
-        }
-        if (node != nullptr)
-            node = node->next;
-    }
+// True when `name` can be a parameter name on the wire. A name that is not
+// XML text would make the whole payload unreadable to the receiver, so such
+// a parameter is left out.
+bool isParameterName(const std::string& name) {
+    return isXMLText(name.c_str(), name.size());
 }
 
 }  // namespace
@@ -369,13 +327,13 @@ int Abstract_Event::getArg(const char* name, char* out, uint64_t size) {
         return -1;
     if (loadDocument(false) == -1)
         return -1;
-    return m_document->queryValue(parameterQuery(name).c_str(), out, size);
+    return m_document->queryParameter(name, out, size);
 }
 
 char* Abstract_Event::getArgMalloced(const char* name) {
     if (name == nullptr || loadDocument(true) == -1)
         return nullptr;
-    return m_document->queryValueMalloced(parameterQuery(name).c_str());
+    return m_document->queryParameterMalloced(name);
 }
 
 int Abstract_Event::getArg(const char* name, std::string& out) {
@@ -428,7 +386,7 @@ int Abstract_Event::getArg(const char* name, int64_t* out) {
 int Abstract_Event::getArg(const char* name, std::map<std::string, std::string>& out) {
     if (name == nullptr || loadDocument(false) == -1)
         return -1;
-    if (m_document->queryMap(parameterQuery(name).c_str(), out) == -1) {
+    if (m_document->queryParameterMap(name, out) == -1) {
         TW_LOG("%D ERROR (%t): Can not get value for argument '%C': XML error\n", name);
         return -1;
     }
@@ -438,17 +396,25 @@ int Abstract_Event::getArg(const char* name, std::map<std::string, std::string>&
 int Abstract_Event::__writeXMLFromArgMap(XMLMemoryWriter& writer) const {
     if (writer.open(XMLWriter::Indentation) == -1)
         return -1;
+    // A value that is not XML text is written as nothing (writeString
+    // refuses it), and a parameter whose name is not is left out whole.
     writer.startElement(nullptr, nullptr, "message");
     for (const auto& arg : m_args) {
+        if (!isParameterName(arg.first))
+            continue;
         writer.startElement(nullptr, nullptr, "param");
         writer.writeAttribute("name", arg.first.c_str());
         writer.writeString(arg.second.c_str());
         writer.endElement();
     }
     for (const auto& group : m_nestedArgs) {
+        if (!isParameterName(group.first))
+            continue;
         writer.startElement(nullptr, nullptr, "param");
         writer.writeAttribute("name", group.first.c_str());
         for (const auto& arg : group.second) {
+            if (!isParameterName(arg.first))
+                continue;
             writer.startElement(nullptr, nullptr, "param");
             writer.writeAttribute("name", arg.first.c_str());
             writer.writeString(arg.second.c_str());
@@ -475,58 +441,23 @@ int Abstract_Event::getXMLString(std::string& out) const {
 int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
     if (doc == nullptr)
         return -1;
-    // Each name takes the text of the first child of the first parameter
-    // that the query "//message/param[@name='<name>']" selects. The names
-    // are those that "//message/param/@name" selects, collected in document
-    // order by one walk of the tree; for a plain name (one text node, no
-    // apostrophe) that parameter is the owner of the name's first
-    // occurrence, so no query runs. Other names go through the query itself.
-    std::vector<xmlAttrPtr> names;
-    collectParameterNames(doc, names);
-    xmlXPathContextPtr context = nullptr;
+    // Each name of a parameter of a "message" element, in document order,
+    // takes the text of the first child of the first parameter of that name;
+    // a first parameter without children gives no argument, and later ones
+    // of the name don't count. One walk of the tree finds them all: names
+    // are compared as text and never pasted into a query.
     std::set<std::string> seen;
-    for (xmlAttrPtr attribute : names) {
-        if (attribute->children == nullptr || attribute->children->content == nullptr)
-            continue;
-        const char* name = reinterpret_cast<const char*>(attribute->children->content);
-        xmlNodePtr owner = nullptr;
-        xmlXPathObjectPtr param = nullptr;
-        bool const plain = attribute->children->type == XML_TEXT_NODE &&
-                           attribute->children->next == nullptr &&
-                           std::strchr(name, '\'') == nullptr;
-        if (plain) {
-            if (!seen.insert(name).second)
-                continue;
-            owner = attribute->parent;
-        } else {
-            if (context == nullptr) {
-                context = xmlXPathNewContext(doc);
-                if (context == nullptr) {
-                    TW_LOG_ERRNO("%D ERROR (%t): Internal error: can not create an xpath context.");
-                    return -1;
-                }
-            }
-            param = xmlXPathEvalExpression(
-                reinterpret_cast<const xmlChar*>(parameterQuery(name).c_str()), context);
-            if (param == nullptr)
-                continue;
-            if (param->nodesetval != nullptr && param->nodesetval->nodeNr > 0)
-                owner = param->nodesetval->nodeTab[0];
-        }
-        if (owner != nullptr && owner->children != nullptr && owner->children->content != nullptr)
-            setArg(name, reinterpret_cast<const char*>(owner->children->content));
-        if (param != nullptr)
-            xmlXPathFreeObject(param);
-    }
-    if (context != nullptr)
-        xmlXPathFreeContext(context);
+    forEachParameter(doc, [this, &seen](const std::string& name, xmlNodePtr param) {
+        if (!seen.insert(name).second)
+            return;
+        if (param->children != nullptr && param->children->content != nullptr)
+            setArg(name.c_str(), reinterpret_cast<const char*>(param->children->content));
+    });
     return 0;
 }
 
 int Abstract_Event::setXMLString(const std::string& text) {
-    if (text.size() > INT_MAX)
-        return -1;
-    xmlDocPtr doc = xmlParseMemory(text.data(), static_cast<int>(text.size()));
+    xmlDocPtr doc = parsePayload(text.data(), text.size());
     if (doc == nullptr)
         return -1;
     int const result = __setArgsFromXMLDoc(doc);
@@ -706,9 +637,9 @@ int Abstract_Event::data(ACE_Message_Block* block) {
         xmlDocPtr doc = nullptr;
         ACE_Message_Block* payload = m_block->cont();
         if (m_block->isStoredOnDisk()) {
-            doc = xmlParseFile(m_block->getFileName());
-        } else if (payload != nullptr && payload->length() > 0 && payload->length() <= INT_MAX) {
-            doc = xmlParseMemory(payload->rd_ptr(), static_cast<int>(payload->length()));
+            doc = parsePayloadFile(m_block->getFileName());
+        } else if (payload != nullptr && payload->length() > 0) {
+            doc = parsePayload(payload->rd_ptr(), payload->length());
         }
         __setArgsFromXMLDoc(doc);
         if (doc != nullptr)

@@ -8,14 +8,250 @@
 #include <libxml/xmlmemory.h>
 #include <libxml/xpath.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <new>
+#include <vector>
 
 namespace Tarnwick {
 
+// Name to the parameters of that name: the first in document order and how
+// many there are.
+struct ParameterIndex {
+    struct Entry {
+        xmlNodePtr first = nullptr;
+        int count = 0;
+    };
+    std::map<std::string, Entry> entries;
+};
+
 namespace {
+
+// Options of every parse of a payload: no network access, and libxml2's
+// reports go through the error handlers below rather than the parser's
+// printing callbacks. Entity substitution and DTD loading stay off.
+const int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+// What libxml2 reported during one routed call.
+struct ErrorCollector {
+    std::string first;
+    int count = 0;
+
+    void add(const char* message) {
+        if (count++ == 0 && message != nullptr)
+            first = message;
+    }
+};
+
+#if LIBXML_VERSION >= 21200
+void collectStructured(void* context, const xmlError* error) {
+#else
+void collectStructured(void* context, xmlErrorPtr error) {
+#endif
+    static_cast<ErrorCollector*>(context)->add(error != nullptr ? error->message : nullptr);
+}
+
+void collectGeneric(void* context, const char* format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    static_cast<ErrorCollector*>(context)->add(text);
+}
+
+// Routes libxml2's error reports of the calling thread into a collector for
+// the lifetime of the object, and then logs the first of them as one debug
+// line. The handlers are per thread in libxml2 2.9 (each thread starts with
+// the defaults, which print to standard error), so they are set around each
+// call on the thread that makes it, and whatever was set before comes back.
+class ErrorRoute {
+public:
+    ErrorRoute()
+        : m_generic(xmlGenericError),
+          m_genericContext(xmlGenericErrorContext),
+          m_structured(xmlStructuredError),
+          m_structuredContext(xmlStructuredErrorContext) {
+        xmlSetGenericErrorFunc(&m_errors, collectGeneric);
+        xmlSetStructuredErrorFunc(&m_errors, collectStructured);
+    }
+    ~ErrorRoute() {
+        xmlSetStructuredErrorFunc(m_structuredContext, m_structured);
+        xmlSetGenericErrorFunc(m_genericContext, m_generic);
+        if (m_errors.count == 0)
+            return;
+        std::string message = m_errors.first;
+        while (!message.empty() && (message.back() == '\n' || message.back() == '\r'))
+            message.pop_back();
+        int const saved = errno;
+        TW_LOG("%D DEBUG (%t): libxml2: %C\n", message.c_str());
+        errno = saved;
+    }
+    ErrorRoute(const ErrorRoute&) = delete;
+    ErrorRoute& operator=(const ErrorRoute&) = delete;
+
+private:
+    ErrorCollector m_errors;
+    xmlGenericErrorFunc m_generic;
+    void* m_genericContext;
+    xmlStructuredErrorFunc m_structured;
+    void* m_structuredContext;
+};
+
+// A linear check of the markup of a payload before libxml2 sees it. The
+// parser of libxml2 2.9 compares each attribute of a start tag with all
+// attributes before it, and looks namespace prefixes up through every
+// declaration in scope: both grow with the square of what a peer sends. An
+// event payload has one attribute per element and no namespaces, so a start
+// tag with more than MAX_ATTRIBUTES attributes, or a document with more than
+// MAX_NAMESPACES namespace declarations, is refused; that bounds the
+// parser's work per byte. The scan follows the bytes as a stream, so a file
+// can be fed in pieces.
+//
+// An attribute can't span a '<' (a value may not hold one, and the parser
+// ends a tag there), and every attribute has its '=': so counting the '='
+// outside quoted values from a '<' to the next '>' or '<' never misses an
+// attribute. Markup that is no start tag ('<!', '<?', '</') counts nothing.
+class MarkupBudget {
+public:
+    static const int MAX_ATTRIBUTES = 256;
+    static const int MAX_NAMESPACES = 256;
+
+    void feed(const char* data, size_t length) {
+        for (size_t i = 0; i < length && m_refusal == nullptr; ++i)
+            step(data[i]);
+    }
+    // Null while the payload is within bounds, else what it exceeded.
+    const char* refusal() const { return m_refusal; }
+
+private:
+    enum State { TEXT, OPEN, TAG, EQUALS, VALUE };
+
+    static bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+    void step(char c) {
+        switch (m_state) {
+            case TEXT:
+                if (c == '<')
+                    m_state = OPEN;
+                return;
+            case OPEN:
+                if (c == '!' || c == '?' || c == '/') {
+                    m_state = TEXT;
+                    return;
+                }
+                if (c == '<')
+                    return;
+                m_state = TAG;
+                m_attributes = 0;
+                m_token.clear();
+                m_lastToken.clear();
+                tagChar(c);
+                return;
+            case TAG:
+                tagChar(c);
+                return;
+            case EQUALS:
+                if (c == '"' || c == '\'') {
+                    m_quote = c;
+                    m_state = VALUE;
+                } else if (c == '<') {
+                    m_state = OPEN;
+                } else if (c == '>') {
+                    m_state = TEXT;
+                } else if (!isBlank(c)) {
+                    m_state = TAG;
+                    tagChar(c);
+                }
+                return;
+            case VALUE:
+                if (c == m_quote) {
+                    m_state = TAG;
+                    m_token.clear();
+                    m_lastToken.clear();
+                } else if (c == '<') {
+                    m_state = OPEN;
+                }
+                return;
+        }
+    }
+
+    void tagChar(char c) {
+        if (c == '<') {
+            m_state = OPEN;
+        } else if (c == '>') {
+            m_state = TEXT;
+        } else if (c == '=') {
+            const std::string& name = m_token.empty() ? m_lastToken : m_token;
+            if (name.compare(0, 5, "xmlns") == 0 && ++m_namespaces > MAX_NAMESPACES)
+                m_refusal = "more than 256 namespace declarations";
+            if (++m_attributes > MAX_ATTRIBUTES)
+                m_refusal = "more than 256 attributes in one element";
+            m_token.clear();
+            m_lastToken.clear();
+            m_state = EQUALS;
+        } else if (isBlank(c)) {
+            if (!m_token.empty())
+                m_lastToken.swap(m_token);
+            m_token.clear();
+        } else if (m_token.size() < 5) {
+            // The first characters of a name tell a namespace declaration.
+            m_token += c;
+        }
+    }
+
+    State m_state = TEXT;
+    char m_quote = 0;
+    int m_attributes = 0;
+    int m_namespaces = 0;
+    std::string m_token;
+    std::string m_lastToken;
+    const char* m_refusal = nullptr;
+};
+
+// Why the last parse of this thread refused its payload before libxml2 saw
+// it; empty otherwise.
+thread_local std::string lastRefusal;
+
+// Logs and remembers a refused payload.
+void refuse(const char* reason) {
+    lastRefusal = reason;
+    TW_LOG("%D DEBUG (%t): XML payload refused: %C\n", reason);
+}
+
+// The query text that selects the parameter `name`, for messages only: it
+// is never evaluated.
+std::string parameterQueryText(const char* name) {
+    std::string query("//message/param[@name='");
+    query += name;
+    query += "']";
+    return query;
+}
+
+// True for an element of that name in no namespace, as an XPath name test
+// without a prefix selects it.
+bool isElement(xmlNodePtr node, const char* name) {
+    return node != nullptr && node->type == XML_ELEMENT_NODE && node->ns == nullptr &&
+           xmlStrEqual(node->name, reinterpret_cast<const xmlChar*>(name));
+}
+
+// The value of an attribute made of text nodes only. An attribute that
+// holds an entity reference has no plain value: false.
+bool attributeText(xmlAttrPtr attribute, std::string& out) {
+    out.clear();
+    for (xmlNodePtr child = attribute->children; child != nullptr; child = child->next) {
+        if (child->type != XML_TEXT_NODE)
+            return false;
+        if (child->content != nullptr)
+            out += reinterpret_cast<const char*>(child->content);
+    }
+    return true;
+}
 
 // Content of a node as narrow text; nodes that carry no text of their own
 // (an element as first child, for one) read as the empty string.
@@ -31,6 +267,10 @@ int takeParseResult(xmlDocPtr parsed, xmlDocPtr& doc) {
         return 0;
     }
     xmlErrorPtr error = xmlGetLastError();
+    if (error == nullptr && !lastRefusal.empty()) {
+        TW_LOG("%D ERROR (%t): internal error: XML parse error: %C\n", lastRefusal.c_str());
+        return -1;
+    }
     if (error == nullptr) {
         // Nothing parsed and nothing reported: accepted, and a later query
         // says that no document is held.
@@ -61,7 +301,10 @@ int evaluate(xmlDocPtr doc, const char* xpath, bool quiet, xmlXPathContextPtr& c
         }
         return -1;
     }
-    result = xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context);
+    {
+        ErrorRoute route;
+        result = xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context);
+    }
     if (result == nullptr) {
         xmlXPathFreeContext(context);
         context = nullptr;
@@ -72,6 +315,57 @@ int evaluate(xmlDocPtr doc, const char* xpath, bool quiet, xmlXPathContextPtr& c
         return -1;
     }
     return 0;
+}
+
+// The text of a selected element into `out`: empty for an element without
+// children, the content of its first child otherwise. 0, or -1 when it
+// doesn't fit.
+int copyElementText(xmlNodePtr node, char* out, uint64_t size) {
+    if (node->children == nullptr) {
+        out[0] = 0;
+        return 0;
+    }
+    return Tarnwick::strcpy(out, contentOf(node->children), static_cast<size_t>(size)) == nullptr
+               ? -1
+               : 0;
+}
+
+// The content of the element's first child in a new buffer (delete[]); null
+// without a child or memory.
+char* copyElementTextMalloced(xmlNodePtr node) {
+    if (node->children == nullptr)
+        return nullptr;
+    const char* text = contentOf(node->children);
+    size_t const length = static_cast<size_t>(xmlStrlen(BAD_CAST text));
+    char* value = new (std::nothrow) char[length + 1];
+    if (value == nullptr) {
+        errno = ENOMEM;
+    } else if (Tarnwick::strcpy(value, text, length + 1) == nullptr) {
+        delete[] value;
+        value = nullptr;
+    } else {
+        value[length] = 0;
+    }
+    return value;
+}
+
+// The children of `node` with a "name" attribute, into `out` without
+// replacing entries.
+void collectNamedChildren(xmlNodePtr node, std::map<std::string, std::string>& out) {
+    for (xmlNodePtr child = node->children; child != nullptr; child = child->next) {
+        if (child->type != XML_ELEMENT_NODE) {
+            continue;  // whitespace between the elements, comments
+        }
+        xmlChar* name = xmlGetProp(child, BAD_CAST "name");
+        if (name == nullptr) {
+            continue;
+        }
+        // insert keeps an entry already present: the first of a name wins.
+        out.insert(std::make_pair(
+            std::string(reinterpret_cast<const char*>(name)),
+            std::string(child->children != nullptr ? contentOf(child->children) : "")));
+        xmlFree(name);
+    }
 }
 
 void release(xmlXPathContextPtr context, xmlXPathObjectPtr result) {
@@ -103,7 +397,7 @@ void finishWriter(xmlTextWriterPtr& writer, bool& ended) {
 // ---------------------------------------------------------------------------
 // XMLDocument
 
-XMLDocument::XMLDocument() : doc(nullptr) {}
+XMLDocument::XMLDocument() : doc(nullptr), index() {}
 
 XMLDocument::~XMLDocument() {
     if (doc != nullptr) {
@@ -115,17 +409,14 @@ int XMLDocument::parseFile(const char* path) {
     if (doc != nullptr) {
         return 0;
     }
-    // Only an error of this parse may count, not one left from earlier work.
-    xmlResetLastError();
-    return takeParseResult(xmlParseFile(path), doc);
+    return takeParseResult(parsePayloadFile(path), doc);
 }
 
 int XMLDocument::parseMemory(const char* text, uint32_t length) {
     if (doc != nullptr) {
         return 0;
     }
-    xmlResetLastError();
-    return takeParseResult(xmlParseMemory(text, static_cast<int>(length)), doc);
+    return takeParseResult(parsePayload(text, length), doc);
 }
 
 int XMLDocument::queryValue(const char* xpath, char* out, uint64_t size) {
@@ -145,15 +436,7 @@ int XMLDocument::queryValue(const char* xpath, char* out, uint64_t size) {
         rc = -1;
     } else {
         xmlNodePtr node = result->nodesetval->nodeTab[0];
-        if (node->type != XML_ELEMENT_NODE) {
-            rc = -1;
-        } else if (node->children == nullptr) {
-            out[0] = 0;
-            rc = 0;
-        } else if (Tarnwick::strcpy(out, contentOf(node->children), static_cast<size_t>(size)) ==
-                   nullptr) {
-            rc = -1;
-        }
+        rc = node->type != XML_ELEMENT_NODE ? -1 : copyElementText(node, out, size);
     }
     release(context, result);
     return rc;
@@ -168,19 +451,8 @@ char* XMLDocument::queryValueMalloced(const char* xpath) {
     char* value = nullptr;
     if (nodeCount(result) == 1) {
         xmlNodePtr node = result->nodesetval->nodeTab[0];
-        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
-            const char* text = contentOf(node->children);
-            size_t const length = static_cast<size_t>(xmlStrlen(BAD_CAST text));
-            value = new (std::nothrow) char[length + 1];
-            if (value == nullptr) {
-                errno = ENOMEM;
-            } else if (Tarnwick::strcpy(value, text, length + 1) == nullptr) {
-                delete[] value;
-                value = nullptr;
-            } else {
-                value[length] = 0;
-            }
-        }
+        if (node->type == XML_ELEMENT_NODE)
+            value = copyElementTextMalloced(node);
     }
     release(context, result);
     return value;
@@ -196,24 +468,67 @@ int XMLDocument::queryMap(const char* xpath, std::map<std::string, std::string>&
     if (nodeCount(result) != 1) {
         rc = -1;
     } else {
-        xmlNodePtr node = result->nodesetval->nodeTab[0];
-        for (xmlNodePtr child = node->children; child != nullptr; child = child->next) {
-            if (child->type != XML_ELEMENT_NODE) {
-                continue;  // whitespace between the elements, comments
-            }
-            xmlChar* name = xmlGetProp(child, BAD_CAST "name");
-            if (name == nullptr) {
-                continue;
-            }
-            // insert keeps an entry already present: the first of a name wins.
-            out.insert(std::make_pair(
-                std::string(reinterpret_cast<const char*>(name)),
-                std::string(child->children != nullptr ? contentOf(child->children) : "")));
-            xmlFree(name);
-        }
+        collectNamedChildren(result->nodesetval->nodeTab[0], out);
     }
     release(context, result);
     return rc;
+}
+
+const ParameterIndex* XMLDocument::parameters() {
+    if (doc == nullptr)
+        return nullptr;
+    if (!index) {
+        index.reset(new ParameterIndex());
+        std::map<std::string, ParameterIndex::Entry>& entries = index->entries;
+        forEachParameter(doc, [&entries](const std::string& name, xmlNodePtr param) {
+            ParameterIndex::Entry& entry = entries[name];
+            if (entry.count++ == 0)
+                entry.first = param;
+        });
+    }
+    return index.get();
+}
+
+int XMLDocument::queryParameter(const char* name, char* out, uint64_t size) {
+    const ParameterIndex* params = parameters();
+    if (params == nullptr) {
+        TW_LOG_ERRNO("%D ERROR (%t): Internal error: xpath query without parsed document.");
+        return -1;
+    }
+    auto found = params->entries.find(name);
+    if (found == params->entries.end()) {
+        // An absent value is no error; the caller's preset stays.
+        return 0;
+    }
+    if (found->second.count > 1) {
+        TW_LOG("%D ERROR (%t): Invalid node and/or size: expected 1, got %d (query = %C)",
+               found->second.count, parameterQueryText(name).c_str());
+        return -1;
+    }
+    return copyElementText(found->second.first, out, size);
+}
+
+char* XMLDocument::queryParameterMalloced(const char* name) {
+    const ParameterIndex* params = parameters();
+    if (params == nullptr)
+        return nullptr;
+    auto found = params->entries.find(name);
+    if (found == params->entries.end() || found->second.count != 1)
+        return nullptr;
+    return copyElementTextMalloced(found->second.first);
+}
+
+int XMLDocument::queryParameterMap(const char* name, std::map<std::string, std::string>& out) {
+    const ParameterIndex* params = parameters();
+    if (params == nullptr) {
+        TW_LOG_ERRNO("%D ERROR (%t): Internal error: xpath query without parsed document.");
+        return -1;
+    }
+    auto found = params->entries.find(name);
+    if (found == params->entries.end() || found->second.count != 1)
+        return -1;
+    collectNamedChildren(found->second.first, out);
+    return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -239,6 +554,11 @@ int XMLWriter::startElement(const char* prefix, const char* namespaceUri, const 
     if (writer == nullptr) {
         return -1;
     }
+    if (name == nullptr || xmlValidateName(BAD_CAST name, 0) != 0 ||
+        (prefix != nullptr && xmlValidateNCName(BAD_CAST prefix, 0) != 0) ||
+        (namespaceUri != nullptr && !isXMLText(namespaceUri))) {
+        return -1;
+    }
     int rc;
     if (prefix == nullptr && namespaceUri == nullptr) {
         rc = xmlTextWriterStartElement(writer, BAD_CAST name);
@@ -251,6 +571,10 @@ int XMLWriter::startElement(const char* prefix, const char* namespaceUri, const 
 
 int XMLWriter::writeAttribute(const char* name, const char* value) {
     if (writer == nullptr) {
+        return -1;
+    }
+    if (name == nullptr || value == nullptr || xmlValidateName(BAD_CAST name, 0) != 0 ||
+        !isXMLText(value)) {
         return -1;
     }
     return xmlTextWriterWriteFormatAttribute(writer, BAD_CAST name, "%s", value) < 0 ? -1 : 0;
@@ -359,7 +683,10 @@ xmlChar* convertInput(const char* text, const char* encoding) {
             int inLength = static_cast<int>(length);
             int const rc =
                 handler->input(out, &outLength, reinterpret_cast<const xmlChar*>(text), &inLength);
-            if (rc < 0 || inLength != static_cast<int>(length)) {
+            // The handlers convert to UTF-8, and the UTF-8 one copies without
+            // a check: the result must be text that a parser reads back.
+            if (rc < 0 || inLength != static_cast<int>(length) || outLength < 0 ||
+                !isXMLText(reinterpret_cast<const char*>(out), static_cast<size_t>(outLength))) {
                 xmlFree(out);
                 out = nullptr;
             } else {
@@ -378,6 +705,138 @@ xmlChar* convertInput(const char* text, const char* encoding) {
     // Releases handlers made for this call (iconv); built-in ones stay.
     xmlCharEncCloseFunc(handler);
     return out;
+}
+
+size_t xmlTextCharLength(const char* text, size_t length) {
+    if (text == nullptr || length == 0)
+        return 0;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+    unsigned int const lead = p[0];
+    if (lead < 0x80) {
+        bool const allowed = lead >= 0x20 || lead == 0x09 || lead == 0x0A || lead == 0x0D;
+        return allowed ? 1 : 0;
+    }
+    size_t size;
+    uint32_t code;
+    uint32_t smallest;
+    if ((lead & 0xE0) == 0xC0) {
+        size = 2;
+        code = lead & 0x1F;
+        smallest = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        size = 3;
+        code = lead & 0x0F;
+        smallest = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        size = 4;
+        code = lead & 0x07;
+        smallest = 0x10000;
+    } else {
+        return 0;
+    }
+    if (length < size)
+        return 0;
+    for (size_t i = 1; i < size; ++i) {
+        if ((p[i] & 0xC0) != 0x80)
+            return 0;
+        code = (code << 6) | (p[i] & 0x3F);
+    }
+    if (code < smallest || code > 0x10FFFF)
+        return 0;  // overlong form, or beyond Unicode
+    if ((code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
+        return 0;  // surrogates and the two characters XML leaves out
+    return size;
+}
+
+bool isXMLText(const char* text, size_t length) {
+    size_t position = 0;
+    while (position < length) {
+        size_t const step = xmlTextCharLength(text + position, length - position);
+        if (step == 0)
+            return false;
+        position += step;
+    }
+    return true;
+}
+
+bool isXMLText(const char* text) {
+    return text != nullptr && isXMLText(text, std::strlen(text));
+}
+
+xmlDocPtr parsePayload(const char* text, size_t length) {
+    // Only an error of this parse may count, not one left from earlier work.
+    xmlResetLastError();
+    lastRefusal.clear();
+    if (text == nullptr || length > static_cast<size_t>(INT_MAX))
+        return nullptr;
+    MarkupBudget budget;
+    budget.feed(text, length);
+    if (budget.refusal() != nullptr) {
+        refuse(budget.refusal());
+        return nullptr;
+    }
+    ErrorRoute route;
+    return xmlReadMemory(text, static_cast<int>(length), nullptr, nullptr, PARSE_OPTIONS);
+}
+
+xmlDocPtr parsePayloadFile(const char* path) {
+    xmlResetLastError();
+    lastRefusal.clear();
+    if (path == nullptr)
+        return nullptr;
+    // The file is scanned first, in pieces; a file that can't be read here is
+    // left to libxml2, which reports it.
+    int const fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        MarkupBudget budget;
+        std::vector<char> piece(65536);
+        ssize_t count;
+        while ((count = ::read(fd, piece.data(), piece.size())) > 0 && budget.refusal() == nullptr)
+            budget.feed(piece.data(), static_cast<size_t>(count));
+        ::close(fd);
+        if (budget.refusal() != nullptr) {
+            refuse(budget.refusal());
+            return nullptr;
+        }
+    }
+    ErrorRoute route;
+    return xmlReadFile(path, nullptr, PARSE_OPTIONS);
+}
+
+void forEachParameter(xmlDocPtr doc,
+                      const std::function<void(const std::string& name, xmlNodePtr param)>& visit) {
+    if (doc == nullptr)
+        return;
+    // A walk of the element tree in document order, without recursion: down
+    // to the first child, else on to the next sibling of the node or of its
+    // nearest ancestor that has one.
+    xmlNodePtr const top = reinterpret_cast<xmlNodePtr>(doc);
+    std::string name;
+    xmlNodePtr node = doc->children;
+    while (node != nullptr) {
+        if (isElement(node, "param") && isElement(node->parent, "message")) {
+            for (xmlAttrPtr attribute = node->properties; attribute != nullptr;
+                 attribute = attribute->next) {
+                if (attribute->ns == nullptr &&
+                    xmlStrEqual(attribute->name, reinterpret_cast<const xmlChar*>("name"))) {
+                    if (attributeText(attribute, name))
+                        visit(name, node);
+                    break;
+                }
+            }
+        }
+        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
+            node = node->children;
+            continue;
+        }
+        while (node != nullptr && node->next == nullptr) {
+            node = node->parent;
+            if (node == top)
+                node = nullptr;
+        }
+        if (node != nullptr)
+            node = node->next;
+    }
 }
 
 }  // namespace Tarnwick

@@ -41,6 +41,8 @@ const char kNoDocument[] = "%D ERROR (%t): Internal error: xpath query without p
 const char kParseError[] = "%D ERROR (%t): internal error: XML parse error: ";
 const char kEvalError[] = "%D ERROR (%t): An error occurred while evaluating an xpath expression.";
 const char kDeclaration[] = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+const char kDebug[] = "%D DEBUG (%t): libxml2: ";
+const char kInvalidExpression[] = "%D DEBUG (%t): libxml2: Invalid expression";
 
 const char kEvent[] =
     "<event type=\"3\">\n"
@@ -66,6 +68,46 @@ public:
         encoding = new char[std::strlen(name) + 1];
         std::memcpy(encoding, name, std::strlen(name) + 1);
     }
+};
+
+// What the process writes on file descriptor 2 while the object lives.
+class StderrCapture {
+public:
+    StderrCapture() {
+        std::fflush(stderr);
+        char name[] = "/tmp/tarnwick_stderr_XXXXXX";
+        file_ = mkstemp(name);
+        unlink(name);
+        saved_ = dup(2);
+        dup2(file_, 2);
+    }
+    ~StderrCapture() {
+        restore();
+        close(file_);
+    }
+    // Puts fd 2 back and returns what was written to it.
+    std::string text() {
+        restore();
+        std::string out;
+        char buffer[4096];
+        ssize_t n;
+        lseek(file_, 0, SEEK_SET);
+        while ((n = read(file_, buffer, sizeof buffer)) > 0)
+            out.append(buffer, static_cast<size_t>(n));
+        return out;
+    }
+
+private:
+    void restore() {
+        if (saved_ >= 0) {
+            std::fflush(stderr);
+            dup2(saved_, 2);
+            close(saved_);
+            saved_ = -1;
+        }
+    }
+    int file_ = -1;
+    int saved_ = -1;
 };
 
 // A file in the temporary directory, removed again at the end of the test.
@@ -137,7 +179,10 @@ TEST(XMLDocumentTest, ParseMissingFileLogsLibxmlError) {
     xmlErrorPtr error = xmlGetLastError();
     ASSERT_NE(error, nullptr);
     ASSERT_NE(error->message, nullptr);
-    EXPECT_EQ(cap.text(), std::string(kParseError) + error->message + "\n");
+    // libxml2's own report comes first, at debug level.
+    std::string message = error->message;
+    EXPECT_EQ(cap.text(), std::string(kDebug) + message.substr(0, message.size() - 1) + "\n" +
+                              kParseError + message + "\n");
 }
 
 TEST(XMLDocumentTest, MalformedParseLogsLibxmlMessage) {
@@ -151,11 +196,15 @@ TEST(XMLDocumentTest, MalformedParseLogsLibxmlMessage) {
     ASSERT_NE(error, nullptr);
     ASSERT_NE(error->message, nullptr);
     EXPECT_GT(std::strlen(error->message), 0u);
-    EXPECT_EQ(cap.text(), std::string(kParseError) + error->message + "\n");
+    // The debug line tells the first error of the parse, the error line the
+    // last one.
+    EXPECT_EQ(cap.text(), std::string(kDebug) +
+                              "Opening and ending tag mismatch: b line 1 and a\n" + kParseError +
+                              error->message + "\n");
     Lines lines = cap.lines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines[0].compare(0, std::strlen(kParseError), kParseError), 0);
-    EXPECT_GT(lines[0].size(), std::strlen(kParseError));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1].compare(0, std::strlen(kParseError), kParseError), 0);
+    EXPECT_GT(lines[1].size(), std::strlen(kParseError));
 }
 
 TEST(XMLDocumentTest, FailedParseCanBeRepeated) {
@@ -329,8 +378,8 @@ TEST(XMLDocumentTest, QueryValueInvalidExpressionLogs) {
     EXPECT_EQ(doc.queryValue("/event/[", out, sizeof out), -1);
     EXPECT_STREQ(out, "default");
     // The text carries a line end before the one that ends the message.
-    EXPECT_EQ(cap.text(), std::string(kEvalError) + "\n\n");
-    EXPECT_EQ(cap.lines(), (Lines{kEvalError, ""}));
+    EXPECT_EQ(cap.text(), std::string(kInvalidExpression) + "\n" + kEvalError + "\n\n");
+    EXPECT_EQ(cap.lines(), (Lines{kInvalidExpression, kEvalError, ""}));
 }
 
 TEST(XMLDocumentTest, QueryValueInvalidExpressionLogsErrnoForm) {
@@ -340,7 +389,8 @@ TEST(XMLDocumentTest, QueryValueInvalidExpressionLogsErrnoForm) {
     char out[16] = "";
     errno = ENOENT;
     EXPECT_EQ(doc.queryValue("/event/[", out, sizeof out), -1);
-    EXPECT_EQ(cap.text(), std::string(kEvalError) + "\n: No such file or directory\n");
+    EXPECT_EQ(cap.text(), std::string(kInvalidExpression) + "\n" + kEvalError +
+                              "\n: No such file or directory\n");
 }
 
 // ---------------------------------------------------------------------------
@@ -377,7 +427,8 @@ TEST(XMLDocumentTest, QueryValueMallocedFailuresAreSilent) {
     EXPECT_EQ(doc.queryValueMalloced("/event/args/arg[@name='twice']"), nullptr);
     EXPECT_EQ(doc.queryValueMalloced("/event/@type"), nullptr);
     EXPECT_EQ(doc.queryValueMalloced("/event/["), nullptr);
-    EXPECT_TRUE(cap.lines().empty());
+    // Only libxml2's own report of the bad expression.
+    EXPECT_EQ(cap.lines(), Lines{kInvalidExpression});
 }
 
 // ---------------------------------------------------------------------------
@@ -442,7 +493,7 @@ TEST(XMLDocumentTest, QueryMapInvalidExpressionLogs) {
     StringMap map;
     errno = 0;
     EXPECT_EQ(doc.queryMap("/event/[", map), -1);
-    EXPECT_EQ(cap.lines(), (Lines{kEvalError, ""}));
+    EXPECT_EQ(cap.lines(), (Lines{kInvalidExpression, kEvalError, ""}));
 }
 
 // ---------------------------------------------------------------------------
@@ -631,6 +682,326 @@ TEST(ConvertInputTest, ConvertsToUtf8) {
     ASSERT_NE(empty, nullptr);
     EXPECT_STREQ(reinterpret_cast<char*>(empty), "");
     xmlFree(empty);
+}
+
+// ---------------------------------------------------------------------------
+// Parameter queries: names are compared, never evaluated
+
+const char kMessage[] =
+    "<message>\n"
+    " <param name=\"user\">alice</param>\n"
+    " <param name=\"it's\">apostrophe</param>\n"
+    " <param name=\"a' or @name='user\">tricky</param>\n"
+    " <param name=\"twice\">one</param>\n"
+    " <param name=\"twice\">two</param>\n"
+    " <param name=\"empty\"/>\n"
+    " <param name=\"group\"><param name=\"x\">1</param><param name=\"y\">2</param></param>\n"
+    " <other><param name=\"hidden\">no</param></other>\n"
+    "</message>\n";
+
+TEST(XMLDocumentTest, QueryParameterComparesNamesAsText) {
+    XMLDocument doc;
+    parse(doc, kMessage);
+    LogCapture cap;
+    char out[16] = "";
+    EXPECT_EQ(doc.queryParameter("user", out, sizeof out), 0);
+    EXPECT_STREQ(out, "alice");
+    EXPECT_EQ(doc.queryParameter("it's", out, sizeof out), 0);
+    EXPECT_STREQ(out, "apostrophe");
+    EXPECT_EQ(doc.queryParameter("a' or @name='user", out, sizeof out), 0);
+    EXPECT_STREQ(out, "tricky");
+    EXPECT_EQ(doc.queryParameter("empty", out, sizeof out), 0);
+    EXPECT_STREQ(out, "");
+    std::strcpy(out, "keep");
+    EXPECT_EQ(doc.queryParameter("hidden", out, sizeof out), 0);
+    EXPECT_EQ(doc.queryParameter("']", out, sizeof out), 0);
+    EXPECT_EQ(doc.queryParameter("", out, sizeof out), 0);
+    EXPECT_STREQ(out, "keep");
+    EXPECT_EQ(doc.queryParameter("user", out, 5), -1);
+    EXPECT_TRUE(cap.lines().empty()) << cap.text();
+
+    char* value = doc.queryParameterMalloced("it's");
+    ASSERT_NE(value, nullptr);
+    EXPECT_STREQ(value, "apostrophe");
+    delete[] value;
+    EXPECT_EQ(doc.queryParameterMalloced("empty"), nullptr);
+    EXPECT_EQ(doc.queryParameterMalloced("twice"), nullptr);
+    EXPECT_EQ(doc.queryParameterMalloced("missing"), nullptr);
+
+    StringMap map;
+    EXPECT_EQ(doc.queryParameterMap("group", map), 0);
+    EXPECT_EQ(map, (StringMap{{"x", "1"}, {"y", "2"}}));
+    EXPECT_EQ(doc.queryParameterMap("twice", map), -1);
+    EXPECT_EQ(doc.queryParameterMap("missing", map), -1);
+    EXPECT_TRUE(cap.lines().empty()) << cap.text();
+}
+
+TEST(XMLDocumentTest, QueryParameterTwoNodesLogsCountAndQuery) {
+    XMLDocument doc;
+    parse(doc, kMessage);
+    LogCapture cap;
+    char out[16] = "default";
+    EXPECT_EQ(doc.queryParameter("twice", out, sizeof out), -1);
+    EXPECT_STREQ(out, "default");
+    EXPECT_EQ(cap.text(),
+              "%D ERROR (%t): Invalid node and/or size: expected 1, got 2 (query = "
+              "//message/param[@name='twice'])");
+}
+
+TEST(XMLDocumentTest, QueryParameterWithoutDocumentLogs) {
+    XMLDocument doc;
+    LogCapture cap;
+    char out[8] = "keep";
+    errno = 0;
+    EXPECT_EQ(doc.queryParameter("a", out, sizeof out), -1);
+    StringMap map;
+    EXPECT_EQ(doc.queryParameterMap("a", map), -1);
+    EXPECT_EQ(doc.queryParameterMalloced("a"), nullptr);
+    EXPECT_EQ(cap.lines(), (Lines{kNoDocument, kNoDocument}));
+}
+
+TEST(XMLDocumentTest, QueryParameterWithVeryLongNames) {
+    std::string const plain(65536, 'n');
+    std::string const quoted = std::string(32768, '\'') + std::string(32768, '"');
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(XMLWriter::Indentation), 0);
+    ASSERT_EQ(writer.startElement(nullptr, nullptr, "message"), 0);
+    for (const std::string* name : {&plain, &quoted}) {
+        ASSERT_EQ(writer.startElement(nullptr, nullptr, "param"), 0);
+        ASSERT_EQ(writer.writeAttribute("name", name->c_str()), 0);
+        ASSERT_EQ(writer.writeString(name == &plain ? "plain" : "quoted"), 0);
+        ASSERT_EQ(writer.endElement(), 0);
+    }
+    ASSERT_EQ(writer.endElement(), 0);
+    XMLDocument doc;
+    ASSERT_EQ(doc.parseMemory(writer.content(), static_cast<uint32_t>(writer.length())), 0);
+    LogCapture cap;
+    char out[16] = "";
+    EXPECT_EQ(doc.queryParameter(plain.c_str(), out, sizeof out), 0);
+    EXPECT_STREQ(out, "plain");
+    EXPECT_EQ(doc.queryParameter(quoted.c_str(), out, sizeof out), 0);
+    EXPECT_STREQ(out, "quoted");
+    EXPECT_TRUE(cap.lines().empty());
+}
+
+// ---------------------------------------------------------------------------
+// libxml2's reports stay off standard error
+
+TEST(XMLDocumentTest, FailuresWriteNothingOnStandardError) {
+    StderrCapture err;
+    {
+        LogCapture cap;
+        XMLDocument broken;
+        EXPECT_EQ(broken.parseMemory("<a><b></a>", 10), -1);
+        XMLDocument missing;
+        EXPECT_EQ(missing.parseFile("/nonexistent/tarnwick/none.xml"), -1);
+        XMLDocument doc;
+        parse(doc, kEvent);
+        char out[8];
+        EXPECT_EQ(doc.queryValue("/event/[", out, sizeof out), -1);
+        xmlFreeDoc(Tarnwick::parsePayload("<?xml version=\"1.0\" encoding=\"no-such\"?><a/>", 44));
+        xmlFreeDoc(Tarnwick::parsePayload("<a>\xff\xfe</a>", 7));
+    }
+    EXPECT_EQ(err.text(), "");
+}
+
+TEST(XMLDocumentTest, ErrorHandlersOfTheCallerComeBack) {
+    xmlGenericErrorFunc const generic = xmlGenericError;
+    void* const genericContext = xmlGenericErrorContext;
+    xmlStructuredErrorFunc const structured = xmlStructuredError;
+    void* const structuredContext = xmlStructuredErrorContext;
+    {
+        LogCapture cap;
+        XMLDocument broken;
+        EXPECT_EQ(broken.parseMemory("<a>", 3), -1);
+    }
+    EXPECT_EQ(xmlGenericError, generic);
+    EXPECT_EQ(xmlGenericErrorContext, genericContext);
+    EXPECT_EQ(xmlStructuredError, structured);
+    EXPECT_EQ(xmlStructuredErrorContext, structuredContext);
+}
+
+// ---------------------------------------------------------------------------
+// Markup whose parsing would grow with its square is refused
+
+std::string elementWithAttributes(int count, const char* prefix) {
+    std::string text = "<message><param name=\"a\"";
+    for (int i = 0; i < count; ++i)
+        text += std::string(" ") + prefix + std::to_string(i) + "=\"v=>\"";
+    text += ">1</param></message>";
+    return text;
+}
+
+TEST(XMLPayloadTest, TooManyAttributesInOneElementAreRefused) {
+    LogCapture cap;
+    // The "name" attribute and 255 more are fine.
+    std::string const fits = elementWithAttributes(255, "a");
+    xmlDocPtr doc = Tarnwick::parsePayload(fits.data(), fits.size());
+    EXPECT_NE(doc, nullptr);
+    xmlFreeDoc(doc);
+    EXPECT_TRUE(cap.lines().empty());
+
+    std::string const many = elementWithAttributes(40000, "a");
+    EXPECT_EQ(Tarnwick::parsePayload(many.data(), many.size()), nullptr);
+    EXPECT_EQ(cap.lines(),
+              Lines{"%D DEBUG (%t): XML payload refused: more than 256 attributes in one element"});
+
+    // The same for a document read from memory by XMLDocument, which tells
+    // the reason as a parse error.
+    cap.clear();
+    XMLDocument refused;
+    EXPECT_EQ(refused.parseMemory(many.data(), static_cast<uint32_t>(many.size())), -1);
+    EXPECT_EQ(cap.lines(),
+              (Lines{"%D DEBUG (%t): XML payload refused: more than 256 attributes in one element",
+                     std::string(kParseError) + "more than 256 attributes in one element"}));
+
+    // And from a file.
+    TemporaryFile file(many);
+    EXPECT_EQ(Tarnwick::parsePayloadFile(file.path()), nullptr);
+}
+
+TEST(XMLPayloadTest, TooManyNamespaceDeclarationsAreRefused) {
+    LogCapture cap;
+    // Spread over many elements, each with few attributes.
+    std::string text = "<message>";
+    for (int i = 0; i < 300; ++i)
+        text += "<x xmlns:n" + std::to_string(i) + "=\"urn:x\">";
+    for (int i = 0; i < 300; ++i)
+        text += "</x>";
+    text += "</message>";
+    EXPECT_EQ(Tarnwick::parsePayload(text.data(), text.size()), nullptr);
+    EXPECT_EQ(cap.lines(),
+              Lines{"%D DEBUG (%t): XML payload refused: more than 256 namespace declarations"});
+}
+
+TEST(XMLPayloadTest, EqualSignsInTextAndValuesCountNothing) {
+    LogCapture cap;
+    std::string const value(10000, '=');
+    std::string const text = "<!-- " + value + " --><message><param name=\"" + value + "\">" +
+                             value + "</param><?pi " + value + "?></message>";
+    xmlDocPtr doc = Tarnwick::parsePayload(text.data(), text.size());
+    EXPECT_NE(doc, nullptr);
+    xmlFreeDoc(doc);
+    EXPECT_TRUE(cap.lines().empty()) << cap.text();
+}
+
+// ---------------------------------------------------------------------------
+// What the writer accepts, the parser reads back
+
+TEST(XMLTextTest, CharacterLengths) {
+    using Tarnwick::xmlTextCharLength;
+    EXPECT_EQ(xmlTextCharLength("a", 1), 1u);
+    EXPECT_EQ(xmlTextCharLength("\t", 1), 1u);
+    EXPECT_EQ(xmlTextCharLength("\n", 1), 1u);
+    EXPECT_EQ(xmlTextCharLength("\r", 1), 1u);
+    EXPECT_EQ(xmlTextCharLength("\x7f", 1), 1u);
+    EXPECT_EQ(xmlTextCharLength("\x01", 1), 0u);
+    EXPECT_EQ(xmlTextCharLength("\x1f", 1), 0u);
+    EXPECT_EQ(xmlTextCharLength("", 0), 0u);
+    EXPECT_EQ(xmlTextCharLength("\xc3\xa9", 2), 2u);
+    EXPECT_EQ(xmlTextCharLength("\xc3\xa9", 1), 0u);      // cut short
+    EXPECT_EQ(xmlTextCharLength("\xc0\xaf", 2), 0u);      // overlong
+    EXPECT_EQ(xmlTextCharLength("\xe0\x80\xaf", 3), 0u);  // overlong
+    EXPECT_EQ(xmlTextCharLength("\xed\x9f\xbf", 3), 3u);  // U+D7FF
+    EXPECT_EQ(xmlTextCharLength("\xed\xa0\x80", 3), 0u);  // surrogate
+    EXPECT_EQ(xmlTextCharLength("\xee\x80\x80", 3), 3u);  // U+E000
+    EXPECT_EQ(xmlTextCharLength("\xef\xbf\xbd", 3), 3u);  // U+FFFD
+    EXPECT_EQ(xmlTextCharLength("\xef\xbf\xbe", 3), 0u);  // U+FFFE
+    EXPECT_EQ(xmlTextCharLength("\xef\xbf\xbf", 3), 0u);  // U+FFFF
+    EXPECT_EQ(xmlTextCharLength("\xf0\x9f\x98\x80", 4), 4u);
+    EXPECT_EQ(xmlTextCharLength("\xf4\x8f\xbf\xbf", 4), 4u);  // U+10FFFF
+    EXPECT_EQ(xmlTextCharLength("\xf4\x90\x80\x80", 4), 0u);  // beyond
+    EXPECT_EQ(xmlTextCharLength("\xf8\x88\x80\x80\x80", 5), 0u);
+    EXPECT_EQ(xmlTextCharLength("\x80", 1), 0u);
+    EXPECT_EQ(xmlTextCharLength("\xc3(", 2), 0u);
+    EXPECT_TRUE(Tarnwick::isXMLText(""));
+    EXPECT_TRUE(Tarnwick::isXMLText("caf\xc3\xa9\r\n"));
+    EXPECT_FALSE(Tarnwick::isXMLText("caf\xe9"));
+    EXPECT_FALSE(Tarnwick::isXMLText(nullptr));
+}
+
+TEST(XMLWriterTest, TextThatIsNoXMLIsWrittenAsNothing) {
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.writeString("bad \xff byte"), -1);
+    EXPECT_EQ(writer.writeString("bell \x07"), -1);
+    EXPECT_EQ(writer.writeString("\xef\xbf\xbe"), -1);
+    EXPECT_EQ(writer.writeString("\xed\xa0\x80"), -1);
+    EXPECT_EQ(writer.writeAttribute("v", "escape \x1b"), -1);
+    EXPECT_EQ(writer.writeAttribute("bad name", "x"), -1);
+    EXPECT_EQ(writer.writeAttribute("v", "ok"), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "1b"), -1);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "b\x01"), -1);
+    EXPECT_EQ(writer.startElement("p", "urn:\x02", "b"), -1);
+    EXPECT_EQ(writer.startElement("p q", "urn:p", "b"), -1);
+    EXPECT_EQ(writer.writeString("fine"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()), std::string(kDeclaration) + "<a v=\"ok\">fine</a>");
+}
+
+TEST(ConvertInputTest, ResultMustBeXMLText) {
+    EXPECT_EQ(Tarnwick::convertInput("a\xff"
+                                     "b",
+                                     "UTF-8"),
+              nullptr);
+    EXPECT_EQ(Tarnwick::convertInput("a\x01", "UTF-8"), nullptr);
+    // Latin-1 converts every byte, but 0x01 is no XML character.
+    EXPECT_EQ(Tarnwick::convertInput("a\x01", "ISO-8859-1"), nullptr);
+    xmlChar* ok = Tarnwick::convertInput("a\tb\r\n", "UTF-8");
+    ASSERT_NE(ok, nullptr);
+    EXPECT_STREQ(reinterpret_cast<char*>(ok), "a\tb\r\n");
+    xmlFree(ok);
+}
+
+TEST(XMLWriterTest, EverythingAcceptedReadsBackExactly) {
+    // Random texts of bytes that are often special: whatever the writer
+    // takes, as attribute or as text, the document parses and gives back.
+    static const char* const pieces[] = {
+        "a",    "\t",    "\n",   "\r",   "\r\n",         "\x01",
+        "\x7f", "<",     ">",    "&",    "\"",           "'",
+        "]]>",  "\xc3",  "\xa9", "\xff", "\xef\xbf\xbe", "\xf0\x9f\x98\x80",
+        " ",    "&amp;", "%s"};
+    unsigned seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 16) & 0x7fff;
+    };
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(XMLWriter::Indentation), 0);
+    ASSERT_EQ(writer.startElement(nullptr, nullptr, "message"), 0);
+    std::vector<std::pair<std::string, std::string>> accepted;
+    int refused = 0;
+    for (int i = 0; i < 2000; ++i) {
+        std::string name = "n" + std::to_string(i);
+        std::string value;
+        for (unsigned n = next() % 6; n > 0; --n) {
+            name += pieces[next() % (sizeof pieces / sizeof pieces[0])];
+            value += pieces[next() % (sizeof pieces / sizeof pieces[0])];
+        }
+        ASSERT_EQ(writer.startElement(nullptr, nullptr, "param"), 0);
+        bool const nameTaken = writer.writeAttribute("name", name.c_str()) == 0;
+        bool const valueTaken = writer.writeString(value.c_str()) == 0;
+        ASSERT_EQ(writer.endElement(), 0);
+        if (nameTaken && valueTaken && !value.empty())
+            accepted.emplace_back(name, value);
+        else
+            ++refused;
+    }
+    ASSERT_EQ(writer.endElement(), 0);
+    EXPECT_GT(accepted.size(), 100u);
+    EXPECT_GT(refused, 100);
+    XMLDocument doc;
+    LogCapture cap;
+    ASSERT_EQ(doc.parseMemory(writer.content(), static_cast<uint32_t>(writer.length())), 0);
+    ASSERT_NE(doc.document(), nullptr) << cap.text();
+    for (const auto& param : accepted) {
+        char* value = doc.queryParameterMalloced(param.first.c_str());
+        ASSERT_NE(value, nullptr) << param.first;
+        EXPECT_EQ(std::string(value), param.second);
+        delete[] value;
+    }
+    EXPECT_TRUE(cap.lines().empty());
 }
 
 }  // namespace

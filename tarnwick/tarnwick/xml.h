@@ -1,16 +1,28 @@
 // Thin wrappers over libxml2 for event payloads: a parsed document that
-// answers XPath queries, and a writer that builds a document in memory.
-// All text of this layer is narrow UTF-8.
+// answers queries, and a writer that builds a document in memory. All text of
+// this layer is narrow UTF-8.
+//
+// Payloads come from peers, so parsing here never loads anything from the
+// network or the file system, never expands entities, and keeps libxml2's
+// own error reports off standard error: they go to the log at debug level,
+// one line per failed parse. Whatever the writers accept, the parser reads
+// back: text that is not valid UTF-8 made of characters that XML 1.0 allows
+// is refused.
 #pragma once
 
 #include <libxml/tree.h>
 #include <libxml/xmlwriter.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace Tarnwick {
+
+struct ParameterIndex;
 
 // Owns one parsed document. Empty until a parse succeeds; a second parse
 // while a document is held is ignored (returns 0). Not thread-safe.
@@ -40,10 +52,26 @@ public:
     // exactly one node is selected (silently) or there is no document.
     int queryMap(const char* xpath, std::map<std::string, std::string>& out);
 
+    // The same three answers for the parameter `name`: the "param" children
+    // of "message" elements whose "name" attribute is `name` (what the query
+    // //message/param[@name='NAME'] would select). The name is compared as
+    // text and never read as an expression, so any name works, and each call
+    // costs a lookup in an index of the parameters that the first call builds
+    // in one pass over the document. Results, logs and failures are those of
+    // queryValue, queryValueMalloced and queryMap.
+    int queryParameter(const char* name, char* out, uint64_t size);
+    char* queryParameterMalloced(const char* name);
+    int queryParameterMap(const char* name, std::map<std::string, std::string>& out);
+
     xmlDocPtr document() const { return doc; }
 
 private:
+    // The index of the parameters, built on first use; null without a
+    // document.
+    const ParameterIndex* parameters();
+
     xmlDocPtr doc;
+    std::unique_ptr<ParameterIndex> index;
 };
 
 // Base of the document writers; cannot be opened itself.
@@ -60,10 +88,13 @@ public:
     virtual int open(uint32_t flags);
 
     // Each returns 0, or -1 when the writer isn't open or libxml2 fails.
+    // Names that are no XML names, and a namespace or attribute value that is
+    // not XML text (see isXMLText), write nothing and return -1.
     int startElement(const char* prefix, const char* namespaceUri, const char* name);
     int writeAttribute(const char* name, const char* value);
     // Writes escaped text. Text that doesn't convert from the writer's
-    // encoding (see convertInput) writes nothing and returns -1.
+    // encoding or isn't XML text once converted (see convertInput) writes
+    // nothing and returns -1.
     int writeString(const char* text);
     int endElement();
 
@@ -95,8 +126,36 @@ private:
 };
 
 // Converts narrow text from `encoding` for the writer. Returns a new string
-// freed with xmlFree, or null for null input, an unknown encoding or text
-// that doesn't convert completely.
+// freed with xmlFree, or null for null input, an unknown encoding, text that
+// doesn't convert completely, or a result that isn't XML text.
 xmlChar* convertInput(const char* text, const char* encoding);
+
+// The length in bytes (1 to 4) of the UTF-8 sequence at the start of `text`,
+// of at most `length` bytes, when it is one character that XML 1.0 allows:
+// tab, line feed, carriage return, U+0020 to U+D7FF, U+E000 to U+FFFD and
+// U+10000 to U+10FFFF, in shortest form. 0 for anything else, including an
+// empty text.
+size_t xmlTextCharLength(const char* text, size_t length);
+// True when the whole text is such characters (the empty text is).
+bool isXMLText(const char* text, size_t length);
+bool isXMLText(const char* text);
+
+// Parses a payload held in memory or in a file. Returns a new document that
+// the caller frees with xmlFreeDoc, or null. Nothing is fetched, no entity is
+// expanded, and libxml2's report of a failure goes to the log as one line
+// "%D DEBUG (%t): libxml2: MESSAGE"; xmlGetLastError tells the last error.
+// A payload with a start tag of more than 256 attributes, or with more than
+// 256 namespace declarations, is refused before parsing, with the line
+// "%D DEBUG (%t): XML payload refused: REASON": such markup would cost the
+// parser time that grows with its square, and no event payload has it.
+xmlDocPtr parsePayload(const char* text, size_t length);
+xmlDocPtr parsePayloadFile(const char* path);
+
+// Calls `visit` for each "param" element that is a child of a "message"
+// element (both in no namespace) and has a "name" attribute in no namespace
+// whose value is plain text, in document order, with that value and the
+// element. One pass over the document.
+void forEachParameter(xmlDocPtr doc,
+                      const std::function<void(const std::string& name, xmlNodePtr param)>& visit);
 
 }  // namespace Tarnwick

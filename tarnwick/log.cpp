@@ -5,9 +5,13 @@
 #include <locale.h>
 #include <unistd.h>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <cwchar>
 #include <iostream>
 #include <iterator>
 #include <locale>
@@ -40,12 +44,202 @@ locale_t utf8Locale() {
     return locale;
 }
 
+// What a conversion of ACE_Log_Msg::log takes from the arguments.
+enum class Takes { NOTHING, INT, DOUBLE, POINTER, WIDE, WORD64, UNKNOWN };
+
+Takes takenBy(char conversion) {
+    switch (conversion) {
+        case 'D':
+        case 'T':
+        case 't':
+        case 'l':
+        case 'M':
+        case 'm':
+        case 'N':
+        case 'n':
+        case 'P':
+        case 'K':
+        case '%':
+            return Takes::NOTHING;
+        case 'c':
+        case 'd':
+        case 'i':
+        case 'o':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'w':
+        case 'z':
+        case 'S':
+        case 'R':
+            return Takes::INT;
+        case 'F':
+        case 'f':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+        case 'A':
+            return Takes::DOUBLE;
+        case 'C':
+        case 's':
+        case 'Z':
+        case 'p':
+        case '@':
+            return Takes::POINTER;
+        case 'W':
+            return Takes::WIDE;
+        case 'Q':
+        case 'q':
+        case ':':
+        case 'b':
+        case 'B':
+            return Takes::WORD64;
+        default:
+            return Takes::UNKNOWN;
+    }
+}
+
+// The characters that may stand between '%' and the conversion letter.
+bool isSpecifier(char c) {
+    return std::strchr("-+ #0123456789.Lh", c) != nullptr;
+}
+
+// True for a wide character that has a UTF-8 form: a Unicode scalar value.
+bool isScalar(wchar_t c) {
+    uint32_t const value = static_cast<uint32_t>(c);
+    return value <= 0x10FFFF && (value < 0xD800 || value > 0xDFFF);
+}
+
+// True when `text` is Unicode and the locale of this thread (UTF-8, see
+// emit) converts all of it, as the formatting of %W will have to.
+bool converts(const wchar_t* text) {
+    for (const wchar_t* c = text; *c != L'\0'; ++c)
+        if (!isScalar(*c))
+            return false;
+    std::mbstate_t state{};
+    const wchar_t* rest = text;
+    return std::wcsrtombs(nullptr, &rest, 0, &state) != static_cast<size_t>(-1);
+}
+
+// `text` converted character by character; a character that has no
+// multibyte form becomes U+FFFD, the replacement character.
+std::string replacedText(const wchar_t* text) {
+    std::string out;
+    char bytes[MB_LEN_MAX];
+    for (; *text != L'\0'; ++text) {
+        std::mbstate_t state{};
+        size_t const length =
+            isScalar(*text) ? std::wcrtomb(bytes, *text, &state) : static_cast<size_t>(-1);
+        if (length == static_cast<size_t>(-1))
+            out += "\xEF\xBF\xBD";
+        else
+            out.append(bytes, length);
+    }
+    return out;
+}
+
+// A wide argument that can't be converted makes the formatting of ACE_Log_Msg
+// stop there: the rest of the line and its line end are lost. When that is
+// about to happen, `out` takes a format in which each such %W is replaced by
+// the argument's text with U+FFFD for what can't be converted, padded or cut
+// as the conversion asked, followed by a conversion that takes the argument
+// and prints nothing. False when the format needs no change, or when it
+// holds what this can't read (an unknown conversion, '*').
+bool repairedFormat(const char* format, va_list args, std::string& out) {
+    va_list walk;
+    va_copy(walk, args);
+    bool needed = false;
+    bool readable = true;
+    std::string result;
+    for (const char* at = format; *at != '\0' && readable;) {
+        if (*at != '%') {
+            result += *at++;
+            continue;
+        }
+        const char* const start = at++;
+        while (*at != '\0' && isSpecifier(*at))
+            ++at;
+        if (*at == '\0' || *at == '*') {
+            readable = false;
+            break;
+        }
+        char const conversion = *at++;
+        std::string const spec(start, static_cast<size_t>(at - start));
+        switch (takenBy(conversion)) {
+            case Takes::NOTHING:
+                break;
+            case Takes::INT:
+                (void)va_arg(walk, int);
+                break;
+            case Takes::DOUBLE:
+                (void)va_arg(walk, double);
+                break;
+            case Takes::POINTER:
+                (void)va_arg(walk, void*);
+                break;
+            case Takes::WORD64:
+                (void)va_arg(walk, int64_t);
+                break;
+            case Takes::UNKNOWN:
+                readable = false;
+                break;
+            case Takes::WIDE: {
+                const wchar_t* const text = va_arg(walk, const wchar_t*);
+                if (text == nullptr || converts(text))
+                    break;
+                needed = true;
+                std::string piece = replacedText(text);
+                // Flags, width and precision as printf applies them to %ls:
+                // in bytes, and a character is never cut.
+                bool const left = spec.find('-') != std::string::npos;
+                size_t const dot = spec.find('.');
+                size_t const digits = spec.find_first_not_of("-+ #0", 1);
+                size_t const width = spec[digits] >= '1' && spec[digits] <= '9'
+                                         ? std::strtoul(spec.c_str() + digits, nullptr, 10)
+                                         : 0;
+                if (dot != std::string::npos) {
+                    size_t limit = std::strtoul(spec.c_str() + dot + 1, nullptr, 10);
+                    if (limit < piece.size()) {
+                        while (limit > 0 &&
+                               (static_cast<unsigned char>(piece[limit]) & 0xC0) == 0x80)
+                            --limit;
+                        piece.resize(limit);
+                    }
+                }
+                if (piece.size() < width)
+                    piece.insert(left ? piece.size() : 0, width - piece.size(), ' ');
+                for (char const c : piece) {
+                    result += c;
+                    if (c == '%')
+                        result += '%';
+                }
+                result += "%.0C";
+                continue;
+            }
+        }
+        result += spec;
+    }
+    va_end(walk);
+    if (!needed || !readable)
+        return false;
+    out.swap(result);
+    return true;
+}
+
 void emit(const char* file, int line, int error, ACE_Log_Priority priority, const char* format,
           va_list args) {
     ACE_Log_Msg* log = ACE_Log_Msg::instance();
     log->conditional_set(file, line, 0, error);
     locale_t const utf8 = utf8Locale();
     locale_t const previous = utf8 != static_cast<locale_t>(0) ? uselocale(utf8) : nullptr;
+    std::string repaired;
+    try {
+        if (std::strchr(format, 'W') != nullptr && repairedFormat(format, args, repaired))
+            format = repaired.c_str();
+    } catch (const std::bad_alloc&) {
+        // The line is logged as it comes.
+    }
     errno = error;
     log->log(format, priority, args);
     if (previous != nullptr)

@@ -89,6 +89,25 @@ TEST(Log, WideArgumentsPrintAsUTF8WhateverTheLocale) {
                                        "n\xc3\xa9"});
 }
 
+// A wide argument that has no UTF-8 form (a surrogate, a value above
+// U+10FFFF) is printed with U+FFFD in the place of what can't be converted,
+// and the rest of the line and its line end follow as usual.
+TEST(Log, WideArgumentThatCanNotBeConvertedIsReplacedAndTheLineEnds) {
+    wchar_t const surrogate[] = {L'x', static_cast<wchar_t>(0xD800), L'y', L'%', 0};
+    wchar_t const tooLarge[] = {static_cast<wchar_t>(0x110000), L'\u00e9', 0};
+    LogCapture capture;
+    errno = ENOENT;
+    TW_LOG("%D INFO  (%t): a %W b %d %C %m\n", surrogate, 42, "narrow");
+    TW_LOG("%D INFO  (%t): %W [%-7W] [%6W] [%.4W] 100%%\n", L"fine", surrogate, tooLarge, tooLarge);
+    TW_LOG("%D INFO  (%t): next\n");
+    EXPECT_EQ(capture.lines(),
+              (std::vector<std::string>{
+                  "%D INFO  (%t): a x\xEF\xBF\xBDy% b 42 narrow No such file or directory",
+                  "%D INFO  (%t): fine [x\xEF\xBF\xBDy% ] [ \xEF\xBF\xBD\xC3\xA9] [\xEF\xBF\xBD] "
+                  "100%",
+                  "%D INFO  (%t): next"}));
+}
+
 // ---------------------------------------------------------------------------
 // Log, the leveled logger on standard error. Its state is process-wide and
 // set on first use, so each test runs in a child process of its own.

@@ -7,7 +7,8 @@
 //   IdentityEvent     takes in who the peer is (Engine::activate_handler);
 //                     no reply
 //   GetVersionEvent   the agent's name and version
-//   DirListEvent      the entries of the directory in the argument "path"
+//   DirListEvent      the entries of the directory in the argument "path",
+//                     which must lie inside the root directory (see below)
 //   HeartBeatEvent    no reply
 //   anything else     an error reply: the command is not supported
 //
@@ -16,7 +17,28 @@
 //
 // Usage:
 //   demo_agent --port=PORT --keydir=DIR [--nossl] [--threads=N] [--agentid=ID]
-//              [--portfile=PATH]
+//              [--portfile=PATH] [--root=DIR]
+//
+// The agent lists directories inside its root directory only: --root, by
+// default the directory it was started in. A relative "path" is taken from
+// the root, an absolute one must name a place inside it. The path is resolved
+// the way the kernel does it (every "..", every symbolic link), and a path
+// whose result lies outside the root, such as "..", "/etc" or a link inside
+// the root that points out of it, gets the error reply
+//   Can not list PATH: the path leaves the agent's root directory.
+// with the number EACCES. The directory is then opened from the root's
+// descriptor with openat2(RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS), so a link
+// swapped in after the check can't lead out either. Entries that are
+// symbolic links are listed as links, without following them.
+//
+// Names in replies are text for the peer, and file names on Linux are just
+// bytes. Each entry is "dir  NAME", "file NAME (SIZE bytes)", "link NAME" or
+// "other NAME", and NAME (like any PATH echoed in a reply) is escaped: a byte
+// that is not part of valid UTF-8, a control character (U+0000 to U+001F,
+// U+007F to U+009F) and any character that XML can't carry is written as
+// \xHH per byte, two upper-case hex digits; a backslash as \\. Everything
+// else stays as it is, so plain names read as they are, and the escaped form
+// can be turned back into the exact bytes.
 //
 // --port=0 picks a free port. The agent prints the port it listens at on
 // standard output and, with --portfile, writes it to that file as well, so
@@ -45,14 +67,23 @@
 #include <ace/Synch_Options.h>
 #include <ace/Time_Value.h>
 
+#include <tarnwick/xml.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace {
@@ -70,6 +101,9 @@ const Tarnwick::Setting::Importer AGENT_SETTINGS[] = {
      Tarnwick::SETTING_ARGUMENT},
     {"portfile", nullptr, nullptr, "Write the port to PATH once listening.", "PATH",
      Tarnwick::SETTING_ARGUMENT | Tarnwick::SETTING_NO_FILE},
+    {"root", "demo", nullptr,
+     "List directories only inside DIR (default: the directory the agent starts in).", "DIR",
+     Tarnwick::SETTING_ARGUMENT},
     {nullptr, nullptr, nullptr, nullptr, nullptr, 0},
 };
 
@@ -90,10 +124,198 @@ std::string narrow(const wchar_t* text) {
     return out;
 }
 
+// A file name or path as reply text: bytes that are no valid UTF-8, control
+// characters and characters XML can't carry become \xHH, one per byte; a
+// backslash becomes \\. See the comment at the top.
+std::string escapeName(const std::string& name) {
+    static const char HEX[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(name.size());
+    size_t position = 0;
+    while (position < name.size()) {
+        const char* at = name.data() + position;
+        size_t step = Tarnwick::xmlTextCharLength(at, name.size() - position);
+        unsigned char const lead = static_cast<unsigned char>(*at);
+        bool const control =
+            lead < 0x20 || lead == 0x7F ||
+            (step == 2 && lead == 0xC2 && static_cast<unsigned char>(at[1]) < 0xA0);
+        if (step == 0 || control) {
+            step = step == 0 ? 1 : step;
+            for (size_t i = 0; i < step; ++i) {
+                unsigned char const byte = static_cast<unsigned char>(at[i]);
+                out += "\\x";
+                out += HEX[byte >> 4];
+                out += HEX[byte & 0x0F];
+            }
+        } else if (lead == '\\') {
+            out += "\\\\";
+        } else {
+            out.append(at, step);
+        }
+        position += step;
+    }
+    return out;
+}
+
+// One entry of a listing.
+struct Entry {
+    std::string name;  // as the file system has it
+    std::string kind;  // "dir  ", "file ", "link " or "other "
+    bool regular = false;
+    unsigned long long size = 0;
+};
+
+// The one directory tree the agent lists: a path of a request is resolved,
+// checked to lie inside it, and opened from the root's own descriptor.
+class RootDirectory {
+public:
+    RootDirectory() = default;
+    ~RootDirectory() {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    RootDirectory(const RootDirectory&) = delete;
+    RootDirectory& operator=(const RootDirectory&) = delete;
+
+    // Takes `directory` (empty: the working directory) as the root. 0 or an
+    // errno value.
+    int open(const std::string& directory) {
+        std::string wanted = directory;
+        if (wanted.empty()) {
+            char here[PATH_MAX];
+            if (::getcwd(here, sizeof here) == nullptr)
+                return errno;
+            wanted = here;
+        }
+        char real[PATH_MAX];
+        if (::realpath(wanted.c_str(), real) == nullptr)
+            return errno;
+        m_fd = ::open(real, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (m_fd < 0)
+            return errno;
+        m_path = real;
+        return 0;
+    }
+    const std::string& path() const { return m_path; }
+
+    // Resolves a requested path (relative to the root, or absolute) to a
+    // path relative to the root, "." for the root itself. 0, EACCES when the
+    // result lies outside the root, or another errno value.
+    int resolve(const std::string& request, std::string& relative) const {
+        if (request.empty())
+            return ENOENT;
+        std::string const wanted = request[0] == '/' ? request : m_path + "/" + request;
+        // Judged by its text first, so that a path outside tells nothing about
+        // what exists there.
+        if (!inside(lexical(wanted)))
+            return EACCES;
+        char real[PATH_MAX];
+        if (::realpath(wanted.c_str(), real) == nullptr)
+            return errno;
+        std::string const resolved = real;
+        if (!inside(resolved))
+            return EACCES;
+        size_t const prefix = m_path == "/" ? 0 : m_path.size();
+        relative = resolved.size() <= prefix + 1 ? "." : resolved.substr(prefix + 1);
+        return 0;
+    }
+
+    // The entries of the directory at `relative` (from resolve). 0, EACCES
+    // when the way there leaves the root or holds a link by now, or another
+    // errno value.
+    int list(const std::string& relative, std::vector<Entry>& out) const {
+        int fd = openBeneath(relative);
+        if (fd < 0)
+            return errno == EXDEV || errno == ELOOP ? EACCES : errno;
+        DIR* directory = ::fdopendir(fd);
+        if (directory == nullptr) {
+            int const failure = errno;
+            ::close(fd);
+            return failure;
+        }
+        errno = 0;
+        while (struct dirent* item = ::readdir(directory)) {
+            std::string const name = item->d_name;
+            if (name == "." || name == "..")
+                continue;
+            Entry entry;
+            entry.name = name;
+            entry.kind = "other ";
+            struct stat status;
+            if (::fstatat(::dirfd(directory), item->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+                if (S_ISDIR(status.st_mode)) {
+                    entry.kind = "dir  ";
+                } else if (S_ISREG(status.st_mode)) {
+                    entry.kind = "file ";
+                    entry.regular = true;
+                    entry.size = static_cast<unsigned long long>(status.st_size);
+                } else if (S_ISLNK(status.st_mode)) {
+                    entry.kind = "link ";
+                }
+            }
+            out.push_back(entry);
+            errno = 0;
+        }
+        int const failure = errno;
+        ::closedir(directory);
+        return failure;
+    }
+
+private:
+    // `path` without ".", ".." and doubled slashes, by its text alone.
+    static std::string lexical(const std::string& path) {
+        std::vector<std::string> parts;
+        size_t start = 0;
+        while (start <= path.size()) {
+            size_t end = path.find('/', start);
+            if (end == std::string::npos)
+                end = path.size();
+            std::string const part = path.substr(start, end - start);
+            if (part == "..") {
+                if (!parts.empty())
+                    parts.pop_back();
+            } else if (!part.empty() && part != ".") {
+                parts.push_back(part);
+            }
+            start = end + 1;
+        }
+        std::string out;
+        for (const std::string& part : parts)
+            out += "/" + part;
+        return out.empty() ? "/" : out;
+    }
+
+    bool inside(const std::string& path) const {
+        if (m_path == "/")
+            return true;
+        return path == m_path ||
+               (path.size() > m_path.size() && path.compare(0, m_path.size(), m_path) == 0 &&
+                path[m_path.size()] == '/');
+    }
+
+    // Opens the directory below the root without following any link and
+    // without leaving it; where the kernel lacks openat2, without following a
+    // link in the last step.
+    int openBeneath(const std::string& relative) const {
+        struct open_how how;
+        std::memset(&how, 0, sizeof how);
+        how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+        long const fd = ::syscall(SYS_openat2, m_fd, relative.c_str(), &how, sizeof how);
+        if (fd >= 0 || errno != ENOSYS)
+            return static_cast<int>(fd);
+        return ::openat(m_fd, relative.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    }
+
+    std::string m_path;
+    int m_fd = -1;
+};
+
 // Answers the peers' events; runs on the engine's worker threads.
 class AgentEvents : public Tarnwick::EventHandler {
 public:
-    explicit AgentEvents(const std::string& version) : m_version(version) {}
+    AgentEvents(const std::string& version, const RootDirectory& root)
+        : m_version(version), m_root(root) {}
 
     int handle(Tarnwick::IdentityEvent* event) override {
         // Fills in the identity of the connection that sent the event.
@@ -114,40 +336,37 @@ public:
         std::string path;
         if (event->getArg("path", path) == -1)
             return event->error("No directory given: the argument \"path\" is missing.", EINVAL);
+        std::string const shown = escapeName(path);
 
-        std::vector<std::filesystem::directory_entry> entries;
-        std::error_code failure;
-        for (std::filesystem::directory_iterator it(path, failure), end; !failure && it != end;
-             it.increment(failure)) {
-            entries.push_back(*it);
+        std::string relative;
+        int const failure = m_root.resolve(path, relative);
+        if (failure == EACCES) {
+            std::string const text =
+                "Can not list " + shown + ": the path leaves the agent's root directory.";
+            return event->error(text.c_str(), EACCES);
         }
-        if (failure) {
-            std::string const text = "Can not list " + path + ": " + failure.message() + ".";
-            return event->error(text.c_str(), failure.value());
+        std::vector<Entry> entries;
+        int const listed = failure != 0 ? failure : m_root.list(relative, entries);
+        if (listed == EACCES) {
+            std::string const text =
+                "Can not list " + shown + ": the path leaves the agent's root directory.";
+            return event->error(text.c_str(), EACCES);
+        }
+        if (listed != 0) {
+            std::string const text = "Can not list " + shown + ": " + std::strerror(listed) + ".";
+            return event->error(text.c_str(), listed);
         }
         std::sort(entries.begin(), entries.end(),
-                  [](const std::filesystem::directory_entry& a,
-                     const std::filesystem::directory_entry& b) {
-                      return a.path().filename() < b.path().filename();
-                  });
+                  [](const Entry& a, const Entry& b) { return a.name < b.name; });
 
         event->reset();
-        event->setArg("path", path);
+        event->setArg("path", shown);
         event->setArg("count", static_cast<uint64_t>(entries.size()));
         int number = 0;
-        for (const std::filesystem::directory_entry& entry : entries) {
-            std::error_code ignored;
-            std::string text;
-            if (entry.is_directory(ignored)) {
-                text = "dir  ";
-            } else if (entry.is_regular_file(ignored)) {
-                text = "file ";
-            } else {
-                text = "other ";
-            }
-            text += entry.path().filename().string();
-            if (entry.is_regular_file(ignored))
-                text += " (" + std::to_string(entry.file_size(ignored)) + " bytes)";
+        for (const Entry& entry : entries) {
+            std::string text = entry.kind + escapeName(entry.name);
+            if (entry.regular)
+                text += " (" + std::to_string(entry.size) + " bytes)";
             std::string const name = "entry." + std::to_string(++number);
             event->setArg(name.c_str(), text);
         }
@@ -167,6 +386,7 @@ public:
 
 private:
     std::string m_version;
+    const RootDirectory& m_root;
 };
 
 // A port on 127.0.0.1 that nothing listens at, or 0.
@@ -201,13 +421,22 @@ public:
         int threads = 2;
         unsigned int agentid = 1;
         std::string portfile;
+        std::string root;
         config->getValue(L"port", port);
         config->getValue(L"threads", threads);
         config->getValue(L"agentid", agentid);
         config->getValue("portfile", portfile);
+        config->getValue("root", root);
         bool const ssl = !config->hasKey(L"nossl");
         if (port < 0 || port > 65535 || threads < 0 || agentid == 0) {
             std::fprintf(stderr, "demo_agent: invalid --port, --threads or --agentid\n");
+            return 1;
+        }
+        int const rootFailure = m_root.open(root);
+        if (rootFailure != 0) {
+            std::fprintf(stderr, "demo_agent: can not use %s as the root directory: %s\n",
+                         root.empty() ? "the working directory" : root.c_str(),
+                         std::strerror(rootFailure));
             return 1;
         }
         if (port == 0 && (port = freePort()) == 0) {
@@ -229,7 +458,7 @@ public:
         Tarnwick::Engine* engine = Tarnwick::Engine::getSingleton();
         engine->disableIdentification();
         engine->enableServerMode();
-        engine->event_handler(new AgentEvents(narrow(version())), true);
+        engine->event_handler(new AgentEvents(narrow(version()), m_root), true);
         engine->router(new Tarnwick::Router(), true);
         if (engine->open(threads, ssl) == -1) {
             std::fprintf(stderr, "demo_agent: the engine could not start%s\n",
@@ -249,6 +478,7 @@ public:
         }
         std::printf("demo_agent: listening at 127.0.0.1:%d (%s) with %d worker thread(s)\n", port,
                     ssl ? "SSL" : "plain sockets", threads);
+        std::printf("demo_agent: listing directories inside %s\n", m_root.path().c_str());
         std::fflush(stdout);
         if (!portfile.empty()) {
             std::ofstream out(portfile.c_str(), std::ios::out | std::ios::trunc);
@@ -268,6 +498,9 @@ public:
         std::printf("demo_agent: stopped\n");
         return 0;
     }
+
+private:
+    RootDirectory m_root;
 };
 
 }  // namespace

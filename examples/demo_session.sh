@@ -6,8 +6,12 @@
 #
 # starts AGENT (demo_agent) on a free port of 127.0.0.1, runs CONTROL
 # (demo_control) for a few commands over SSL, shows each reply, and stops
-# the agent with SIGTERM. Then a second agent listens with plain sockets
-# (--nossl): the tool reaches it with --nossl, and fails cleanly over SSL.
+# the agent with SIGTERM. The agent's root directory is the session's scratch
+# directory: listings inside it work, and paths that leave it ("..", an
+# absolute path outside, a symbolic link pointing out) get an error reply;
+# file names that are no UTF-8 come back escaped. Then a second agent listens
+# with plain sockets (--nossl): the tool reaches it with --nossl, and fails
+# cleanly over SSL.
 # Exit status 0 when every command ended as expected and the agents stopped
 # cleanly.
 #
@@ -44,10 +48,15 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# A directory for the listing.
+# A directory for the listing, inside the agent's root ($work, where it
+# starts), with a link that points out of the root and a file whose name has a
+# control byte and a byte that is no UTF-8.
 mkdir -p "$work/listing/reports"
 printf 'first line\n' >"$work/listing/notes.txt"
 printf 'a,b\n1,2\n' >"$work/listing/data.csv"
+ln -s / "$work/listing/outside"
+ln -s .. "$work/listing/reports/up"
+touch "$work/listing/$(printf 'odd\001name\377.txt')"
 
 cd "$work" || exit 1
 
@@ -91,8 +100,9 @@ run() {
     local expected=$1
     shift
     echo "\$ demo_control $*"
-    "$control" --port="$port" --keydir="$keydir" --quiet "$@" 2>"$work/control.log"
-    local status=$?
+    "$control" --port="$port" --keydir="$keydir" --quiet "$@" 2>"$work/control.log" |
+        tee "$work/control.out"
+    local status=${PIPESTATUS[0]}
     echo "  (exit status $status)"
     if [[ $status -ne $expected ]]; then
         echo "demo_session: expected exit status $expected" >&2
@@ -101,10 +111,37 @@ run() {
     fi
 }
 
+# expect TEXT: the output of the last command holds TEXT (a fixed string).
+expect() {
+    if ! grep -qF -- "$1" "$work/control.out"; then
+        echo "demo_session: expected the reply to hold: $1" >&2
+        failures=$((failures + 1))
+    fi
+}
+
 echo "---- over SSL, key files in $keydir"
 start_agent
 run 0 --command=version
 run 0 --command=dirlist --path=listing
+expect 'file notes.txt (11 bytes)'
+expect 'link outside'
+expect 'file odd\x01name\xFF.txt (0 bytes)'
+run 0 --command=dirlist --path="$work/listing/reports"
+expect 'link up'
+run 0 --command=dirlist --path=listing/reports/up
+expect 'dir  reports'
+# Paths that leave the root directory.
+leaves="the path leaves the agent's root directory."
+run 1 --command=dirlist --path=..
+expect "Can not list ..: $leaves"
+run 1 --command=dirlist --path=/etc
+expect "Can not list /etc: $leaves"
+run 1 --command=dirlist --path=listing/outside
+expect "Can not list listing/outside: $leaves"
+run 1 --command=dirlist --path=listing/reports/up/../..
+expect "$leaves"
+run 1 --command=dirlist --path=listing/missing
+expect 'Can not list listing/missing: No such file or directory.'
 run 0 --command=heartbeat
 run 1 --command=kick
 stop_agent

@@ -49,6 +49,11 @@ enum EventType {
 // getArg queries the parsed payload of the block. So a locally built event
 // answers getArg only after data(), and a received one at once.
 //
+// Parameter names are compared as text, whatever characters they hold. A
+// value that is not valid UTF-8 made of characters that XML allows is sent
+// as nothing (an empty parameter), and a parameter whose name is not such
+// text is left out, so that the receiver can always read the payload.
+//
 // Events are heap objects, given up with destroy(). Failures are return
 // values (-1 or null, errno ENOMEM for allocations), never exceptions. An
 // event is owned by one thread at a time.

@@ -7,17 +7,27 @@
 #include <ace/ACE.h>
 #include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
+#include <ace/OS_NS_Thread.h>
 #include <ace/OS_NS_string.h>
+#include <ace/Thread.h>
 
 #include <libxml/parser.h>
 #include <libxml/xmlversion.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/syscall.h>
 #include <syslog.h>
+#include <unistd.h>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <cwchar>
 #include <fstream>
+#include <mutex>
 #include <new>
 #include <string>
 #include <vector>
@@ -32,6 +42,337 @@ const int kHandledSignals[] = {SIGINT, SIGTERM, SIGSEGV, SIGHUP};
 
 // The first array of task slots holds this many; each growth doubles it.
 const size_t kFirstTaskCapacity = 10;
+
+// A log file is made readable for its owner and group only: it can hold
+// debug dumps of configuration and messages.
+const mode_t kLogFileMode = 0640;
+
+// ---------------------------------------------------------------------------
+// Signals
+//
+// The function that the kernel runs for a handled signal (relaySignal) does
+// only what is safe there: it counts the signal, writes its number into a
+// pipe and, for SIGINT and SIGTERM, puts the default action back at once so
+// that a second one ends the process. The signal thread reads the pipe and
+// runs the application's handle_signal() on a normal thread, in the order in
+// which the signals came. SIGSEGV can't wait for another thread: its lines
+// are written with write(2) from text prepared beforehand, then abort().
+
+static_assert(std::atomic<int>::is_always_lock_free, "signal state must be lock-free");
+static_assert(std::atomic<unsigned long>::is_always_lock_free, "signal state must be lock-free");
+
+// The signals that go through the signal thread.
+const int kRelayedSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+// The pipe's ends; made once and kept for the life of the process, so that a
+// signal handler never meets a closed descriptor.
+std::atomic<int> wakeWriter{-1};
+int wakeReader = -1;
+// Signals caught by relaySignal, and those of them that found the pipe full.
+std::atomic<unsigned long> signalsCaught{0};
+std::atomic<int> signalsMissed[NSIG];
+
+// What the crash lines need, prepared on a normal thread.
+struct CrashText {
+    char caught[160];  // "): Caught signal 'Segmentation fault'\n"
+    char crashed[96];  // "): Application has crashed..  caught signal 11\n"
+};
+CrashText crashText;
+std::atomic<int> crashReady{0};
+// The log's state when the handlers were installed or a signal last handled.
+std::atomic<unsigned long> logMask{0};
+std::atomic<unsigned long> logFlags{0};
+std::atomic<long> utcOffset{0};
+// A descriptor of the log file, for the crash lines; -1 without one.
+std::atomic<int> logFileDescriptor{-1};
+
+void refreshLogState() {
+    ACE_Log_Msg* const log = ACE_Log_Msg::instance();
+    logMask.store(log->priority_mask(ACE_Log_Msg::PROCESS) |
+                  log->priority_mask(ACE_Log_Msg::THREAD));
+    logFlags.store(log->flags());
+    std::time_t const now = std::time(nullptr);
+    std::tm local;
+    if (localtime_r(&now, &local) != nullptr)
+        utcOffset.store(local.tm_gmtoff);
+}
+
+void prepareCrashText() {
+    if (crashReady.load() != 0)
+        return;
+    const char* const name = ACE_OS::strsignal(SIGSEGV);
+    std::snprintf(crashText.caught, sizeof crashText.caught, "): Caught signal '%s'\n",
+                  name != nullptr ? name : "11");
+    std::snprintf(crashText.crashed, sizeof crashText.crashed,
+                  "): Application has crashed..  caught signal 11\n");
+    crashReady.store(1);
+}
+
+// Appends `text` to the buffer at `at`, within `end`; async-signal-safe.
+char* put(char* at, char* end, const char* text) {
+    while (*text != '\0' && at < end)
+        *at++ = *text++;
+    return at;
+}
+
+// Appends `value` in decimal with at least `width` digits; async-signal-safe.
+char* putNumber(char* at, char* end, unsigned long value, int width) {
+    char digits[24];
+    int count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0 && count < 24);
+    while (count < width && count < 24)
+        digits[count++] = '0';
+    while (count > 0 && at < end)
+        *at++ = digits[--count];
+    return at;
+}
+
+// The start of a log line as ACE writes it for "%D LEVEL (%t", from the
+// clock and the offset of local time kept by refreshLogState;
+// async-signal-safe.
+char* putLinePrefix(char* at, char* end, const char* level) {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    long long const seconds = static_cast<long long>(now.tv_sec) + utcOffset.load();
+    long long days = seconds / 86400;
+    long long rest = seconds % 86400;
+    if (rest < 0) {
+        rest += 86400;
+        --days;
+    }
+    // Civil date from the days since 1970-01-01.
+    days += 719468;
+    long long const era = (days >= 0 ? days : days - 146096) / 146097;
+    long long const dayOfEra = days - era * 146097;
+    long long const yearOfEra =
+        (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    long long const dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    long long const monthIndex = (5 * dayOfYear + 2) / 153;
+    long long const day = dayOfYear - (153 * monthIndex + 2) / 5 + 1;
+    long long const month = monthIndex < 10 ? monthIndex + 3 : monthIndex - 9;
+    long long const year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+    at = putNumber(at, end, static_cast<unsigned long>(year), 4);
+    at = put(at, end, "-");
+    at = putNumber(at, end, static_cast<unsigned long>(month), 2);
+    at = put(at, end, "-");
+    at = putNumber(at, end, static_cast<unsigned long>(day), 2);
+    at = put(at, end, " ");
+    at = putNumber(at, end, static_cast<unsigned long>(rest / 3600), 2);
+    at = put(at, end, ":");
+    at = putNumber(at, end, static_cast<unsigned long>(rest / 60 % 60), 2);
+    at = put(at, end, ":");
+    at = putNumber(at, end, static_cast<unsigned long>(rest % 60), 2);
+    at = put(at, end, ".");
+    at = putNumber(at, end, static_cast<unsigned long>(now.tv_nsec / 1000), 6);
+    at = put(at, end, " ");
+    at = put(at, end, level);
+    at = put(at, end, " (");
+    return putNumber(at, end, static_cast<unsigned long>(::syscall(SYS_gettid)), 1);
+}
+
+// Writes one crash line where ACE_Log_Msg would; async-signal-safe.
+void writeCrashLine(const char* level, const char* rest) {
+    char line[256];
+    char* const end = line + sizeof line;
+    char* at = putLinePrefix(line, end, level);
+    at = put(at, end, rest);
+    size_t const length = static_cast<size_t>(at - line);
+    unsigned long const flags = logFlags.load();
+    if ((flags & ACE_Log_Msg::STDERR) != 0) {
+        ssize_t const written = ::write(STDERR_FILENO, line, length);
+        (void)written;
+    }
+    int const file = logFileDescriptor.load();
+    if ((flags & ACE_Log_Msg::OSTREAM) != 0 && file >= 0) {
+        ssize_t const written = ::write(file, line, length);
+        (void)written;
+    }
+}
+
+// SIGSEGV: takes the handler away, logs the two lines and aborts, with
+// nothing but async-signal-safe calls.
+[[noreturn]] void crash() {
+    struct sigaction fallback = {};
+    fallback.sa_handler = SIG_DFL;
+    sigemptyset(&fallback.sa_mask);
+    ::sigaction(SIGSEGV, &fallback, nullptr);
+    if (crashReady.load() != 0) {
+        unsigned long const mask = logMask.load();
+        if ((mask & LM_DEBUG) != 0)
+            writeCrashLine("DEBUG", crashText.caught);
+        if ((mask & LM_ERROR) != 0)
+            writeCrashLine("ERROR", crashText.crashed);
+    }
+    std::abort();
+}
+
+extern "C" void relaySignal(int signum, siginfo_t*, void*) {
+    int const error = errno;
+    if (signum == SIGSEGV)
+        crash();
+    if (signum == SIGINT || signum == SIGTERM) {
+        // The handler is taken away: a second one takes the default action.
+        struct sigaction fallback = {};
+        fallback.sa_handler = SIG_DFL;
+        sigemptyset(&fallback.sa_mask);
+        ::sigaction(signum, &fallback, nullptr);
+    }
+    signalsCaught.fetch_add(1);
+    unsigned char const byte = static_cast<unsigned char>(signum);
+    int const writer = wakeWriter.load();
+    if (writer < 0 || ::write(writer, &byte, 1) != 1) {
+        if (signum > 0 && signum < NSIG)
+            signalsMissed[signum].fetch_add(1);
+    }
+    errno = error;
+}
+
+// The signal thread and the application it serves. One per process: signal
+// handlers are process-wide.
+class SignalThread {
+public:
+    static SignalThread& instance() {
+        // Never destroyed: a signal may come while the process exits.
+        static SignalThread* const thread = new SignalThread();
+        return *thread;
+    }
+
+    // Makes `application` the one whose handle_signal runs, starting the
+    // thread if need be. 0, or -1 with errno.
+    int attach(Application* application) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!makePipe())
+            return -1;
+        target_ = application;
+        if (running_) {
+            stopping_ = false;
+            return 0;
+        }
+        // The thread blocks every signal but those of faults, so that the
+        // kernel never runs a handler on it.
+        sigset_t all;
+        sigset_t previous;
+        sigfillset(&all);
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS})
+            sigdelset(&all, fault);
+        ::pthread_sigmask(SIG_BLOCK, &all, &previous);
+        int const result = ACE_Thread::spawn(&SignalThread::body, this, THR_NEW_LWP | THR_JOINABLE,
+                                             &id_, &handle_);
+        int const error = errno;
+        ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        if (result != 0) {
+            errno = error != 0 ? error : EAGAIN;
+            return -1;
+        }
+        running_ = true;
+        return 0;
+    }
+
+    // Stops serving `application`; when it was the one served, the thread
+    // ends once the signal in hand is handled.
+    void detach(Application* application) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (target_ != application || !running_)
+            return;
+        target_ = nullptr;
+        if (ACE_OS::thr_equal(ACE_OS::thr_self(), id_)) {
+            // Detached from within a handler: the thread ends by itself.
+            stopping_ = true;
+            return;
+        }
+        running_ = false;
+        lock.unlock();
+        unsigned char const quit = 0;
+        while (::write(wakeWriter.load(), &quit, 1) != 1) {
+            if (errno != EAGAIN && errno != EINTR)
+                break;
+            pollfd wait = {wakeWriter.load(), POLLOUT, 0};
+            ::poll(&wait, 1, 100);
+        }
+        ACE_Thread::join(handle_);
+    }
+
+    // Returns when every signal caught so far has been handled.
+    void drain() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (ACE_OS::thr_equal(ACE_OS::thr_self(), id_))
+            return;
+        unsigned long const goal = signalsCaught.load();
+        handled_changed_.wait(lock, [this, goal]() { return !running_ || handled_ >= goal; });
+    }
+
+private:
+    SignalThread() = default;
+
+    bool makePipe() {
+        if (wakeReader >= 0)
+            return true;
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            return false;
+        ::fcntl(ends[1], F_SETFL, ::fcntl(ends[1], F_GETFL) | O_NONBLOCK);
+        wakeReader = ends[0];
+        wakeWriter.store(ends[1]);
+        return true;
+    }
+
+    static ACE_THR_FUNC_RETURN body(void* self) {
+        static_cast<SignalThread*>(self)->serve();
+        return 0;
+    }
+
+    void serve() {
+        for (;;) {
+            unsigned char byte = 0;
+            ssize_t const got = ::read(wakeReader, &byte, 1);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got != 1 || byte == 0)
+                return;
+            dispatch(byte, 1);
+            for (int const signum : kRelayedSignals) {
+                int const missed = signalsMissed[signum].exchange(0);
+                if (missed > 0)
+                    dispatch(signum, static_cast<unsigned long>(missed));
+            }
+            std::lock_guard<std::mutex> guard(mutex_);
+            if (stopping_) {
+                stopping_ = false;
+                running_ = false;
+                handled_changed_.notify_all();
+                return;
+            }
+        }
+    }
+
+    // Runs the application's handle_signal for `signum`, which came `count`
+    // times.
+    void dispatch(int signum, unsigned long count) {
+        Application* application = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            application = target_;
+        }
+        if (application != nullptr)
+            application->handle_signal(signum);
+        refreshLogState();
+        std::lock_guard<std::mutex> guard(mutex_);
+        handled_ += count;
+        handled_changed_.notify_all();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable handled_changed_;
+    Application* target_ = nullptr;
+    bool running_ = false;
+    bool stopping_ = false;
+    unsigned long handled_ = 0;
+    ACE_thread_t id_{};
+    ACE_hthread_t handle_{};
+};
 
 // UTF-8 form of wide text; empty for null or text that can't be converted.
 std::string narrow(const wchar_t* text) {
@@ -205,22 +546,22 @@ Application::Application()
 
 Application::~Application() {
     // The signal handlers name this object: take away those that still do,
-    // so that a signal after its end finds the default action instead.
+    // so that a signal after its end finds the default action instead. Then
+    // the signal thread lets go of it, after the signal in hand.
     for (int const signum : kHandledSignals) {
         if (m_signalHandler.handler(signum) == this)
             m_signalHandler.remove_handler(signum);
     }
-    ACE::strdelete(m_binaryname);
-    m_binaryname = nullptr;
-    ACE::strdelete(m_retiredName);
-    m_retiredName = nullptr;
+    SignalThread::instance().detach(this);
+    ACE::strdelete(m_binaryname.exchange(nullptr));
+    ACE::strdelete(m_retiredName.exchange(nullptr));
     delete[] m_tasks;
     m_tasks = nullptr;
     xmlCleanupParser();
 }
 
 const wchar_t* Application::binaryname() {
-    return m_binaryname;
+    return m_binaryname.load();
 }
 
 const wchar_t* Application::version() {
@@ -228,12 +569,9 @@ const wchar_t* Application::version() {
 }
 
 int Application::open(int argc, wchar_t** const argv) {
-    ACE::strdelete(m_retiredName);
-    m_retiredName = nullptr;
-    if (argc >= 1 && argv != nullptr && argv[0] != nullptr) {
-        ACE::strdelete(m_binaryname);
-        m_binaryname = ACE::strnew(argv[0]);
-    }
+    ACE::strdelete(m_retiredName.exchange(nullptr));
+    if (argc >= 1 && argv != nullptr && argv[0] != nullptr)
+        ACE::strdelete(m_binaryname.exchange(ACE::strnew(argv[0])));
 
     Configuration* config = getConfigSingleton();
     if (config == nullptr || config->open(this, argc, argv) == -1)
@@ -257,19 +595,32 @@ int Application::open(int argc, wchar_t** const argv) {
 
     std::string file;
     if (chooseLogFile(name(), true, file) == 0 && !file.empty()) {
-        std::ofstream* stream =
-            new (std::nothrow) std::ofstream(file.c_str(), std::ios::out | std::ios::app);
-        if (stream == nullptr) {
-            errno = ENOMEM;
-            return -1;
+        // The file is made here, with its mode; an existing file keeps its
+        // own. The descriptor stays open for the lines of a crash.
+        int const descriptor =
+            ::open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogFileMode);
+        std::ofstream* stream = nullptr;
+        if (descriptor >= 0) {
+            stream = new (std::nothrow) std::ofstream(file.c_str(), std::ios::out | std::ios::app);
+            if (stream == nullptr) {
+                ::close(descriptor);
+                errno = ENOMEM;
+                return -1;
+            }
         }
-        if (!stream->good()) {
+        if (stream == nullptr || !stream->good()) {
             int const error = errno;
             delete stream;
+            if (descriptor >= 0)
+                ::close(descriptor);
+            errno = error;
             reportLogFileFailure(error);
             TW_LOG("%D ERROR (%t): Can not open logfile for writing: %m\n");
             return -1;
         }
+        int const previous = logFileDescriptor.exchange(descriptor);
+        if (previous >= 0)
+            ::close(previous);
         // ACE_Log_Msg owns the stream from here on.
         log->msg_ostream(stream, true);
         TW_LOG("%D DEBUG (%t): Logging output to %C\n", file.c_str());
@@ -298,11 +649,39 @@ int Application::run(int argc, wchar_t** const argv) {
     if (validate() == -1)
         return errno != 0 ? 1 : 0;
 
-    for (int const signum : kHandledSignals)
-        m_signalHandler.register_handler(signum, this);
+    if (register_signal_handlers() == -1)
+        return 1;
 
     int const result = main();
+    // A signal that came during main() is handled before run() returns.
+    wait_for_signals();
     return result == -1 ? 1 : result;
+}
+
+int Application::register_signal_handlers() {
+    if (SignalThread::instance().attach(this) == -1) {
+        TW_LOG_ERRNO("%D ERROR (%t): Can not start the signal thread");
+        return -1;
+    }
+    prepareCrashText();
+    refreshLogState();
+    for (int const signum : kHandledSignals) {
+        m_signalHandler.register_handler(signum, this);
+        // ACE_Sig_Handler keeps this object as the signal's handler and has
+        // set the action's flags and mask; the function that the kernel
+        // runs is the relay, which leaves the work to the signal thread.
+        struct sigaction action;
+        if (::sigaction(signum, nullptr, &action) == 0) {
+            action.sa_sigaction = relaySignal;
+            action.sa_flags |= SA_SIGINFO;
+            ::sigaction(signum, &action, nullptr);
+        }
+    }
+    return 0;
+}
+
+void Application::wait_for_signals() {
+    SignalThread::instance().drain();
 }
 
 int Application::run(int argc, char** argv) {
@@ -354,11 +733,13 @@ int Application::handle_signal(int signum, siginfo_t*, ucontext_t*) {
 
 int Application::close() {
     m_stopped = 1;
-    // close() runs in a signal handler, where freeing memory isn't safe: the
-    // name is set aside here and freed by open() or the destructor.
-    if (m_retiredName == nullptr) {
-        m_retiredName = m_binaryname;
-        m_binaryname = nullptr;
+    // close() may run on the signal thread while another thread still reads
+    // the name: it is set aside here and freed by open() or the destructor.
+    wchar_t* const name = m_binaryname.exchange(nullptr);
+    if (name != nullptr) {
+        wchar_t* expected = nullptr;
+        if (!m_retiredName.compare_exchange_strong(expected, name))
+            ACE::strdelete(name);
     }
     close_all_tasks();
     return 0;
@@ -378,19 +759,19 @@ int Application::suspend() {
 }
 
 void Application::stop() {
-    m_stopped = 1;
+    m_stopped.store(1);
 }
 
 int Application::isStopped() {
-    return m_stopped;
+    return m_stopped.load();
 }
 
 void Application::reload_pending(bool pending) {
-    m_reloadPending = pending;
+    m_reloadPending.store(pending);
 }
 
 bool Application::reload_pending() {
-    return m_reloadPending;
+    return m_reloadPending.load();
 }
 
 int Application::getLogFile(std::string& out) {

@@ -22,10 +22,12 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -33,6 +35,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -109,6 +112,12 @@ public:
     const wchar_t* description() override { return L"Test application"; }
     const wchar_t* long_description() override { return L"An application of the tests."; }
     int main() override { return mainBody ? mainBody() : 0; }
+    // Notes the thread on which each signal is handled.
+    int handle_signal(int signum, siginfo_t* info = nullptr,
+                      ucontext_t* context = nullptr) override {
+        signalThread = static_cast<long>(::syscall(SYS_gettid));
+        return Application::handle_signal(signum, info, context);
+    }
     int validate() override { return validateBody ? validateBody() : Application::validate(); }
     int open() override { return openBody ? openBody() : Application::open(); }
 
@@ -123,6 +132,7 @@ public:
     std::function<int()> mainBody;
     std::function<int()> validateBody;
     std::function<int()> openBody;
+    std::atomic<long> signalThread{0};
 
 private:
     const wchar_t* name_;
@@ -378,7 +388,7 @@ const char* const kUsage =
     " -d,  --debug                 Enables debugging output.\n"
     " -h,  --help                  Display this help and exit.\n"
     " -q,  --quiet                 Be less verbose.\n"
-    " -m,  --mode=MODE             What main does: plain, tasks or stay.\n"
+    " -m,  --mode=MODE             What main does: plain, tasks, stay or busy.\n"
     "      --logfile=PATH          Log output to the file PATH.\n"
     "\n[paths]\n"
     "      --log=PATH              Log output to PATH\n"
@@ -508,6 +518,33 @@ TEST_F(ProgramTest, LogValueThatIsNoDirectoryMeansNoLogFileAndNoMessage) {
         "%D DEBUG (%t): Agent has key debug\n"
         "%D INFO  (%t): greeting: still here\n",
         result.err);
+}
+
+// The log file can hold debug dumps: a new one is made for its owner and
+// group alone, and an existing one keeps its mode.
+TEST_F(ProgramTest, NewLogFileIsReadableByOwnerAndGroupOnly) {
+    std::string const file = dir_.at("new.log");
+    mode_t const mask = ::umask(022);
+    ProgramResult const result = runProgram({"--logfile=" + file}, registry_);
+    ::umask(mask);
+    EXPECT_EQ(0, result.exitCode());
+    struct stat info;
+    ASSERT_EQ(0, ::stat(file.c_str(), &info));
+    EXPECT_EQ(0640u, info.st_mode & 07777);
+}
+
+TEST_F(ProgramTest, ExistingLogFileKeepsItsMode) {
+    std::string const file = dir_.at("old.log");
+    writeFile(file, "an earlier line\n");
+    ASSERT_EQ(0, ::chmod(file.c_str(), 0604));
+    configure("", "greeting=kept\n");
+    ProgramResult const result = runProgram({"--logfile=" + file}, registry_);
+    EXPECT_EQ(0, result.exitCode());
+    struct stat info;
+    ASSERT_EQ(0, ::stat(file.c_str(), &info));
+    EXPECT_EQ(0604u, info.st_mode & 07777);
+    EXPECT_EQ("an earlier line\n%D INFO  (%t): greeting: kept\n",
+              LogCapture::normalise(readFile(file)));
 }
 
 TEST_F(ProgramTest, LogFileThatCanNotBeOpenedEndsWithStatusOne) {
@@ -719,6 +756,55 @@ TEST_F(ProgramTest, SecondTerminateFindsNoHandler) {
     EXPECT_EQ(
         std::string(kTasksStarted) + "%D DEBUG (%t): Caught signal 'Terminated'\n" + kTasksClosed,
         result.err);
+}
+
+// A thousand SIGHUP and SIGTERM while two threads allocate memory and log
+// without pause: the handlers take no lock, so nothing deadlocks. The first
+// SIGTERM closes the tasks after its log line; a SIGTERM after it ends the
+// process by the default action.
+TEST_F(ProgramTest, SignalStormWhileAllocatingAndLoggingEndsWithoutDeadlock) {
+    Program program({"--debug", "--mode=busy"}, registry_);
+    ASSERT_TRUE(program.waitFor("ready")) << program.err;
+    for (int i = 0; i < 1000; ++i) {
+        program.send(i < 990 ? SIGHUP : SIGTERM);
+        if (i % 50 == 0) {
+            timespec const pause = {0, 1000000};
+            ::nanosleep(&pause, nullptr);
+        }
+    }
+    ProgramResult const result = program.finish();
+    // Ended by the first SIGTERM (status 0, "stopped") or by a later one.
+    if (result.exited()) {
+        EXPECT_EQ(0, result.exitCode());
+        EXPECT_EQ("ready\nstopped\n", result.out);
+    } else {
+        EXPECT_EQ(SIGTERM, result.signal()) << result.err.substr(0, 2000);
+    }
+    // The lines of the signals, without those of the busy threads.
+    std::istringstream lines(result.err);
+    std::string line;
+    std::string signals;
+    int hangups = 0;
+    while (std::getline(lines, line)) {
+        if (line.find(": busy ") != std::string::npos)
+            continue;
+        if (line == "%D DEBUG (%t): Caught signal 'Hangup'") {
+            ++hangups;
+            continue;
+        }
+        if (line.find("Reload") != std::string::npos || line.find("reload") != std::string::npos)
+            continue;
+        signals += line + "\n";
+    }
+    EXPECT_GE(hangups, 1);
+    std::string const closing =
+        std::string("%D DEBUG (%t): Caught signal 'Terminated'\n") + kTasksClosed;
+    if (result.exited()) {
+        EXPECT_EQ(std::string(kTasksStarted) + closing, signals);
+    } else {
+        // Killed by a later SIGTERM, the closing may have been cut short.
+        EXPECT_EQ(0u, signals.find(kTasksStarted)) << signals;
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -1069,6 +1155,50 @@ TEST_F(RunTest, HandleSignalTerminateClosesAndTakesTheHandlerAway) {
         "%D DEBUG (%t): Closing task: beta\n"
         "%D DEBUG (%t): Closing task: alpha\n",
         normalised(result));
+}
+
+// A signal that arrives is handled on the library's signal thread, never on
+// the thread that it interrupted.
+TEST_F(RunTest, SignalsAreHandledOnTheSignalThread) {
+    ChildResult const result = inChild([]() {
+        TestApp app;
+        app.mainBody = [&app]() {
+            long const self = static_cast<long>(::syscall(SYS_gettid));
+            ::kill(::getpid(), SIGHUP);
+            for (int i = 0; i < 5000 && !app.reload_pending(); ++i) {
+                timespec const pause = {0, 1000000};
+                ::nanosleep(&pause, nullptr);
+            }
+            if (!app.reload_pending())
+                return 2;
+            long const handler = app.signalThread.load();
+            return handler != 0 && handler != self ? 0 : 3;
+        };
+        return runWith(app, {"testapp", "--debug"});
+    });
+    EXPECT_EQ(0, result.exitCode());
+    EXPECT_EQ(
+        "%D DEBUG (%t): Agent has key debug\n"
+        "%D DEBUG (%t): Caught signal 'Hangup'\n",
+        normalised(result));
+}
+
+// A SIGTERM during main() is handled, its tasks closed, before run()
+// returns.
+TEST_F(RunTest, RunReturnsAfterTheSignalsOfMainAreHandled) {
+    ChildResult const result = inChild([]() {
+        TestApp app;
+        std::vector<std::string> journal;
+        app.register_task(new RecordingTask(L"alpha", &journal), 1);
+        app.mainBody = []() {
+            ::kill(::getpid(), SIGTERM);
+            return 0;
+        };
+        if (runWith(app, {"testapp"}) != 0)
+            return 2;
+        return journal == std::vector<std::string>{"alpha.close"} && app.isStopped() ? 0 : 3;
+    });
+    EXPECT_EQ(0, result.exitCode());
 }
 
 TEST_F(RunTest, CloseStopsAndForgetsTheBinaryName) {

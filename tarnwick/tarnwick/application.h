@@ -6,6 +6,7 @@
 #include <ace/Sig_Handler.h>
 #include <ace/Task.h>
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 
@@ -74,10 +75,17 @@ protected:
 //
 // run() parses the command line (--help and --version end the process with
 // status 0), reads the configuration, sets the log mask ("quiet", "debug")
-// and the log file ("logfile", or <log>/<name()>.log), installs handlers for
-// SIGINT and SIGTERM (close), SIGSEGV (log and abort) and SIGHUP (reload
-// request), and runs main(). Its exit status is 1 when opening fails or
-// main() returns -1, otherwise main()'s result.
+// and the log file ("logfile", or <log>/<name()>.log, made with mode 0640),
+// installs handlers for SIGINT and SIGTERM (close), SIGSEGV (log and abort)
+// and SIGHUP (reload request), and runs main(). Its exit status is 1 when
+// opening fails or main() returns -1, otherwise main()'s result.
+//
+// Signal handlers do no work of their own: they note the signal and wake a
+// small signal thread of the library, which runs handle_signal() (the log
+// line, close(), the reload request) on a normal thread, one signal after
+// the other. A second SIGINT or SIGTERM ends the process by the default
+// action; SIGSEGV writes its two lines with write(2) on the crashing thread
+// and aborts. See docs/application.md.
 class Application : public ACE_Event_Handler {
 public:
     Application();
@@ -112,6 +120,10 @@ public:
     // with errno ENOMEM.
     virtual int register_task(Task* task, int owned);
 
+    // What a handled signal does; run on the signal thread for the signals
+    // that arrive, and callable directly. SIGHUP: the reload request; SIGINT,
+    // SIGTERM: the handler is taken away and close() runs; SIGSEGV: logged,
+    // then abort(). 0.
     int handle_signal(int signum, siginfo_t* info = nullptr,
                       ucontext_t* context = nullptr) override;
 
@@ -127,6 +139,13 @@ protected:
     // Parses and reads the configuration, sets up the log; then open().
     virtual int open(int argc, wchar_t** const argv);
 
+    // Registers this object for SIGINT, SIGTERM, SIGSEGV and SIGHUP, in this
+    // order, and starts the signal thread that runs handle_signal(). 0; -1
+    // (logged, errno set) when the thread can't be started.
+    int register_signal_handlers();
+    // Waits until every signal that arrived so far has been handled.
+    void wait_for_signals();
+
     int open_all_tasks();
     int start_all_tasks();
     int close_all_tasks();
@@ -140,10 +159,10 @@ private:
     Application(const Application&);
     Application& operator=(const Application&);
 
-    wchar_t* m_binaryname;
-    wchar_t* m_retiredName;  // the binary name after close(), freed later
-    int m_stopped;
-    bool m_reloadPending;
+    std::atomic<wchar_t*> m_binaryname;
+    std::atomic<wchar_t*> m_retiredName;  // the binary name after close(), freed later
+    std::atomic<int> m_stopped;
+    std::atomic<bool> m_reloadPending;
     TaskSlot* m_tasks;
     size_t m_count;
     size_t m_capacity;

@@ -9,7 +9,9 @@
 //                    (printing "reloaded") and returns 0 once stopped
 //                    (printing "stopped");
 //                    stay: as tasks, but stays after it is stopped until a
-//                    signal ends it.
+//                    signal ends it;
+//                    busy: as tasks, but the main thread and one more thread
+//                    allocate memory and log without pause until stopped.
 //   --logfile=PATH   the log file.
 //   [test] greeting  text that plain mode logs.
 //   [test] nobeta    0 switches the task beta off.
@@ -24,15 +26,19 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
 const Tarnwick::Setting::Importer kSettings[] = {
     {"m", nullptr, nullptr, nullptr, nullptr, 0},
-    {"mode", nullptr, nullptr, "What main does: plain, tasks or stay.", "MODE",
+    {"mode", nullptr, nullptr, "What main does: plain, tasks, stay or busy.", "MODE",
      Tarnwick::SETTING_ARGUMENT},
     {"logfile", nullptr, nullptr, "Log output to the file PATH.", "PATH",
      Tarnwick::SETTING_ARGUMENT},
@@ -48,6 +54,16 @@ void cue(const std::string& text) {
     std::string const line = text + "\n";
     ssize_t const written = ::write(STDOUT_FILENO, line.data(), line.size());
     (void)written;
+}
+
+// One round of work that takes the locks a signal handler must not take:
+// the allocator's and the log's.
+void churn(unsigned round) {
+    std::vector<std::unique_ptr<std::string>> blocks;
+    for (unsigned i = 0; i < 32; ++i)
+        blocks.emplace_back(new std::string(16 + (round * 31 + i * 17) % 4000, 'x'));
+    if (round % 8 == 0)
+        ACE_DEBUG((LM_INFO, ACE_TEXT("%D INFO  (%t): busy %u\n"), round));
 }
 
 void sleepMilliseconds(long milliseconds) {
@@ -91,6 +107,8 @@ public:
             return tasks(false);
         if (config->keyEquals(L"mode", L"stay", false))
             return tasks(true);
+        if (config->keyEquals(L"mode", L"busy", false))
+            return busy();
         return plain();
     }
 
@@ -123,6 +141,30 @@ private:
         cue("stopped");
         while (stay)
             ::pause();
+        return 0;
+    }
+
+    int busy() {
+        ::alarm(20);
+        register_task(new NamedTask(L"alpha"), 1);
+        register_task(new NamedTask(L"beta"), 1);
+        register_task(new NamedTask(L"gamma"), 1);
+        if (open_all_tasks() == -1 || start_all_tasks() == -1)
+            return -1;
+        std::thread other([this]() {
+            for (unsigned round = 1; !isStopped(); ++round)
+                churn(round);
+        });
+        cue("ready");
+        for (unsigned round = 0; !isStopped(); ++round) {
+            if (reload_pending()) {
+                reload_pending(false);
+                reload();
+            }
+            churn(round);
+        }
+        other.join();
+        cue("stopped");
         return 0;
     }
 };

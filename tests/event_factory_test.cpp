@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
 #include <string>
 #include <typeinfo>
 #include <vector>
@@ -115,6 +119,65 @@ TEST(EventFactory, EventIsReturnedEvenWhenTheBlockSizeIsWrong) {
                   "%D ERROR (%t): Assigning data block with invalid size (16) to Event object."});
     event->destroy();
     block->release();
+}
+
+// A block as a connection assembles it, with `payload` as a formatted payload.
+Message_Block* blockWithPayload(uint32_t type, const std::string& payload) {
+    std::string wire = TarnwickTest::word(0) + TarnwickTest::word(12) +
+                       TarnwickTest::word(static_cast<uint32_t>(payload.size())) +
+                       TarnwickTest::word(type) + TarnwickTest::word(0) +
+                       TarnwickTest::word(0x00060201) + TarnwickTest::word(0) +
+                       TarnwickTest::word(0) + payload;
+    return TarnwickTest::blockFromWire(wire);
+}
+
+TEST(EventFactory, MalformedPayloadGivesAnEventWithoutArgumentsAndOneDebugLine) {
+    std::fflush(stderr);
+    char name[] = "/tmp/tarnwick_stderr_XXXXXX";
+    int const file = mkstemp(name);
+    ASSERT_GE(file, 0);
+    unlink(name);
+    int const saved = dup(2);
+    dup2(file, 2);
+    std::vector<std::string> lines;
+    Abstract_Event* event = nullptr;
+    {
+        LogCapture capture;
+        Message_Block* block =
+            blockWithPayload(DIR_LIST_EVENT, std::string("<message><param name=\"a\">") + '\0');
+        event = Event_Factory::create(block);
+        block->release();
+        lines = capture.lines();
+    }
+    std::fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    char buffer[256];
+    ssize_t const written = pread(file, buffer, sizeof buffer, 0);
+    close(file);
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->type(), DIR_LIST_EVENT);
+    EXPECT_TRUE(event->getArgMap().empty());
+    event->destroy();
+    EXPECT_EQ(written, 0) << std::string(buffer, written > 0 ? written : 0);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].compare(0, 24, "%D DEBUG (%t): libxml2: "), 0) << lines[0];
+}
+
+TEST(EventFactory, ParameterNamesAreTakenAsTheyStand) {
+    Message_Block* block = blockWithPayload(
+        DIR_LIST_EVENT, std::string("<message><param name=\"path\">/a</param>"
+                                    "<param name=\"x' or @name='path\">b</param></message>") +
+                            '\0');
+    Abstract_Event* event = Event_Factory::create(block);
+    block->release();
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(event->getArgMap(),
+              (std::map<std::string, std::string>{{"path", "/a"}, {"x' or @name='path", "b"}}));
+    std::string value;
+    EXPECT_EQ(event->getArg("x' or @name='path", value), 0);
+    EXPECT_EQ(value, "b");
+    event->destroy();
 }
 
 TEST(EventFactory, BlockWithTypeNinetyNineIsNotConverted) {

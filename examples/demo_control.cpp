@@ -22,6 +22,10 @@
 // Exit status: 0 for a reply, 1 for an error reply, no reply in time or a
 // bad command line, 2 when the agent can't be reached.
 //
+// The reply is the agent's text: before it reaches the terminal, control
+// characters in it (U+0000 to U+001F, U+007F to U+009F) are shown as \xHH
+// per byte, so that a reply can't move the cursor or change the terminal.
+//
 // tarnwick-example: session
 #include <tarnwick/abstract_event.h>
 #include <tarnwick/application.h>
@@ -86,6 +90,36 @@ bool naturalLess(const std::string& a, const std::string& b) {
         return std::make_pair(s.substr(0, digits), number);
     };
     return split(a) < split(b);
+}
+
+// `text` with its control characters as \xHH, one per byte (the text is
+// UTF-8, as every received argument is).
+std::string printable(const std::string& text) {
+    static const char HEX[] = "0123456789ABCDEF";
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        unsigned char const byte = static_cast<unsigned char>(text[i]);
+        size_t count = 0;
+        if (byte < 0x20 || byte == 0x7F) {
+            count = 1;
+        } else if (byte == 0xC2 && i + 1 < text.size() &&
+                   static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+                   static_cast<unsigned char>(text[i + 1]) < 0xA0) {
+            count = 2;
+        }
+        if (count == 0) {
+            out += text[i];
+            continue;
+        }
+        for (size_t k = 0; k < count; ++k, ++i) {
+            unsigned char const b = static_cast<unsigned char>(text[i]);
+            out += "\\x";
+            out += HEX[b >> 4];
+            out += HEX[b & 0x0F];
+        }
+        --i;
+    }
+    return out;
 }
 
 // What came back for the command.
@@ -227,8 +261,9 @@ private:
             return EXIT_ERROR;
         }
         if (m_reply.error) {
-            std::printf("%s: error %s: %s\n", command.c_str(), m_reply.args["errornr"].c_str(),
-                        m_reply.args["errormsg"].c_str());
+            std::printf("%s: error %s: %s\n", command.c_str(),
+                        printable(m_reply.args["errornr"]).c_str(),
+                        printable(m_reply.args["errormsg"]).c_str());
             return EXIT_ERROR;
         }
         std::vector<std::string> names;
@@ -240,8 +275,8 @@ private:
         std::sort(names.begin(), names.end(), naturalLess);
         std::printf("%s: reply with %zu argument(s)\n", command.c_str(), names.size());
         for (const std::string& name : names) {
-            std::printf("  %-*s  %s\n", static_cast<int>(width), name.c_str(),
-                        m_reply.args[name].c_str());
+            std::printf("  %-*s  %s\n", static_cast<int>(width), printable(name).c_str(),
+                        printable(m_reply.args[name]).c_str());
         }
         return EXIT_REPLY;
     }

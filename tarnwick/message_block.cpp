@@ -66,17 +66,20 @@ Data_Block::~Data_Block() {
 }
 
 void Data_Block::set_handle(ACE_HANDLE handle) {
+    replaceHandle(handle, false);
+}
+
+void Data_Block::setWriteHandle(ACE_HANDLE handle, uint64_t size) {
+    replaceHandle(handle, true);
+    m_size.store(size);
+}
+
+void Data_Block::replaceHandle(ACE_HANDLE handle, bool writable) {
     std::lock_guard<std::mutex> guard(m_handle_lock);
     if (m_handle != ACE_INVALID_HANDLE)
         closeKeepingErrno(m_handle);
     m_handle = handle;
-    m_writable = false;
-}
-
-void Data_Block::setWriteHandle(ACE_HANDLE handle, uint64_t size) {
-    set_handle(handle);
-    m_writable = true;
-    m_size.store(size);
+    m_writable = writable;
 }
 
 ACE_HANDLE Data_Block::get_handle() {

@@ -67,8 +67,11 @@ protected:
 private:
     // The descriptor, when the data block may write through it.
     ACE_HANDLE writeHandle() const { return m_writable ? m_handle : ACE_INVALID_HANDLE; }
-    // Keeps `handle` as the descriptor to write the payload through.
+    // Keeps `handle` as the descriptor to write the payload through, on a
+    // file of `size` bytes.
     void setWriteHandle(ACE_HANDLE handle, uint64_t size);
+    // Closes the old descriptor and keeps `handle`.
+    void replaceHandle(ACE_HANDLE handle, bool writable);
 
     std::mutex m_handle_lock;  // guards m_handle against two first opens
     ACE_HANDLE m_handle;

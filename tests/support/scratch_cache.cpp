@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <ftw.h>
 #include <stdlib.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -73,12 +75,14 @@ ScratchTemp::~ScratchTemp() {
     else
         unsetenv("TMPDIR");
     if (!path_.empty()) {
-        // Give the tree back to us first: a test may have handed parts of it
-        // to another owner or closed them.
-        std::string const command =
-            "chmod -R u+rwx '" + path_ + "' 2>/dev/null; rm -rf '" + path_ + "'";
-        if (std::system(command.c_str()) != 0) {
-        }
+        // Depth first, never following a link out of the tree.
+        ::nftw(
+            path_.c_str(),
+            [](const char* name, const struct stat*, int, struct FTW*) {
+                ::remove(name);
+                return 0;
+            },
+            16, FTW_DEPTH | FTW_PHYS);
     }
 }
 

@@ -334,8 +334,20 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
         m_registered = false;
     }
 
-    if (get_handle() != ACE_INVALID_HANDLE)
+    if (get_handle() != ACE_INVALID_HANDLE) {
+        // A lingering close waits in close(2) while the peer doesn't take
+        // the last bytes; on the reactor's thread that would hold up every
+        // peer. Without lingering the kernel still delivers them, in the
+        // background; a peer dropped for not reading gets a reset instead.
+        if (m_engine != nullptr) {
+            struct linger lingering;
+            lingering.l_onoff = m_overflow_reported ? 1 : 0;
+            lingering.l_linger = 0;
+            ACE_OS::setsockopt(get_handle(), SOL_SOCKET, SO_LINGER,
+                               reinterpret_cast<const char*>(&lingering), sizeof lingering);
+        }
         close_stream();
+    }
 
     if (m_engine == nullptr)
         return 0;

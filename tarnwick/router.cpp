@@ -21,6 +21,10 @@ Router::Router() = default;
 Router::~Router() = default;
 
 int Router::register_handler(Handler* handler) {
+    if (handler == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     if (!guard.locked())
         return -1;
@@ -77,8 +81,12 @@ SinglePeerRouter::SinglePeerRouter() : m_peer(nullptr) {}
 SinglePeerRouter::~SinglePeerRouter() = default;
 
 int SinglePeerRouter::register_handler(Handler* handler) {
+    if (handler == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    if (!guard.locked() || handler == nullptr)
+    if (!guard.locked())
         return -1;
     if (m_peer == handler || std::find(m_others.begin(), m_others.end(), handler) != m_others.end())
         return -1;

@@ -510,6 +510,9 @@ TEST_F(RouterTest, RemovingAConnectionNeverStoredChangesNothing) {
     // connection: nothing is removed and no reference is dropped.
     EXPECT_EQ(router.remove_handler(stranger), 1);
     EXPECT_EQ(router.remove_handler(nullptr), 1);
+    errno = 0;
+    EXPECT_EQ(router.register_handler(nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
     Dispatch_Set set;
     ASSERT_EQ(router.findAllHandlers(set), 0);
     EXPECT_EQ(members(set), std::vector<Handler*>{stored});

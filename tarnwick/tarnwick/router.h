@@ -28,7 +28,7 @@ public:
     // Stores `handler` and takes over the reference that the caller passes.
     // The same connection stored twice is refused (logged, -1; the caller
     // keeps its reference); another connection with the same agent id is
-    // not a duplicate. 0 or -1.
+    // not a duplicate. 0, or -1 (also for null, errno EINVAL).
     int register_handler(Handler* handler) override;
     // Forgets `handler` and drops the router's reference on it, once: 0 when
     // it was stored; 1 when it was not (never registered, or removed
@@ -59,8 +59,8 @@ public:
 
     // Takes over the reference that the caller passes: the first connection
     // becomes the peer, a later one is kept aside. 0; -1 when the lock can't
-    // be had or the same connection is registered twice (the caller keeps its
-    // reference).
+    // be had, for null (errno EINVAL), or when the same connection is
+    // registered twice (the caller keeps its reference).
     int register_handler(Handler* handler) override;
     // Forgets `handler` and drops the router's reference on it, once: 0 when
     // it was registered; 1 when it was not (or was removed already), and then

@@ -12,6 +12,7 @@
 #include <tarnwick/event_factory.h>
 #include <tarnwick/handler_t.h>
 #include <tarnwick/identity.h>
+#include <tarnwick/message_block.h>
 #include <tarnwick/router.h>
 #include <tarnwick/security.h>
 
@@ -1338,6 +1339,216 @@ TEST_F(SecuritySessionTest, TheListenerSpeaksTLS12AndNewerOnly) {
         EXPECT_EQ(2,
                   countStartingWith(capture.lines(),
                                     "%D ERROR (%t): Incoming connection failed: Protocol error"));
+        engine->shutdown();
+    });
+}
+
+namespace {
+
+// A TLS socket of a client thread: connected and through its handshake, or
+// not ok().
+class TLSSocket {
+public:
+    explicit TLSSocket(u_short port) {
+        m_ctx = SSL_CTX_new(TLS_client_method());
+        m_fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        m_ssl = SSL_new(m_ctx);
+        if (::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            SSL_set_fd(m_ssl, m_fd);
+            m_ok = SSL_connect(m_ssl) == 1;
+        }
+    }
+    ~TLSSocket() {
+        SSL_free(m_ssl);
+        ::close(m_fd);
+        SSL_CTX_free(m_ctx);
+    }
+    bool ok() const { return m_ok; }
+    SSL* ssl() { return m_ssl; }
+    int fd() const { return m_fd; }
+    // The bytes of one TLS record that carries `data`, not sent.
+    std::string record(const std::string& data) {
+        BIO* const memory = BIO_new(BIO_s_mem());
+        BIO* const socket = SSL_get_wbio(m_ssl);
+        BIO_up_ref(socket);
+        SSL_set0_wbio(m_ssl, memory);
+        SSL_write(m_ssl, data.data(), static_cast<int>(data.size()));
+        std::string bytes;
+        char buffer[4096];
+        int got;
+        while ((got = BIO_read(memory, buffer, sizeof buffer)) > 0)
+            bytes.append(buffer, static_cast<size_t>(got));
+        SSL_set0_wbio(m_ssl, socket);
+        return bytes;
+    }
+
+private:
+    SSL_CTX* m_ctx = nullptr;
+    SSL* m_ssl = nullptr;
+    int m_fd = -1;
+    bool m_ok = false;
+};
+
+uint32_t bigEndianAt(const std::string& bytes, size_t offset) {
+    uint32_t value = 0;
+    for (size_t i = 0; i < 4; ++i)
+        value = (value << 8) | static_cast<unsigned char>(bytes[offset + i]);
+    return value;
+}
+
+// The wire bytes of a new GetVersionEvent, and its token.
+std::string versionRequest(uint32_t& token) {
+    Tarnwick::Abstract_Event* const event =
+        Tarnwick::Event_Factory::create(Tarnwick::GET_VERSION_EVENT);
+    token = event->getACT();
+    Tarnwick::Message_Header header =
+        *static_cast<Tarnwick::Message_Block*>(event->data(false))->getHeader();
+    std::string payload;
+    ACE_Message_Block* const block = event->data(false);
+    if (block->cont() != nullptr)
+        payload.assign(block->cont()->rd_ptr(), block->cont()->length());
+    event->destroy();
+    header.decode();
+    header.encode();
+    return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+}
+
+// A TLS peer of the engine on a thread of its own that asks for the version
+// `rounds` times, one request after the other's reply, and notes each round
+// trip in microseconds (-1 for a request left without a reply).
+class TLSRequester {
+public:
+    TLSRequester(u_short port, int rounds) {
+        for (int i = 0; i < rounds; ++i) {
+            uint32_t token = 0;
+            m_requests.push_back(versionRequest(token));
+            m_tokens.push_back(token);
+        }
+        m_thread = std::thread([this, port] { run(port); });
+    }
+    ~TLSRequester() {
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    bool finished() const { return m_finished; }
+    // Joins the thread; the median round trip, -1 when one failed.
+    long median() {
+        m_thread.join();
+        std::vector<long> times = m_times;
+        if (times.size() != m_requests.size() ||
+            std::find(times.begin(), times.end(), -1) != times.end())
+            return -1;
+        std::sort(times.begin(), times.end());
+        return times[times.size() / 2];
+    }
+
+private:
+    void run(u_short port) {
+        TLSSocket socket(port);
+        std::string pending;
+        for (size_t i = 0; socket.ok() && i < m_requests.size(); ++i) {
+            auto const start = std::chrono::steady_clock::now();
+            SSL_write(socket.ssl(), m_requests[i].data(), static_cast<int>(m_requests[i].size()));
+            bool answered = false;
+            while (!answered) {
+                // Whole messages first; those of other tokens (the engine's
+                // own identification request) are skipped.
+                while (pending.size() >= 32 && pending.size() >= 32 + bigEndianAt(pending, 8)) {
+                    size_t const length = 32 + bigEndianAt(pending, 8);
+                    answered = answered || bigEndianAt(pending, 4) == m_tokens[i];
+                    pending.erase(0, length);
+                }
+                if (answered)
+                    break;
+                char buffer[4096];
+                int const got = SSL_read(socket.ssl(), buffer, sizeof buffer);
+                if (got <= 0)
+                    break;
+                pending.append(buffer, static_cast<size_t>(got));
+            }
+            auto const took = std::chrono::steady_clock::now() - start;
+            m_times.push_back(
+                answered ? static_cast<long>(
+                               std::chrono::duration_cast<std::chrono::microseconds>(took).count())
+                         : -1);
+        }
+        if (socket.ok())
+            SSL_shutdown(socket.ssl());
+        m_finished = true;
+    }
+
+    std::vector<std::string> m_requests;
+    std::vector<uint32_t> m_tokens;
+    std::vector<long> m_times;
+    std::thread m_thread;
+    std::atomic<bool> m_finished{false};
+};
+
+}  // namespace
+
+TEST_F(SecuritySessionTest, MisbehavingSSLPeersHoldUpNobody) {
+    // The figures are printed for the record; what is asserted is that every
+    // request of the well-behaved peer got its reply meanwhile.
+    inChild([]() {
+        LogCapture capture;
+        SessionEvents* events = nullptr;
+        u_short const port = startServer(dir(), "server", false, events, false);
+        ASSERT_NE(0, port) << capture.text();
+        Engine* const engine = Engine::getSingleton();
+
+        TLSRequester quiet(port, 30);
+        EXPECT_TRUE(pumpUntil(engine, [&] { return quiet.finished(); }));
+        long const quietMedian = quiet.median();
+        EXPECT_GE(quietMedian, 0);
+
+        // Silent TCP connections, a record cut short after the handshake,
+        // and a record sent a byte every 20 ms.
+        ACE_SOCK_Connector connector;
+        ACE_SOCK_Stream silent[3];
+        for (ACE_SOCK_Stream& peer : silent)
+            ASSERT_EQ(0, connector.connect(peer, loopback(port)));
+        std::atomic<bool> stop(false);
+        std::atomic<int> ready(0);
+        uint32_t token = 0;
+        std::string const request = versionRequest(token);
+        std::thread partial([&] {
+            TLSSocket socket(port);
+            std::string const bytes = socket.record(request);
+            ::send(socket.fd(), bytes.data(), 3, MSG_NOSIGNAL);
+            ++ready;
+            while (!stop)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        });
+        std::thread trickle([&] {
+            TLSSocket socket(port);
+            std::string const bytes = socket.record(request);
+            ++ready;
+            for (size_t i = 0; i < bytes.size() && !stop; ++i) {
+                ::send(socket.fd(), bytes.data() + i, 1, MSG_NOSIGNAL);
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            while (!stop)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        });
+        EXPECT_TRUE(pumpUntil(engine, [&] { return ready == 2; }));
+
+        TLSRequester noisy(port, 30);
+        EXPECT_TRUE(pumpUntil(engine, [&] { return noisy.finished(); }));
+        long const noisyMedian = noisy.median();
+        EXPECT_GE(noisyMedian, 0);
+        std::cout << "SSL round trip median: quiet " << quietMedian
+                  << " us, with misbehaving neighbours " << noisyMedian << " us\n";
+
+        stop = true;
+        partial.join();
+        trickle.join();
+        for (ACE_SOCK_Stream& peer : silent)
+            peer.close();
+        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
         engine->shutdown();
     });
 }

@@ -25,7 +25,7 @@ namespace {
 
 class Probe : public PlainHandler {
 public:
-    ACE_Message_Block* incoming() const { return m_incoming; }
+    ACE_Message_Block* incoming() const { return m_reader.partial(); }
 };
 
 // Two handlers joined over loopback, both non-blocking.

@@ -616,11 +616,11 @@ void Engine::replaceOlderConnections(Handler* newer) {
 }
 
 void Engine::setMaxMessageSize(uint64_t size) {
-    Handler::Max_Message_Size = size;
+    Message_Reader::setMaxMessageSize(size);
 }
 
 uint64_t Engine::maxMessageSize() const {
-    return Handler::Max_Message_Size;
+    return Message_Reader::maxMessageSize();
 }
 
 // ---------------------------------------------------------------------------

@@ -71,16 +71,14 @@ private:
 
 }  // namespace
 
-uint64_t Handler::Data_Block_Size = 0x20000;
-std::atomic<uint64_t> Handler::Max_Message_Size(0x80000000ull);
+uint64_t& Handler::Data_Block_Size = Message_Block::Chunk_Size;
 std::atomic<uint64_t> Handler::Output_Disk_Limit(0x4000000ull);
 ACE_Time_Value Handler::Handshake_Limit(5);
 ACE_Time_Value Handler::Half_Close_Limit(60);
 ACE_Time_Value Handler::Output_Stall_Limit(30);
 
 Handler::Handler()
-    : m_incoming(nullptr),
-      m_outgoing_chunk(nullptr),
+    : m_outgoing_chunk(nullptr),
       m_bytes_received(0),
       m_bytes_sent(0),
       m_engine(nullptr),
@@ -103,10 +101,6 @@ Handler::Handler()
       m_overflow_reported(false) {}
 
 Handler::~Handler() {
-    if (m_incoming != nullptr) {
-        m_incoming->release();
-        m_incoming = nullptr;
-    }
     if (m_outgoing_chunk != nullptr) {
         m_outgoing_chunk->release();
         m_outgoing_chunk = nullptr;
@@ -397,25 +391,27 @@ uint64_t Handler::diskBytes(ACE_Message_Block* block) {
 // Receiving
 
 int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) {
-    if (m_incoming == nullptr) {
-        Message_Block* fresh = new (std::nothrow) Message_Block();
-        if (fresh == nullptr || fresh->getHeader() == nullptr) {
-            if (fresh != nullptr)
-                fresh->release();
+    // One buffer for all receives, remade only when the chunk size changes.
+    size_t const chunk_size = static_cast<size_t>(Data_Block_Size);
+    if (m_recv_buffer == nullptr || m_recv_buffer_size < std::max(chunk_size, HEADER_SIZE)) {
+        size_t const size = std::max(chunk_size, HEADER_SIZE);
+        m_recv_buffer.reset(new (std::nothrow) char[size]);
+        m_recv_buffer_size = m_recv_buffer != nullptr ? size : 0;
+        if (m_recv_buffer == nullptr) {
             errno = ENOMEM;
             return -1;
         }
-        m_incoming = fresh;
-        m_partial_logged = false;
     }
+    char* const buffer = m_recv_buffer.get();
 
     // The header, completed behind the bytes of earlier calls.
     int64_t header_read = 0;
-    size_t const have = m_incoming->length();
-    if (have < HEADER_SIZE) {
-        size_t const wanted = HEADER_SIZE - have;
+    if (!m_reader.headerComplete()) {
+        if (m_reader.headerBytes() == 0)
+            m_partial_logged = false;
+        size_t const wanted = m_reader.wanted();
         errno = 0;
-        ssize_t const count = recv_bytes(m_incoming->wr_ptr(), wanted, timeout);
+        ssize_t const count = recv_bytes(buffer, wanted, timeout);
         if (count < 1) {
             int const error = errno;
             if (error == EWOULDBLOCK)
@@ -423,94 +419,71 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
             if (error != 0 && count != 0)
                 TW_LOG("%D ERROR (%t): Receive error while reading message header (%d bytes): %m\n",
                        static_cast<int>(wanted));
-            m_incoming->release();
-            m_incoming = nullptr;
+            m_reader.reset();
             errno = error;
             return count;
         }
-        m_incoming->wr_ptr(static_cast<size_t>(count));
         header_read = count;
-        if (m_incoming->length() < HEADER_SIZE) {
+        size_t used = 0;
+        if (m_reader.feed(buffer, static_cast<size_t>(count), used) == -1)
+            return refused();
+        if (!m_reader.headerComplete()) {
             errno = EWOULDBLOCK;
             // Once per message: a peer that sends its header a byte at a
             // time doesn't get to write a line per byte into our log.
             if (!m_partial_logged) {
                 m_partial_logged = true;
                 TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
-                       static_cast<int>(m_incoming->length()), static_cast<int>(HEADER_SIZE));
+                       static_cast<int>(m_reader.headerBytes()), static_cast<int>(HEADER_SIZE));
             }
             return -1;
         }
+    } else {
+        // A header found bad before stays bad.
+        size_t used = 0;
+        if (m_reader.feed(buffer, 0, used) == -1)
+            return refused();
     }
 
-    auto* message = dynamic_cast<Message_Block*>(m_incoming);
-    Message_Header* header = message != nullptr ? message->getHeader() : nullptr;
-    if (header == nullptr)
-        return -1;
-    header->decode();
-    if (!header->isReadable()) {
-        errno = EINVAL;
-        TW_LOG("%D ERROR (%t): Invalid message header received from %C\n", printable(address()));
-        return -1;
-    }
-    uint64_t const limit = Max_Message_Size;
-    if (header->getSize() > limit) {
-        errno = EMSGSIZE;
-        TW_LOG("%D ERROR (%t): Message of %u bytes from %C is larger than the limit of %Q bytes\n",
-               static_cast<unsigned>(header->getSize()), printable(address()),
-               static_cast<ACE_UINT64>(limit));
-        return -1;
-    }
-
-    int64_t const remaining =
-        static_cast<int64_t>(header->getSize()) - static_cast<int64_t>(message->getLength());
-    if (remaining < 0) {
-        // More payload than announced: only a payload file that can't be
-        // measured any more looks like this.
-        if (errno == 0 || errno == EWOULDBLOCK)
-            errno = EIO;
-        return -1;
-    }
-
-    // One buffer for all receives, remade only when the chunk size changes.
-    size_t const chunk_size = static_cast<size_t>(Data_Block_Size);
-    if (m_recv_buffer == nullptr || m_recv_buffer_size != chunk_size) {
-        m_recv_buffer.reset(new (std::nothrow) char[chunk_size]);
-        m_recv_buffer_size = m_recv_buffer != nullptr ? chunk_size : 0;
-        if (m_recv_buffer == nullptr) {
-            errno = ENOMEM;
-            return -1;
-        }
-    }
-
+    // At most one chunk of payload per call.
     ssize_t count = 0;
-    if (remaining > 0) {
-        size_t const wanted =
-            static_cast<size_t>(std::min<uint64_t>(chunk_size, static_cast<uint64_t>(remaining)));
+    size_t const wanted = m_reader.wanted();
+    if (wanted > 0) {
         errno = 0;
-        count = recv_bytes(m_recv_buffer.get(), wanted, timeout);
+        count = recv_bytes(buffer, wanted, timeout);
         if (count == 0 || (count < 0 && errno != EWOULDBLOCK)) {
             // A failure inside a payload ends the message like a close.
             int const error = errno;
-            m_incoming->release();
-            m_incoming = nullptr;
+            m_reader.reset();
             errno = error;
             return 0;
         }
         if (count < 0)
             return -1;
     }
-
-    if (message->write(m_recv_buffer.get(), static_cast<uint64_t>(count)) == -1)
+    size_t used = 0;
+    int const status = m_reader.feed(buffer, static_cast<size_t>(count), used);
+    if (status == -1)
         return -1;
-
-    if (count == remaining) {
-        m_incoming->rd_ptr(m_incoming->base());
-        block = m_incoming;
-        m_incoming = nullptr;
+    if (status == 1) {
+        block = m_reader.take();
         return count + header_read;
     }
     errno = EWOULDBLOCK;
+    return -1;
+}
+
+int64_t Handler::refused() {
+    int const error = errno;
+    if (error == EINVAL) {
+        TW_LOG("%D ERROR (%t): Invalid message header received from %C\n", printable(address()));
+    } else if (error == EMSGSIZE) {
+        const Message_Header* const header = m_reader.partial()->getHeader();
+        TW_LOG("%D ERROR (%t): Message of %u bytes from %C is larger than the limit of %Q bytes\n",
+               static_cast<unsigned>(header->getSize()), printable(address()),
+               static_cast<ACE_UINT64>(Message_Reader::maxMessageSize()));
+    }
+    errno = error;
     return -1;
 }
 
@@ -580,12 +553,8 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
         }
         // The bytes in network order are made once per message, from a copy:
         // the block's own header may be read by other threads meanwhile.
-        if (offset == 0) {
-            Message_Header wire(*header);
-            wire.decode();
-            wire.encode();
-            std::memcpy(m_header_out, &wire, HEADER_SIZE);
-        }
+        if (offset == 0)
+            Message_Writer::EncodeHeader(header, m_header_out);
         errno = 0;
         ssize_t const count = send_bytes(m_header_out + offset, block->length(), timeout);
         if (count < 1) {

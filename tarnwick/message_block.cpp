@@ -1,5 +1,4 @@
 #include <tarnwick/act_cache.h>
-#include <tarnwick/handler.h>
 #include <tarnwick/log.h>
 #include <tarnwick/message_block.h>
 
@@ -133,6 +132,8 @@ Data_Block* Data_Block::create() {
         return nullptr;
     return new (memory) Data_Block();
 }
+
+uint64_t Message_Block::Chunk_Size = 0x20000;
 
 ACE_Lock_Adapter<ACE_Thread_Mutex>* Message_Block::m_locking_strategy = nullptr;
 
@@ -272,7 +273,7 @@ int64_t Message_Block::write(const char* data, uint64_t length) {
     if (block != nullptr && block->isStoredOnDisk())
         return writeToDisk(data, length);
     uint64_t const total = length + getLength();
-    if (total > Handler::Data_Block_Size) {
+    if (total > Chunk_Size) {
         if (block == nullptr) {
             errno = EINVAL;
             return -1;
@@ -413,9 +414,9 @@ int64_t Message_Block::readFromDisk(Data_Block* block, ACE_Message_Block*& out) 
     }
     ACE_Message_Block* piece = out;
     if (piece == nullptr) {
-        piece = new (std::nothrow)
-            ACE_Message_Block(static_cast<size_t>(Handler::Data_Block_Size), MB_DATA, nullptr,
-                              nullptr, nullptr, block->locking_strategy());
+        piece =
+            new (std::nothrow) ACE_Message_Block(static_cast<size_t>(Chunk_Size), MB_DATA, nullptr,
+                                                 nullptr, nullptr, block->locking_strategy());
         if (piece == nullptr || piece->base() == nullptr) {
             if (piece != nullptr)
                 piece->release();

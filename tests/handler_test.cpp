@@ -30,6 +30,8 @@
 
 #include "block_limit.h"
 #include "log_capture.h"
+#include "log_lines.h"
+#include "loopback.h"
 #include "scratch_cache.h"
 
 using Tarnwick::Handler;
@@ -38,19 +40,19 @@ using Tarnwick::Message_Header;
 using Tarnwick::PlainHandler;
 using Tarnwick::Sig_Pipe_Guard;
 using TarnwickTest::BlockLimit;
+using TarnwickTest::Lines;
+using TarnwickTest::Listener;
 using TarnwickTest::LogCapture;
 using TarnwickTest::ScratchCache;
 
 namespace {
-
-typedef std::vector<std::string> Lines;
 
 // A PlainHandler with its messages in flight in view, and a mark of its end.
 class ProbeHandler : public PlainHandler {
 public:
     explicit ProbeHandler(bool* gone = nullptr) : m_gone(gone) {}
 
-    ACE_Message_Block* incoming() const { return m_incoming; }
+    ACE_Message_Block* incoming() const { return m_reader.partial(); }
     ACE_Message_Block* outgoingChunk() const { return m_outgoing_chunk; }
 
 protected:
@@ -61,24 +63,6 @@ protected:
 
 private:
     bool* m_gone;
-};
-
-// A listening socket on 127.0.0.1 and a port of the system's choice.
-class Listener {
-public:
-    Listener() {
-        ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
-        EXPECT_EQ(m_acceptor.open(any, 1), 0);
-        EXPECT_EQ(m_acceptor.get_local_addr(m_address), 0);
-    }
-    ~Listener() { m_acceptor.close(); }
-
-    const ACE_INET_Addr& address() const { return m_address; }
-    int accept(ACE_SOCK_Stream& stream) { return m_acceptor.accept(stream); }
-
-private:
-    ACE_SOCK_Acceptor m_acceptor;
-    ACE_INET_Addr m_address;
 };
 
 // A handler under test, opened without an engine, and the raw socket at the

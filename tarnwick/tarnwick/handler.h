@@ -3,6 +3,7 @@
 
 #include <tarnwick/act_cache.h>
 #include <tarnwick/identity.h>
+#include <tarnwick/message_codec.h>
 
 #include <ace/INET_Addr.h>
 #include <ace/Message_Block.h>
@@ -42,11 +43,8 @@ public:
     // The largest payload that a message keeps in memory, and the size of
     // the buffers that move payload between socket, memory and disk. 131072
     // when the library loads; Engine::open makes it 16384.
-    static uint64_t Data_Block_Size;
-    // The largest payload a peer may announce in one message header; a
-    // larger one ends the connection before any of it is read. 2 GiB unless
-    // changed (Engine::setMaxMessageSize).
-    static std::atomic<uint64_t> Max_Message_Size;
+    // (The block layer's Message_Block::Chunk_Size, under this name.)
+    static uint64_t& Data_Block_Size;
     // The bytes of spilled payload (in event cache files) that may wait in
     // one connection's output queue, besides the 524288 bytes in memory. A
     // message always fits into a queue that holds no spilled payload.
@@ -165,7 +163,8 @@ protected:
     void updateTimestamps();
     void updateRecvTimestamps();
 
-    ACE_Message_Block* m_incoming;
+    // The message being received; survives between reactor calls.
+    Message_Reader m_reader;
     ACE_Message_Block* m_outgoing_chunk;
     std::string m_address;
     uint64_t m_bytes_received;
@@ -207,6 +206,8 @@ private:
     // The output queue refused a message: drops a peer that has stopped
     // reading.
     void overflow();
+    // Logs why the reader refused the message under way; -1 with its errno.
+    int64_t refused();
     // The spilled payload bytes of `block`, 0 for a payload in memory.
     static uint64_t diskBytes(ACE_Message_Block* block);
 

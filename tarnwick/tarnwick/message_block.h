@@ -84,7 +84,7 @@ private:
 // One message. The data block's buffer holds the 32-byte header, over which
 // the block's read and write positions run; the payload lives in the
 // continuation, a plain ACE_Message_Block, until it grows past
-// Handler::Data_Block_Size, and from then on in a spill file of the event
+// Chunk_Size, and from then on in a spill file of the event
 // cache (ACT_Cache), which names and creates it. Memory per message stays
 // bounded by that limit whatever the size of the payload; the bytes on disk
 // count against the event cache's quota.
@@ -99,6 +99,10 @@ class Message_Block : public ACE_Message_Block {
 public:
     // Set in the block's own flags: the block is a Message_Block.
     static const Message_Flags MESSAGE_BLOCK_FLAG = 0x4000;
+    // The largest payload a message keeps in memory, and the size of the
+    // pieces read back from a spill file. 131072 when the library loads;
+    // Chunk_Size is this same value under its connection name.
+    static uint64_t Chunk_Size;
 
     // A block with a fresh Data_Block; getHeader() is null when that
     // allocation failed.

@@ -1,22 +1,14 @@
 #include "wire.h"
 
 #include <tarnwick/message_block.h>
+#include <tarnwick/message_codec.h>
 
 #include <cstring>
 
 namespace TarnwickTest {
 
 std::string wireBytes(ACE_Message_Block* block) {
-    auto* message = dynamic_cast<Tarnwick::Message_Block*>(block);
-    if (message == nullptr || message->getHeader() == nullptr)
-        return std::string();
-    Tarnwick::Message_Header header = *message->getHeader();
-    header.decode();
-    header.encode();
-    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    if (block->cont() != nullptr)
-        bytes.append(block->cont()->rd_ptr(), block->cont()->length());
-    return bytes;
+    return Tarnwick::Message_Writer::Bytes(block);
 }
 
 Tarnwick::Message_Block* blockFromWire(const std::string& wire) {

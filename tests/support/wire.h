@@ -11,8 +11,8 @@ class Message_Block;
 
 namespace TarnwickTest {
 
-// The 32 header bytes in network order followed by the in-memory payload of
-// `block`, which is left as it was.
+// The 32 header bytes in network order followed by the payload of `block`
+// (from memory or its spill file), which is left as it was.
 std::string wireBytes(ACE_Message_Block* block);
 
 // The header part (first 32 bytes) and payload part of wire bytes.

@@ -3,20 +3,19 @@
 //
 // Builds an IdentityEvent and a GetVersionEvent with a few arguments, takes
 // the bytes that a connection would send for each (the 32-byte header in
-// network order, then the payload), prints them, and then does what the
-// receiving side does: a new Message_Block from the bytes, a typed event from
-// Event_Factory::create, and EventHandler::handle_event to dispatch it.
+// network order, then the payload) from a Message_Writer, prints them, and
+// then does what the receiving side does: a Message_Reader assembles the
+// message from the bytes, Event_Factory::create makes the typed event, and
+// EventHandler::handle_event dispatches it.
 #include <tarnwick/abstract_event.h>
 #include <tarnwick/event_factory.h>
-#include <tarnwick/message_block.h>
-#include <tarnwick/message_header.h>
+#include <tarnwick/message_codec.h>
 
 #include <libxml/parser.h>
 
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -25,20 +24,11 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-// The bytes of the event's message as a sender writes them.
+// The bytes of the event's message as a sender writes them: what the
+// library's Message_Writer gives out for its block.
 Bytes wireBytes(Tarnwick::Abstract_Event* ev) {
-    ACE_Message_Block* b = ev->data(false);  // lent: the event keeps it
-    if (b == nullptr)
-        return Bytes();
-    Tarnwick::Message_Header header = *static_cast<Tarnwick::Message_Block*>(b)->getHeader();
-    header.encode();  // the wire is in network order
-    const unsigned char* h = reinterpret_cast<const unsigned char*>(&header);
-    Bytes out(h, h + sizeof header);
-    for (ACE_Message_Block* p = b->cont(); p != nullptr; p = p->cont()) {
-        const unsigned char* d = reinterpret_cast<const unsigned char*>(p->rd_ptr());
-        out.insert(out.end(), d, d + p->length());
-    }
-    return out;
+    const std::string bytes = Tarnwick::Message_Writer::Bytes(ev->data(false));  // lent block
+    return Bytes(bytes.begin(), bytes.end());
 }
 
 // The header as eight 32-bit words and the payload as text.
@@ -75,23 +65,16 @@ void dumpWire(const char* what, const Bytes& wire) {
     std::printf("\n");
 }
 
-// What a connection does with the bytes it has read: the header into a new
-// block, decoded to host order and checked, the payload behind it, and the
-// typed event made from the whole. Null when the bytes are no message.
+// What a connection does with the bytes it has read: a Message_Reader takes
+// them (checking the header, then collecting the payload), and the whole
+// message becomes a typed event. Null when the bytes are no whole message.
 Tarnwick::Abstract_Event* receive(const Bytes& wire) {
-    if (wire.size() < 32)
+    Tarnwick::Message_Reader reader;
+    size_t used = 0;
+    if (reader.feed(reinterpret_cast<const char*>(wire.data()), wire.size(), used) != 1 ||
+        used != wire.size())
         return nullptr;
-    Tarnwick::Message_Block* block = new Tarnwick::Message_Block;
-    Tarnwick::Message_Header* header = block->getHeader();
-    std::memcpy(static_cast<void*>(header), wire.data(), 32);
-    header->decode();
-    if (!header->isReadable() || header->getSize() != wire.size() - 32) {
-        block->release();
-        return nullptr;
-    }
-    block->wr_ptr(32);
-    if (wire.size() > 32)
-        block->write(reinterpret_cast<const char*>(wire.data() + 32), wire.size() - 32);
+    ACE_Message_Block* block = reader.take();
     Tarnwick::Abstract_Event* ev = Tarnwick::Event_Factory::create(block);
     block->release();  // the event holds its own reference
     return ev;

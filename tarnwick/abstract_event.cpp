@@ -65,18 +65,31 @@ Abstract_Event::Abstract_Event() : m_block(nullptr), m_document(nullptr), m_dirt
     m_block->wr_ptr(HEADER_SIZE);
 }
 
+// A copy shares the source's message (one data block, one payload) with a
+// reference of its own, so that each of the two may be destroyed; the parsed
+// document is a cache of the payload, made again when the copy needs it.
 Abstract_Event::Abstract_Event(const Abstract_Event& other)
     : m_args(other.m_args),
       m_nestedArgs(other.m_nestedArgs),
-      m_block(other.m_block),
-      m_document(other.m_document),
+      m_block(other.m_block != nullptr ? static_cast<Message_Block*>(other.m_block->duplicate())
+                                       : nullptr),
+      m_document(nullptr),
       m_dirty(other.m_dirty) {}
 
 Abstract_Event& Abstract_Event::operator=(const Abstract_Event& other) {
+    if (this == &other)
+        return *this;
+    // The new reference first: the two may share one block.
+    Message_Block* const taken = other.m_block != nullptr
+                                     ? static_cast<Message_Block*>(other.m_block->duplicate())
+                                     : nullptr;
+    if (m_block != nullptr)
+        m_block->release();
+    delete m_document;
     m_args = other.m_args;
     m_nestedArgs = other.m_nestedArgs;
-    m_block = other.m_block;
-    m_document = other.m_document;
+    m_block = taken;
+    m_document = nullptr;
     m_dirty = other.m_dirty;
     return *this;
 }

@@ -1023,3 +1023,34 @@ TEST(AbstractEvent, PayloadWithADocumentTypeLoadsNothing) {
     EXPECT_EQ(value.find("root:"), std::string::npos);
     EXPECT_EQ(err.text(), "");
 }
+
+TEST(AbstractEventCopy, ACopyAndItsSourceMayBothBeDestroyed) {
+    GetVersionEvent* source = new GetVersionEvent();
+    source->setArg("name", "one");
+    Abstract_Event* copy = new GetVersionEvent(*source);
+    EXPECT_EQ(copy->getArgMap().at("name"), "one");
+    // One message, shared.
+    EXPECT_EQ(copy->data(false)->data_block(), source->data(false)->data_block());
+    source->destroy();
+    EXPECT_EQ(copy->getACT(), copy->getACT());
+    copy->destroy();
+}
+
+TEST(AbstractEventCopy, AssignmentReleasesWhatTheTargetHeld) {
+    GetVersionEvent source;
+    source.setArg("name", "two");
+    GetVersionEvent target;
+    target.setArg("other", "x");
+    ACE_Message_Block* before = target.data(true);
+    ASSERT_NE(before, nullptr);
+    target = source;
+    // The target's old message is no longer referenced by the target: the
+    // test's own reference is the last one.
+    EXPECT_EQ(before->data_block()->reference_count(), 1);
+    before->release();
+    EXPECT_EQ(target.getArgMap().at("name"), "two");
+    EXPECT_EQ(target.getArgMap().count("other"), 0u);
+    GetVersionEvent& same = target;
+    target = same;
+    EXPECT_EQ(target.getArgMap().at("name"), "two");
+}

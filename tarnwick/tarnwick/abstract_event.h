@@ -62,8 +62,9 @@ public:
     // A new event with an opened header holding a fresh token. Without
     // memory the event has no block and its accessors answer 0.
     Abstract_Event();
-    // The copy shares the source's block and document without a reference
-    // of its own: only one of the two may be destroyed.
+    // A copy (or an assignment) shares the source's message, with a
+    // reference of its own: either may be destroyed, in any order. What the
+    // target held before an assignment is released.
     Abstract_Event(const Abstract_Event& other);
     Abstract_Event& operator=(const Abstract_Event& other);
     virtual ~Abstract_Event();

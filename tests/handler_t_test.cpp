@@ -17,41 +17,17 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "log_lines.h"
+#include "loopback.h"
 
 using Tarnwick::Handler;
 using Tarnwick::PlainHandler;
 using Tarnwick::Sig_Pipe_Guard;
 using Tarnwick::SSLHandler;
+using TarnwickTest::Lines;
+using TarnwickTest::Listener;
 using TarnwickTest::LogCapture;
-
-namespace {
-
-typedef std::vector<std::string> Lines;
-
-// A listening socket on 127.0.0.1 and a port of the system's choice.
-class Listener {
-public:
-    Listener() {
-        ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
-        EXPECT_EQ(m_acceptor.open(any, 1), 0);
-        EXPECT_EQ(m_acceptor.get_local_addr(m_address), 0);
-    }
-    ~Listener() { close(); }
-
-    const ACE_INET_Addr& address() const { return m_address; }
-    int accept(ACE_SOCK_Stream& stream) { return m_acceptor.accept(stream); }
-    void close() { m_acceptor.close(); }
-
-private:
-    ACE_SOCK_Acceptor m_acceptor;
-    ACE_INET_Addr m_address;
-};
-
-bool startsWith(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
+using TarnwickTest::startsWith;
 
 TEST(PlainHandler, ConnectToOpensWithoutAnEngine) {
     LogCapture capture;

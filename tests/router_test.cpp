@@ -21,18 +21,34 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "log_lines.h"
+#include "loopback.h"
 
-using namespace Tarnwick;
+// Tarnwick's names one by one: the suite's fixture is called Router.
+using Tarnwick::Abstract_Event;
+using Tarnwick::ACT_List;
+using Tarnwick::DIR_LIST_EVENT;
+using Tarnwick::Dispatch_Set;
+using Tarnwick::Engine;
+using Tarnwick::Event_Factory;
+using Tarnwick::GET_VERSION_EVENT;
+using Tarnwick::Handler;
+using Tarnwick::Identity;
+using Tarnwick::KICK_EVENT;
+using Tarnwick::RELOAD_EVENT;
+using Tarnwick::Router_Base;
+using Tarnwick::Routing_Key;
+using Tarnwick::SinglePeerRouter;
+using TarnwickTest::Lines;
+using TarnwickTest::Listener;
 using TarnwickTest::LogCapture;
 
 namespace {
 
-typedef std::vector<std::string> Lines;
-
 // Connected handlers outside any engine: forward() queues their messages and
 // asks the engine's reactor for a write wake-up, so the engine is opened
 // (without workers) for the whole suite; nothing runs its loop.
-class RouterTest : public ::testing::Test {
+class Router : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         Engine::getSingleton()->disableIdentification();
@@ -40,11 +56,7 @@ protected:
     }
     static void TearDownTestSuite() { Engine::getSingleton()->shutdown(); }
 
-    void SetUp() override {
-        ACE_INET_Addr any(static_cast<u_short>(0), "127.0.0.1");
-        ASSERT_EQ(m_listener.open(any, 1), 0);
-        ASSERT_EQ(m_listener.get_local_addr(m_address), 0);
-    }
+    void SetUp() override { ASSERT_FALSE(HasFailure()) << "no listening socket"; }
 
     void TearDown() override {
         for (Handler* handler : m_handlers) {
@@ -64,7 +76,7 @@ protected:
     Handler* connect(Identity::Type type = Identity::UNKNOWN, uint32_t agentid = 0) {
         Handler* handler = nullptr;
         ACE_Synch_Options options;
-        EXPECT_EQ(Engine::makeActiveConnection(m_address, 0, options, &handler), 0);
+        EXPECT_EQ(Engine::makeActiveConnection(m_listener.address(), 0, options, &handler), 0);
         m_peers.emplace_back(new ACE_SOCK_Stream());
         EXPECT_EQ(m_listener.accept(*m_peers.back()), 0);
         Identity identity("peer", type, 0);
@@ -86,16 +98,15 @@ protected:
         ASSERT_EQ(router.register_handler(handler->duplicate()), 0);
     }
 
-    ACE_SOCK_Acceptor m_listener;
-    ACE_INET_Addr m_address;
+    Listener m_listener;
     std::vector<Handler*> m_handlers;
     std::vector<std::unique_ptr<ACE_SOCK_Stream>> m_peers;
 };
 
 // Exposes find() and lets a test choose the default kind of search.
-class OpenRouter : public Router {
+class OpenRouter : public Tarnwick::Router {
 public:
-    using Router::find;
+    using Tarnwick::Router::find;
     int default_filter_type() override { return filter; }
     int filter = Routing_Key::ROUTE_HANDLER;
 };
@@ -121,7 +132,7 @@ size_t queued(Handler* handler) {
 // ---------------------------------------------------------------------------
 // Routing keys
 
-TEST_F(RouterTest, KeysMatchByKind) {
+TEST_F(Router, KeysMatchByKind) {
     Handler* agent = connect(Identity::TWAGENT, 7);
     Handler* sameAgent = connect(Identity::TWAGENT, 7);
     Handler* other = connect(Identity::TWCTRL, 7);
@@ -199,14 +210,14 @@ TEST(RoutingKey, DumpPrintsToStandardOutput) {
 // ---------------------------------------------------------------------------
 // Router
 
-TEST_F(RouterTest, FindOnAnEmptyRouterFails) {
+TEST_F(Router, FindOnAnEmptyRouterFails) {
     OpenRouter router;
     Dispatch_Set set;
     EXPECT_EQ(router.find(Routing_Key(Routing_Key::ROUTE_ALL), set), -1);
     EXPECT_EQ(router.findAllHandlers(set), -1);
 }
 
-TEST_F(RouterTest, RegistrationLogsTheCountAndRefusesDuplicates) {
+TEST_F(Router, RegistrationLogsTheCountAndRefusesDuplicates) {
     OpenRouter router;
     Handler* a = connect();
     Handler* b = connect();
@@ -222,7 +233,7 @@ TEST_F(RouterTest, RegistrationLogsTheCountAndRefusesDuplicates) {
     router.remove_handler(b);
 }
 
-TEST_F(RouterTest, FindWalksNewestFirstAndTakesAReferenceEach) {
+TEST_F(Router, FindWalksNewestFirstAndTakesAReferenceEach) {
     OpenRouter router;
     Handler* a = connect();
     Handler* b = connect();
@@ -242,7 +253,7 @@ TEST_F(RouterTest, FindWalksNewestFirstAndTakesAReferenceEach) {
     router.remove_handler(c);
 }
 
-TEST_F(RouterTest, TokenZeroIsRefusedFirst) {
+TEST_F(Router, TokenZeroIsRefusedFirst) {
     OpenRouter router;
     Abstract_Event* event = Event_Factory::create(GET_VERSION_EVENT);
     // Only a header without a token can be sent without one: make it so.
@@ -258,7 +269,7 @@ TEST_F(RouterTest, TokenZeroIsRefusedFirst) {
     event->destroy();
 }
 
-TEST_F(RouterTest, AResultGoesByItsTokenNotByItsAgentId) {
+TEST_F(Router, AResultGoesByItsTokenNotByItsAgentId) {
     OpenRouter router;
     Handler* asker = connect();
     Handler* agent = connect(Identity::TWAGENT, 5);
@@ -279,7 +290,7 @@ TEST_F(RouterTest, AResultGoesByItsTokenNotByItsAgentId) {
     router.remove_handler(agent);
 }
 
-TEST_F(RouterTest, AgentIdWinsOverBroadcastAndTheTargetNotesTheToken) {
+TEST_F(Router, AgentIdWinsOverBroadcastAndTheTargetNotesTheToken) {
     OpenRouter router;
     Handler* five = connect(Identity::TWAGENT, 5);
     Handler* six = connect(Identity::TWAGENT, 6);
@@ -300,7 +311,7 @@ TEST_F(RouterTest, AgentIdWinsOverBroadcastAndTheTargetNotesTheToken) {
     router.remove_handler(six);
 }
 
-TEST_F(RouterTest, BroadcastReachesTheAgentsOnly) {
+TEST_F(Router, BroadcastReachesTheAgentsOnly) {
     OpenRouter router;
     Handler* five = connect(Identity::TWAGENT, 5);
     Handler* six = connect(Identity::TWAGENT, 6);
@@ -322,7 +333,7 @@ TEST_F(RouterTest, BroadcastReachesTheAgentsOnly) {
     router.remove_handler(control);
 }
 
-TEST_F(RouterTest, BroadcastWithoutAgentsFails) {
+TEST_F(Router, BroadcastWithoutAgentsFails) {
     OpenRouter router;
     Abstract_Event* event = Event_Factory::create(RELOAD_EVENT);
     event->setBroadCast(true);
@@ -335,7 +346,7 @@ TEST_F(RouterTest, BroadcastWithoutAgentsFails) {
     event->destroy();
 }
 
-TEST_F(RouterTest, ReplyWhoseTokenNoConnectionHoldsFails) {
+TEST_F(Router, ReplyWhoseTokenNoConnectionHoldsFails) {
     OpenRouter router;
     Handler* a = connect();
     enter(router, a);
@@ -351,7 +362,7 @@ TEST_F(RouterTest, ReplyWhoseTokenNoConnectionHoldsFails) {
     router.remove_handler(a);
 }
 
-TEST_F(RouterTest, DefaultKindFindsNothingUnlessChanged) {
+TEST_F(Router, DefaultKindFindsNothingUnlessChanged) {
     OpenRouter router;
     Handler* mine = connect();
     mine->setInitiatedByConnector();
@@ -372,7 +383,7 @@ TEST_F(RouterTest, DefaultKindFindsNothingUnlessChanged) {
     router.remove_handler(theirs);
 }
 
-TEST_F(RouterTest, ForwardToDeadConnectionsReturnsZero) {
+TEST_F(Router, ForwardToDeadConnectionsReturnsZero) {
     OpenRouter router;
     Handler* a = dead();
     Handler* b = dead();
@@ -389,7 +400,7 @@ TEST_F(RouterTest, ForwardToDeadConnectionsReturnsZero) {
     event->destroy();
 }
 
-TEST_F(RouterTest, ClearActForgetsTheTokenEverywhere) {
+TEST_F(Router, ClearActForgetsTheTokenEverywhere) {
     OpenRouter router;
     Handler* a = connect();
     Handler* b = connect();
@@ -407,7 +418,7 @@ TEST_F(RouterTest, ClearActForgetsTheTokenEverywhere) {
     router.remove_handler(b);
 }
 
-TEST_F(RouterTest, CloseAllConnectionsClosesEach) {
+TEST_F(Router, CloseAllConnectionsClosesEach) {
     OpenRouter router;
     Handler* a = connect();
     Handler* b = connect();
@@ -428,7 +439,7 @@ TEST_F(RouterTest, CloseAllConnectionsClosesEach) {
     EXPECT_TRUE(quiet.lines().empty());
 }
 
-TEST_F(RouterTest, TwoConnectionsOfOneAgentAreBothStored) {
+TEST_F(Router, TwoConnectionsOfOneAgentAreBothStored) {
     OpenRouter router;
     Handler* first = connect(Identity::TWAGENT, 3);
     Handler* second = connect(Identity::TWAGENT, 3);
@@ -451,7 +462,7 @@ TEST_F(RouterTest, TwoConnectionsOfOneAgentAreBothStored) {
 // The older connection of an agent closes after a newer one came: only the
 // older one's entry goes, only its reference is dropped, and the newer one
 // stays routable.
-TEST_F(RouterTest, RemovingTheOlderConnectionOfAnAgentKeepsTheNewer) {
+TEST_F(Router, RemovingTheOlderConnectionOfAnAgentKeepsTheNewer) {
     OpenRouter router;
     Handler* older = connect(Identity::TWAGENT, 3);
     Handler* newer = connect(Identity::TWAGENT, 3);
@@ -483,7 +494,7 @@ TEST_F(RouterTest, RemovingTheOlderConnectionOfAnAgentKeepsTheNewer) {
 
 // The engine registers a connection when it opens, before its peer has said
 // who it is; two peers then identify as one agent.
-TEST_F(RouterTest, ConnectionsIdentifiedAsOneAgentAfterRegistration) {
+TEST_F(Router, ConnectionsIdentifiedAsOneAgentAfterRegistration) {
     OpenRouter router;
     Handler* older = connect();
     Handler* newer = connect();
@@ -501,7 +512,7 @@ TEST_F(RouterTest, ConnectionsIdentifiedAsOneAgentAfterRegistration) {
     EXPECT_EQ(router.remove_handler(newer), 0);
 }
 
-TEST_F(RouterTest, RemovingAConnectionNeverStoredChangesNothing) {
+TEST_F(Router, RemovingAConnectionNeverStoredChangesNothing) {
     OpenRouter router;
     Handler* stored = connect(Identity::TWAGENT, 4);
     Handler* stranger = connect(Identity::TWAGENT, 4);
@@ -520,7 +531,7 @@ TEST_F(RouterTest, RemovingAConnectionNeverStoredChangesNothing) {
     EXPECT_EQ(router.remove_handler(stored), 0);
 }
 
-TEST_F(RouterTest, OtherConnectionsOfTheSameAgent) {
+TEST_F(Router, OtherConnectionsOfTheSameAgent) {
     OpenRouter router;
     Handler* first = connect(Identity::TWAGENT, 4);
     Handler* second = connect(Identity::TWAGENT, 4);
@@ -556,7 +567,7 @@ TEST_F(RouterTest, OtherConnectionsOfTheSameAgent) {
 // Searches by token stay cheap when a connection holds as many tokens as it
 // may: the newest are found, the evicted ones are not, and clear_act takes
 // one away.
-TEST_F(RouterTest, SearchByTokenOnAFullList) {
+TEST_F(Router, SearchByTokenOnAFullList) {
     OpenRouter router;
     Handler* busy = connect();
     Handler* quiet = connect();
@@ -594,7 +605,7 @@ TEST_F(RouterTest, SearchByTokenOnAFullList) {
 
 // Connections come and go on one thread while others search by agent and by
 // token and forget tokens, as workers do.
-TEST_F(RouterTest, SearchesWhileConnectionsComeAndGo) {
+TEST_F(Router, SearchesWhileConnectionsComeAndGo) {
     OpenRouter router;
     std::vector<Handler*> handlers;
     for (int i = 0; i < 6; ++i) {
@@ -637,7 +648,7 @@ TEST_F(RouterTest, SearchesWhileConnectionsComeAndGo) {
 // ---------------------------------------------------------------------------
 // SinglePeerRouter
 
-TEST_F(RouterTest, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
+TEST_F(Router, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
     OpenSingle router;
     EXPECT_FALSE(router.isConnected());
     Dispatch_Set none;
@@ -662,7 +673,7 @@ TEST_F(RouterTest, SinglePeerKeepsTheFirstAndIgnoresTheKey) {
     EXPECT_FALSE(router.isConnected());
 }
 
-TEST_F(RouterTest, SinglePeerRemovesOnlyTheGivenConnection) {
+TEST_F(Router, SinglePeerRemovesOnlyTheGivenConnection) {
     OpenSingle router;
     Handler* peer = connect();
     Handler* other = connect();
@@ -680,7 +691,7 @@ TEST_F(RouterTest, SinglePeerRemovesOnlyTheGivenConnection) {
     EXPECT_EQ(router.find(Routing_Key(), set), -1);
 }
 
-TEST_F(RouterTest, SinglePeerTheOldestAsideTakesOverFromAGonePeer) {
+TEST_F(Router, SinglePeerTheOldestAsideTakesOverFromAGonePeer) {
     OpenSingle router;
     Handler* peer = connect(Identity::TWAGENT, 2);
     Handler* second = connect(Identity::TWAGENT, 2);

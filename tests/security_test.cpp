@@ -16,10 +16,7 @@
 #include <tarnwick/router.h>
 #include <tarnwick/security.h>
 
-#include <child.h>
 #include <gtest/gtest.h>
-#include <log_capture.h>
-#include <loopback.h>
 
 #include <ace/INET_Addr.h>
 #include <ace/OS_NS_sys_time.h>
@@ -57,14 +54,31 @@
 #include <thread>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
+#include "engine_setup.h"
+#include "forked.h"
+#include "log_lines.h"
+#include "loopback.h"
+#include "pump.h"
+#include "scratch_dir.h"
 
 using Tarnwick::Configuration;
 using Tarnwick::PrivilegedEnvironment;
 using Tarnwick::Security;
+using TarnwickTest::argOf;
+using TarnwickTest::checkLeaks;
+using TarnwickTest::connections;
+using TarnwickTest::countPrefix;
+using TarnwickTest::freePort;
+using TarnwickTest::hasLine;
+using TarnwickTest::hasPrefix;
+using TarnwickTest::inChild;
 using TarnwickTest::LogCapture;
+using TarnwickTest::loopback;
+using TarnwickTest::now;
+using TarnwickTest::pumpFor;
+using TarnwickTest::pumpUntil;
+using TarnwickTest::ScratchDir;
+using TarnwickTest::wordAt;
 
 namespace {
 
@@ -88,54 +102,12 @@ void writeFile(const std::string& path, const std::string& content) {
     out << content;
 }
 
-// A temporary directory, removed with everything in it.
-class ScratchDir {
-public:
-    ScratchDir() {
-        char pattern[] = "/tmp/tw-security-XXXXXX";
-        if (mkdtemp(pattern) != nullptr)
-            path_ = pattern;
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        if (!path_.empty())
-            std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 // Runs tests/support/make_certs.sh: an authority in `dir` and the key files
 // of `names` (shell words, "--foreign" included).
 bool makeCertificates(const std::string& dir, const std::string& names) {
     std::string const command =
         "sh '" + sourceDir() + "/tests/support/make_certs.sh' '" + dir + "' " + names;
     return std::system(command.c_str()) == 0;
-}
-
-// Reports leaks of a test body that runs in a child process (which ends
-// without the sanitizer's own check).
-void checkLeaks() {
-#if defined(__SANITIZE_ADDRESS__)
-    if (__lsan_do_recoverable_leak_check() != 0)
-        ADD_FAILURE() << "memory leaked";
-#endif
-}
-
-// Runs `body` in a forked child; its expectations and leaks count for the
-// test.
-void inChild(const std::function<void()>& body) {
-    TarnwickTest::ChildResult const result = TarnwickTest::runInChild([&]() {
-        body();
-        checkLeaks();
-        return ::testing::Test::HasFailure() ? 1 : 0;
-    });
-    EXPECT_TRUE(result.exited()) << result.output << result.errors;
-    EXPECT_EQ(0, result.exitCode()) << result.output << result.errors;
 }
 
 // The captured lines, without ACE_SSL's own report of an OpenSSL error.
@@ -146,14 +118,6 @@ std::vector<std::string> libraryLines(const LogCapture& capture) {
             lines.push_back(line);
     }
     return lines;
-}
-
-bool hasLineStartingWith(const std::vector<std::string>& lines, const std::string& start) {
-    for (const std::string& line : lines) {
-        if (line.compare(0, start.size(), start) == 0)
-            return true;
-    }
-    return false;
 }
 
 // Declares the library's settings of an application and of security, and
@@ -211,7 +175,7 @@ int acceptOutcome(SSL_CTX* ctx) {
 // The authority and key files of every SSL test, made once: "server" and
 // "client" signed by the authority, "rogue" by another one, and "lonely"
 // without its .cacert.
-class SecuritySSLTest : public ::testing::Test {
+class SecuritySSL : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         keys_ = new ScratchDir();
@@ -232,8 +196,8 @@ protected:
     static bool ready_;
 };
 
-ScratchDir* SecuritySSLTest::keys_ = nullptr;
-bool SecuritySSLTest::ready_ = false;
+ScratchDir* SecuritySSL::keys_ = nullptr;
+bool SecuritySSL::ready_ = false;
 
 // The lines of a set-up of the name `name` in `keydir` that succeeds.
 std::vector<std::string> successLines(const std::string& keydir, const std::string& base) {
@@ -251,7 +215,7 @@ std::vector<std::string> successLines(const std::string& keydir, const std::stri
 // ---------------------------------------------------------------------------
 // The simple members
 
-TEST(SecurityTest, LoginIsNotImplemented) {
+TEST(Security, LoginIsNotImplemented) {
     errno = 0;
     EXPECT_EQ(-1, Tarnwick::Security::login("user", "password"));
     EXPECT_EQ(ENOSYS, errno);
@@ -260,11 +224,11 @@ TEST(SecurityTest, LoginIsNotImplemented) {
     EXPECT_EQ(ENOSYS, errno);
 }
 
-TEST(SecurityTest, HasNoAuthenticationComponent) {
+TEST(Security, HasNoAuthenticationComponent) {
     EXPECT_FALSE(Security::hasCwAT());
 }
 
-TEST(SecurityTest, InitSecurityOptionsDeclaresKeydirAndNossl) {
+TEST(Security, InitSecurityOptionsDeclaresKeydirAndNossl) {
     inChild([]() {
         Configuration* const config = Tarnwick::getConfigSingleton();
         EXPECT_FALSE(config->setKeyVal(L"keydir", L"/etc/keys"));
@@ -297,7 +261,7 @@ TEST(SecurityTest, InitSecurityOptionsDeclaresKeydirAndNossl) {
 // ---------------------------------------------------------------------------
 // The SSL context
 
-TEST_F(SecuritySSLTest, SetupSSLByNameLoadsTheFilesOfTheNameInKeydir) {
+TEST_F(SecuritySSL, SetupSSLByNameLoadsTheFilesOfTheNameInKeydir) {
     inChild([]() {
         Security::initSecurityOptions();
         Tarnwick::getConfigSingleton()->setKeyVal(L"keydir", widen(dir()).c_str());
@@ -316,7 +280,7 @@ TEST_F(SecuritySSLTest, SetupSSLByNameLoadsTheFilesOfTheNameInKeydir) {
     });
 }
 
-TEST_F(SecuritySSLTest, KeydirEndingInASeparatorGetsNoSecondOne) {
+TEST_F(SecuritySSL, KeydirEndingInASeparatorGetsNoSecondOne) {
     inChild([]() {
         Security::initSecurityOptions();
         Tarnwick::getConfigSingleton()->setKeyVal(L"keydir", widen(dir() + "/").c_str());
@@ -326,7 +290,7 @@ TEST_F(SecuritySSLTest, KeydirEndingInASeparatorGetsNoSecondOne) {
     });
 }
 
-TEST_F(SecuritySSLTest, WithoutKeydirTheFilesAreLookedForInTheCurrentDirectory) {
+TEST_F(SecuritySSL, WithoutKeydirTheFilesAreLookedForInTheCurrentDirectory) {
     inChild([]() {
         ASSERT_EQ(0, chdir(dir().c_str()));
         Security::initSecurityOptions();  // declared, but without a value
@@ -338,7 +302,7 @@ TEST_F(SecuritySSLTest, WithoutKeydirTheFilesAreLookedForInTheCurrentDirectory) 
     });
 }
 
-TEST_F(SecuritySSLTest, WithoutStrictModeAMissingCAFileDoesNoHarm) {
+TEST_F(SecuritySSL, WithoutStrictModeAMissingCAFileDoesNoHarm) {
     inChild([]() {
         Security::initSecurityOptions();
         Tarnwick::getConfigSingleton()->setKeyVal(L"keydir", widen(dir()).c_str());
@@ -348,7 +312,7 @@ TEST_F(SecuritySSLTest, WithoutStrictModeAMissingCAFileDoesNoHarm) {
     });
 }
 
-TEST_F(SecuritySSLTest, StrictModeFailsOnAMissingCAFileBeforeTheCertificateIsRead) {
+TEST_F(SecuritySSL, StrictModeFailsOnAMissingCAFileBeforeTheCertificateIsRead) {
     inChild([]() {
         Security::initSecurityOptions();
         Tarnwick::getConfigSingleton()->setKeyVal(L"keydir", widen(dir()).c_str());
@@ -368,7 +332,7 @@ TEST_F(SecuritySSLTest, StrictModeFailsOnAMissingCAFileBeforeTheCertificateIsRea
     });
 }
 
-TEST_F(SecuritySSLTest, StrictModeTrustsTheCAFileAloneAndVerifiesThePeer) {
+TEST_F(SecuritySSL, StrictModeTrustsTheCAFileAloneAndVerifiesThePeer) {
     inChild([]() {
         // Authorities of the environment don't count in strict mode.
         setenv("SSL_CERT_FILE", file("foreign-ca.cert").c_str(), 1);
@@ -388,7 +352,7 @@ TEST_F(SecuritySSLTest, StrictModeTrustsTheCAFileAloneAndVerifiesThePeer) {
     });
 }
 
-TEST_F(SecuritySSLTest, DisableStrictLeavesTheCAFileAlone) {
+TEST_F(SecuritySSL, DisableStrictLeavesTheCAFileAlone) {
     inChild([]() {
         Security::enable_strict();
         Security::disable_strict();
@@ -400,7 +364,7 @@ TEST_F(SecuritySSLTest, DisableStrictLeavesTheCAFileAlone) {
     });
 }
 
-TEST_F(SecuritySSLTest, SetupSSLWithPathsLogsAndLoadsThem) {
+TEST_F(SecuritySSL, SetupSSLWithPathsLogsAndLoadsThem) {
     inChild([]() {
         LogCapture capture;
         EXPECT_EQ(0, Security::SetupSSL(widen(file("client.cert")).c_str(),
@@ -412,7 +376,7 @@ TEST_F(SecuritySSLTest, SetupSSLWithPathsLogsAndLoadsThem) {
     });
 }
 
-TEST_F(SecuritySSLTest, AMissingCertificateFails) {
+TEST_F(SecuritySSL, AMissingCertificateFails) {
     inChild([]() {
         LogCapture capture;
         EXPECT_EQ(-1, Security::SetupSSL(widen(file("absent.cert")).c_str(),
@@ -428,7 +392,7 @@ TEST_F(SecuritySSLTest, AMissingCertificateFails) {
     });
 }
 
-TEST_F(SecuritySSLTest, AMissingPrivateKeyFails) {
+TEST_F(SecuritySSL, AMissingPrivateKeyFails) {
     inChild([]() {
         LogCapture capture;
         EXPECT_EQ(-1, Security::SetupSSL(widen(file("server.cert")).c_str(),
@@ -442,18 +406,18 @@ TEST_F(SecuritySSLTest, AMissingPrivateKeyFails) {
     });
 }
 
-TEST_F(SecuritySSLTest, AKeyOfAnotherCertificateFails) {
+TEST_F(SecuritySSL, AKeyOfAnotherCertificateFails) {
     inChild([]() {
         LogCapture capture;
         EXPECT_EQ(-1, Security::SetupSSL(widen(file("server.cert")).c_str(),
                                          widen(file("client.key")).c_str(),
                                          widen(file("server.cacert")).c_str()));
-        EXPECT_TRUE(hasLineStartingWith(libraryLines(capture),
-                                        "%D ERROR (%t): Can not load SSL private key: "));
+        EXPECT_TRUE(
+            hasPrefix(libraryLines(capture), "%D ERROR (%t): Can not load SSL private key: "));
     });
 }
 
-TEST_F(SecuritySSLTest, SetupNeedsALoadedConfigurationAndLogsNothingWithout) {
+TEST_F(SecuritySSL, SetupNeedsALoadedConfigurationAndLogsNothingWithout) {
     inChild([]() {
         Tarnwick::Identity::instance()->setName("server");
         Security::initSecurityOptions();
@@ -465,7 +429,7 @@ TEST_F(SecuritySSLTest, SetupNeedsALoadedConfigurationAndLogsNothingWithout) {
     });
 }
 
-TEST_F(SecuritySSLTest, SetupUsesTheIdentityNameAndTheConfiguredKeydir) {
+TEST_F(SecuritySSL, SetupUsesTheIdentityNameAndTheConfiguredKeydir) {
     inChild([]() {
         ScratchDir scratch;
         loadConfiguration(scratch.path() + "/agent.conf", "[paths]\nkeydir=" + dir() + "\n");
@@ -480,7 +444,7 @@ TEST_F(SecuritySSLTest, SetupUsesTheIdentityNameAndTheConfiguredKeydir) {
     });
 }
 
-TEST_F(SecuritySSLTest, AClientContextCanNotAccept) {
+TEST_F(SecuritySSL, AClientContextCanNotAccept) {
     inChild([]() {
         ScratchDir scratch;
         loadConfiguration(scratch.path() + "/agent.conf", "[paths]\nkeydir=" + dir() + "\n");
@@ -494,7 +458,7 @@ TEST_F(SecuritySSLTest, AClientContextCanNotAccept) {
     });
 }
 
-TEST_F(SecuritySSLTest, AFailedSetupSaysSoLast) {
+TEST_F(SecuritySSL, AFailedSetupSaysSoLast) {
     inChild([]() {
         ScratchDir scratch;
         loadConfiguration(scratch.path() + "/agent.conf", "[paths]\nkeydir=" + dir() + "\n");
@@ -557,7 +521,7 @@ bool allPermitted() {
     return countInSet(CAP_PERMITTED) == BACKUP_CAPABILITY_COUNT;
 }
 
-TEST(PrivilegedEnvironmentTest, RaisesTheCapabilitiesAndTheDestructorDropsThem) {
+TEST(PrivilegedEnvironment, RaisesTheCapabilitiesAndTheDestructorDropsThem) {
     if (!allPermitted())
         GTEST_SKIP() << "needs the six capabilities in the permitted set (root)";
     inChild([]() {
@@ -579,7 +543,7 @@ TEST(PrivilegedEnvironmentTest, RaisesTheCapabilitiesAndTheDestructorDropsThem) 
     });
 }
 
-TEST(PrivilegedEnvironmentTest, EnableAndDisableByHand) {
+TEST(PrivilegedEnvironment, EnableAndDisableByHand) {
     if (!allPermitted())
         GTEST_SKIP() << "needs the six capabilities in the permitted set (root)";
     inChild([]() {
@@ -594,7 +558,7 @@ TEST(PrivilegedEnvironmentTest, EnableAndDisableByHand) {
     });
 }
 
-TEST(PrivilegedEnvironmentTest, DisabledAtConstructionChangesNothingEvenAfterEnablingByHand) {
+TEST(PrivilegedEnvironment, DisabledAtConstructionChangesNothingEvenAfterEnablingByHand) {
     if (!allPermitted())
         GTEST_SKIP() << "needs the six capabilities in the permitted set (root)";
     inChild([]() {
@@ -618,7 +582,7 @@ TEST(PrivilegedEnvironmentTest, DisabledAtConstructionChangesNothingEvenAfterEna
     });
 }
 
-TEST(PrivilegedEnvironmentTest, WithoutTheBackupCapabilityEnablingFails) {
+TEST(PrivilegedEnvironment, WithoutTheBackupCapabilityEnablingFails) {
     inChild([]() {
         ASSERT_TRUE(changeFlag(CAP_DAC_READ_SEARCH, {CAP_EFFECTIVE, CAP_PERMITTED}, CAP_CLEAR));
         ASSERT_FALSE(hasFlag(CAP_DAC_READ_SEARCH, CAP_PERMITTED));
@@ -638,7 +602,7 @@ TEST(PrivilegedEnvironmentTest, WithoutTheBackupCapabilityEnablingFails) {
     });
 }
 
-TEST(PrivilegedEnvironmentTest, AFailureStopsTheRowAndKeepsWhatWasRaised) {
+TEST(PrivilegedEnvironment, AFailureStopsTheRowAndKeepsWhatWasRaised) {
     if (!allPermitted())
         GTEST_SKIP() << "needs the six capabilities in the permitted set (root)";
     inChild([]() {
@@ -660,7 +624,7 @@ TEST(PrivilegedEnvironmentTest, AFailureStopsTheRowAndKeepsWhatWasRaised) {
     });
 }
 
-TEST(PrivilegedEnvironmentTest, WithoutTheSecurityCapabilityTheThirdFails) {
+TEST(PrivilegedEnvironment, WithoutTheSecurityCapabilityTheThirdFails) {
     if (!allPermitted())
         GTEST_SKIP() << "needs the six capabilities in the permitted set (root)";
     inChild([]() {
@@ -681,7 +645,7 @@ TEST(PrivilegedEnvironmentTest, WithoutTheSecurityCapabilityTheThirdFails) {
     });
 }
 
-TEST(PrivilegedEnvironmentTest, DisablingIgnoresFailures) {
+TEST(PrivilegedEnvironment, DisablingIgnoresFailures) {
     inChild([]() {
         ASSERT_TRUE(changeFlag(CAP_DAC_READ_SEARCH, {CAP_EFFECTIVE, CAP_PERMITTED}, CAP_CLEAR));
         LogCapture capture;
@@ -721,55 +685,8 @@ using Tarnwick::Engine;
 using Tarnwick::Handler;
 using Tarnwick::Identity;
 
-ACE_Time_Value clockNow() {
-    return ACE_OS::gettimeofday();
-}
-
-// Runs reactor steps until `done` says yes, for at most `ms` milliseconds.
-bool pumpUntil(Engine* engine, const std::function<bool()>& done, int ms = 8000) {
-    ACE_Time_Value const deadline = clockNow() + ACE_Time_Value(ms / 1000, (ms % 1000) * 1000);
-    for (;;) {
-        if (done())
-            return true;
-        if (clockNow() > deadline)
-            return false;
-        if (engine->getReactor() != nullptr)
-            engine->run_step();
-        ACE_OS::sleep(ACE_Time_Value(0, 500));
-    }
-}
-
-void pumpFor(Engine* engine, int ms) {
-    pumpUntil(
-        engine, [] { return false; }, ms);
-}
-
-ACE_INET_Addr loopback(u_short port) {
-    return ACE_INET_Addr(port, "127.0.0.1");
-}
-
-using TarnwickTest::freePort;
-
-bool hasLine(const std::vector<std::string>& lines, const std::string& wanted) {
-    for (const std::string& line : lines) {
-        if (line == wanted)
-            return true;
-    }
-    return false;
-}
-
-int countStartingWith(const std::vector<std::string>& lines, const std::string& start) {
-    int count = 0;
-    for (const std::string& line : lines)
-        count += line.compare(0, start.size(), start) == 0 ? 1 : 0;
-    return count;
-}
-
-std::string argOf(Abstract_Event* event, const char* name) {
-    std::string value;
-    event->getArg(name, value);
-    return value;
-}
+// How long a test waits for a session to get somewhere, in milliseconds.
+const int SSL_WAIT_MS = 8000;
 
 // The events of one end of a session, dispatched on its reactor thread. A
 // GetVersionEvent whose token this side sent is the peer's reply; any other
@@ -855,13 +772,6 @@ SessionEvents* prepareEngine(const std::string& keydir, const char* name, Identi
     return events;
 }
 
-int connections(Engine* engine) {
-    Tarnwick::Dispatch_Set set;
-    if (engine->router() == nullptr || engine->router()->findAllHandlers(set) == -1)
-        return 0;
-    return static_cast<int>(set.size());
-}
-
 // The protocol version of the engine's one SSL connection, or 0.
 int sessionVersion(Engine* engine) {
     Tarnwick::Dispatch_Set set;
@@ -928,8 +838,8 @@ public:
     // The exit status, after waiting at most `seconds`; -1 if it didn't end
     // (it is killed then) or was killed.
     int exitCode(int seconds = 10) {
-        ACE_Time_Value const deadline = clockNow() + ACE_Time_Value(seconds);
-        while (!finished() && clockNow() < deadline)
+        ACE_Time_Value const deadline = now() + ACE_Time_Value(seconds);
+        while (!finished() && now() < deadline)
             ACE_OS::sleep(ACE_Time_Value(0, 5000));
         if (!finished()) {
             kill(m_pid, SIGKILL);
@@ -970,10 +880,13 @@ int runClient(u_short port, const std::string& keydir, const char* name, bool st
     }
     int const version = sessionVersion(engine);
     events->ask(blob);
-    bool const done = pumpUntil(engine, [&] {
-        return events->activations.size() == 1 && events->replies.size() == 1 &&
-               events->requests == (serverAsks ? 1 : 0);
-    });
+    bool const done = pumpUntil(
+        engine,
+        [&] {
+            return events->activations.size() == 1 && events->replies.size() == 1 &&
+                   events->requests == (serverAsks ? 1 : 0);
+        },
+        SSL_WAIT_MS);
     // Our answer to the server's request goes out before we leave.
     pumpFor(engine, 100);
 
@@ -1067,12 +980,12 @@ private:
     std::atomic<int> m_version{0};
 };
 
-// The SSL tests of the engine share the key files of SecuritySSLTest, and a
+// The SSL tests of the engine share the key files of SecuritySSL, and a
 // TMPDIR for the engines' event caches.
-class SecuritySessionTest : public SecuritySSLTest {
+class SecuritySession : public SecuritySSL {
 protected:
     static void SetUpTestSuite() {
-        SecuritySSLTest::SetUpTestSuite();
+        SecuritySSL::SetUpTestSuite();
         const char* const before = std::getenv("TMPDIR");
         had_temp_ = before != nullptr;
         temp_before_ = had_temp_ ? before : "";
@@ -1086,19 +999,19 @@ protected:
             setenv("TMPDIR", temp_before_.c_str(), 1);
         else
             unsetenv("TMPDIR");
-        SecuritySSLTest::TearDownTestSuite();
+        SecuritySSL::TearDownTestSuite();
     }
 
     static bool had_temp_;
     static std::string temp_before_;
 };
 
-bool SecuritySessionTest::had_temp_ = false;
-std::string SecuritySessionTest::temp_before_;
+bool SecuritySession::had_temp_ = false;
+std::string SecuritySession::temp_before_;
 
 }  // namespace
 
-TEST_F(SecuritySessionTest, TwoEnginesTalkOverSSLBothWaysAndIdentifyEachOther) {
+TEST_F(SecuritySession, TwoEnginesTalkOverSSLBothWaysAndIdentifyEachOther) {
     inChild([]() {
         std::string const blob(200000, 'b');
         PeerProcess client(
@@ -1111,10 +1024,14 @@ TEST_F(SecuritySessionTest, TwoEnginesTalkOverSSLBothWaysAndIdentifyEachOther) {
         ASSERT_NE(0, port) << capture.text();
         Engine* const engine = Engine::getSingleton();
         client.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] {
-            return events->activations.size() == 1 && events->replies.size() == 1 &&
-                   events->requests == 1 && events->disconnects == 1;
-        })) << capture.text();
+        EXPECT_TRUE(pumpUntil(
+            engine,
+            [&] {
+                return events->activations.size() == 1 && events->replies.size() == 1 &&
+                       events->requests == 1 && events->disconnects == 1;
+            },
+            SSL_WAIT_MS))
+            << capture.text();
         EXPECT_EQ(0, client.exitCode());
 
         std::vector<std::string> const lines = capture.lines();
@@ -1122,13 +1039,13 @@ TEST_F(SecuritySessionTest, TwoEnginesTalkOverSSLBothWaysAndIdentifyEachOther) {
         EXPECT_TRUE(hasLine(lines, "%D INFO  (%t): Connection from 127.0.0.1 activated : twctrl"));
         EXPECT_EQ(std::vector<int>{0}, events->activations);
         EXPECT_EQ(std::vector<std::string>{"client"}, events->replies);
-        EXPECT_EQ(0, countStartingWith(lines, "%D ERROR"));
-        EXPECT_EQ(0, countStartingWith(lines, "%D WARN "));
+        EXPECT_EQ(0, countPrefix(lines, "%D ERROR"));
+        EXPECT_EQ(0, countPrefix(lines, "%D WARN "));
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, SmallBuffersOnOneSideLoseNothing) {
+TEST_F(SecuritySession, SmallBuffersOnOneSideLoseNothing) {
     inChild([]() {
         std::string const blob(200000, 'b');
         PeerProcess client(
@@ -1142,16 +1059,20 @@ TEST_F(SecuritySessionTest, SmallBuffersOnOneSideLoseNothing) {
         Engine* const engine = Engine::getSingleton();
         engine->setBufferSize(512);
         client.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] {
-            return events->activations.size() == 1 && events->requests == 1 &&
-                   events->disconnects == 1;
-        })) << capture.text();
+        EXPECT_TRUE(pumpUntil(
+            engine,
+            [&] {
+                return events->activations.size() == 1 && events->requests == 1 &&
+                       events->disconnects == 1;
+            },
+            SSL_WAIT_MS))
+            << capture.text();
         EXPECT_EQ(0, client.exitCode());
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, AQuietSessionNeverHoldsTheReactor) {
+TEST_F(SecuritySession, AQuietSessionNeverHoldsTheReactor) {
     inChild([]() {
         // The client waits on its reactor while nothing at all is sent.
         PeerProcess client([&](u_short port) {
@@ -1165,11 +1086,11 @@ TEST_F(SecuritySessionTest, AQuietSessionNeverHoldsTheReactor) {
             if (engine->makeConnection(loopback(port), Tarnwick::CONNECTION_SSL, options) == -1)
                 return 11;
             ACE_Time_Value longest = ACE_Time_Value::zero;
-            ACE_Time_Value const end = clockNow() + ACE_Time_Value(0, 300000);
-            while (clockNow() < end) {
-                ACE_Time_Value const start = clockNow();
+            ACE_Time_Value const end = now() + ACE_Time_Value(0, 300000);
+            while (now() < end) {
+                ACE_Time_Value const start = now();
                 engine->run_step();
-                longest = std::max(longest, clockNow() - start);
+                longest = std::max(longest, now() - start);
             }
             int const open = connections(engine);
             engine->shutdown();
@@ -1190,14 +1111,16 @@ TEST_F(SecuritySessionTest, AQuietSessionNeverHoldsTheReactor) {
         Engine* const engine = Engine::getSingleton();
         engine->disableIdentification();
         client.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return client.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return client.finished(); }, SSL_WAIT_MS));
         EXPECT_EQ(0, client.exitCode()) << capture.text();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, StrictServerRefusesAPeerThatTheAuthorityDidNotSign) {
+TEST_F(SecuritySession, StrictServerRefusesAPeerThatTheAuthorityDidNotSign) {
     inChild([]() {
         PeerProcess rogue([&](u_short port) {
             LogCapture capture;
@@ -1211,7 +1134,8 @@ TEST_F(SecuritySessionTest, StrictServerRefusesAPeerThatTheAuthorityDidNotSign) 
             // failed connect or as the end of the new connection.
             if (engine->makeConnection(loopback(port), Tarnwick::CONNECTION_SSL, options) == 0) {
                 events->ask("");
-                if (!pumpUntil(engine, [&] { return connections(engine) == 0; }))
+                if (!pumpUntil(
+                        engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS))
                     return 11;
             }
             bool const refused = events->activations.empty() && events->replies.empty();
@@ -1226,11 +1150,16 @@ TEST_F(SecuritySessionTest, StrictServerRefusesAPeerThatTheAuthorityDidNotSign) 
         ASSERT_NE(0, port) << capture.text();
         Engine* const engine = Engine::getSingleton();
         rogue.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] {
-            return hasLine(capture.lines(),
-                           "%D ERROR (%t): Incoming connection failed: Protocol error");
-        })) << capture.text();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return rogue.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine,
+            [&] {
+                return hasLine(capture.lines(),
+                               "%D ERROR (%t): Incoming connection failed: Protocol error");
+            },
+            SSL_WAIT_MS))
+            << capture.text();
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return rogue.finished(); }, SSL_WAIT_MS));
         EXPECT_EQ(0, rogue.exitCode());
         EXPECT_EQ(0, connections(engine));
         EXPECT_TRUE(events->activations.empty());
@@ -1239,7 +1168,7 @@ TEST_F(SecuritySessionTest, StrictServerRefusesAPeerThatTheAuthorityDidNotSign) 
     });
 }
 
-TEST_F(SecuritySessionTest, StrictClientRefusesAServerThatTheAuthorityDidNotSign) {
+TEST_F(SecuritySession, StrictClientRefusesAServerThatTheAuthorityDidNotSign) {
     inChild([]() {
         PeerProcess client([&](u_short port) {
             LogCapture capture;
@@ -1267,7 +1196,8 @@ TEST_F(SecuritySessionTest, StrictClientRefusesAServerThatTheAuthorityDidNotSign
         ASSERT_NE(0, port) << capture.text();
         Engine* const engine = Engine::getSingleton();
         client.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return client.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return client.finished(); }, SSL_WAIT_MS));
         EXPECT_EQ(0, client.exitCode());
         EXPECT_EQ(0, connections(engine));
         EXPECT_TRUE(events->activations.empty());
@@ -1275,7 +1205,7 @@ TEST_F(SecuritySessionTest, StrictClientRefusesAServerThatTheAuthorityDidNotSign
     });
 }
 
-TEST_F(SecuritySessionTest, APeerWithoutHandshakeNeverHoldsTheReactorAndGoesAfterTheLimit) {
+TEST_F(SecuritySession, APeerWithoutHandshakeNeverHoldsTheReactorAndGoesAfterTheLimit) {
     inChild([]() {
         LogCapture capture;
         SessionEvents* events = nullptr;
@@ -1295,31 +1225,36 @@ TEST_F(SecuritySessionTest, APeerWithoutHandshakeNeverHoldsTheReactorAndGoesAfte
         ASSERT_EQ(0, connector.connect(partial, loopback(port)));
         ASSERT_EQ(3, partial.send_n("\x16\x03\x01", 3));
         // Another peer, behind them, is served at once.
-        ACE_Time_Value const start = clockNow();
+        ACE_Time_Value const start = now();
         RawTLSClient other(port, 0);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return other.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return other.finished(); }, SSL_WAIT_MS));
         EXPECT_EQ(TLS1_3_VERSION, other.version());
-        EXPECT_LT((clockNow() - start).msec(), 400);
-        EXPECT_EQ(0,
-                  countStartingWith(capture.lines(), "%D ERROR (%t): Incoming connection failed"));
+        EXPECT_LT((now() - start).msec(), 400);
+        EXPECT_EQ(0, countPrefix(capture.lines(), "%D ERROR (%t): Incoming connection failed"));
 
         // The silent ones go when their time is up, each with its line.
-        EXPECT_TRUE(pumpUntil(engine, [&] {
-            return countStartingWith(capture.lines(),
-                                     "%D ERROR (%t): Incoming connection failed: Timer expired") ==
-                   4;
-        })) << capture.text();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 1; }));
+        EXPECT_TRUE(pumpUntil(
+            engine,
+            [&] {
+                return countPrefix(capture.lines(),
+                                   "%D ERROR (%t): Incoming connection failed: Timer expired") == 4;
+            },
+            SSL_WAIT_MS))
+            << capture.text();
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 1; }, SSL_WAIT_MS));
         other.stop();
         for (ACE_SOCK_Stream& peer : silent)
             peer.close();
         partial.close();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, TheListenerSpeaksTLS12AndNewerOnly) {
+TEST_F(SecuritySession, TheListenerSpeaksTLS12AndNewerOnly) {
     inChild([]() {
         LogCapture capture;
         SessionEvents* events = nullptr;
@@ -1331,14 +1266,15 @@ TEST_F(SecuritySessionTest, TheListenerSpeaksTLS12AndNewerOnly) {
         const int expected[] = {0, 0, TLS1_2_VERSION, TLS1_3_VERSION};
         for (int i = 0; i < 4; ++i) {
             RawTLSClient client(port, versions[i]);
-            EXPECT_TRUE(pumpUntil(engine, [&] { return client.finished(); }));
+            EXPECT_TRUE(pumpUntil(
+                engine, [&] { return client.finished(); }, SSL_WAIT_MS));
             EXPECT_EQ(expected[i], client.version()) << "at most version " << versions[i];
             client.stop();
-            EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+            EXPECT_TRUE(pumpUntil(
+                engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         }
-        EXPECT_EQ(2,
-                  countStartingWith(capture.lines(),
-                                    "%D ERROR (%t): Incoming connection failed: Protocol error"));
+        EXPECT_EQ(2, countPrefix(capture.lines(),
+                                 "%D ERROR (%t): Incoming connection failed: Protocol error"));
         engine->shutdown();
     });
 }
@@ -1392,13 +1328,6 @@ private:
     int m_fd = -1;
     bool m_ok = false;
 };
-
-uint32_t bigEndianAt(const std::string& bytes, size_t offset) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < 4; ++i)
-        value = (value << 8) | static_cast<unsigned char>(bytes[offset + i]);
-    return value;
-}
 
 // The wire bytes of a new GetVersionEvent, and its token.
 std::string versionRequest(uint32_t& token) {
@@ -1457,9 +1386,9 @@ private:
             while (!answered) {
                 // Whole messages first; those of other tokens (the engine's
                 // own identification request) are skipped.
-                while (pending.size() >= 32 && pending.size() >= 32 + bigEndianAt(pending, 8)) {
-                    size_t const length = 32 + bigEndianAt(pending, 8);
-                    answered = answered || bigEndianAt(pending, 4) == m_tokens[i];
+                while (pending.size() >= 32 && pending.size() >= 32 + wordAt(pending, 8)) {
+                    size_t const length = 32 + wordAt(pending, 8);
+                    answered = answered || wordAt(pending, 4) == m_tokens[i];
                     pending.erase(0, length);
                 }
                 if (answered)
@@ -1490,7 +1419,7 @@ private:
 
 }  // namespace
 
-TEST_F(SecuritySessionTest, MisbehavingSSLPeersHoldUpNobody) {
+TEST_F(SecuritySession, MisbehavingSSLPeersHoldUpNobody) {
     // The figures are printed for the record; what is asserted is that every
     // request of the well-behaved peer got its reply meanwhile.
     inChild([]() {
@@ -1501,7 +1430,8 @@ TEST_F(SecuritySessionTest, MisbehavingSSLPeersHoldUpNobody) {
         Engine* const engine = Engine::getSingleton();
 
         TLSRequester quiet(port, 30);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return quiet.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return quiet.finished(); }, SSL_WAIT_MS));
         long const quietMedian = quiet.median();
         EXPECT_GE(quietMedian, 0);
 
@@ -1534,10 +1464,12 @@ TEST_F(SecuritySessionTest, MisbehavingSSLPeersHoldUpNobody) {
             while (!stop)
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
         });
-        EXPECT_TRUE(pumpUntil(engine, [&] { return ready == 2; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return ready == 2; }, SSL_WAIT_MS));
 
         TLSRequester noisy(port, 30);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return noisy.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return noisy.finished(); }, SSL_WAIT_MS));
         long const noisyMedian = noisy.median();
         EXPECT_GE(noisyMedian, 0);
         std::cout << "SSL round trip median: quiet " << quietMedian
@@ -1548,12 +1480,13 @@ TEST_F(SecuritySessionTest, MisbehavingSSLPeersHoldUpNobody) {
         trickle.join();
         for (ACE_SOCK_Stream& peer : silent)
             peer.close();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, OpensslClientGetsATLS12OrNewerSession) {
+TEST_F(SecuritySession, OpensslClientGetsATLS12OrNewerSession) {
     inChild([]() {
         LogCapture capture;
         SessionEvents* events = nullptr;
@@ -1577,7 +1510,8 @@ TEST_F(SecuritySessionTest, OpensslClientGetsATLS12OrNewerSession) {
             }
             done = true;
         });
-        EXPECT_TRUE(pumpUntil(engine, [&] { return done.load(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return done.load(); }, SSL_WAIT_MS));
         client.join();
         EXPECT_NE(std::string::npos, output.find("CONNECTION ESTABLISHED")) << output;
         EXPECT_TRUE(output.find("Protocol version: TLSv1.3") != std::string::npos ||
@@ -1585,12 +1519,13 @@ TEST_F(SecuritySessionTest, OpensslClientGetsATLS12OrNewerSession) {
             << output;
         EXPECT_TRUE(hasLine(capture.lines(), "%D DEBUG (%t): Incoming connection from 127.0.0.1"))
             << capture.text();
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, APlainClientAtTheSSLListenerFailsCleanly) {
+TEST_F(SecuritySession, APlainClientAtTheSSLListenerFailsCleanly) {
     inChild([]() {
         LogCapture capture;
         SessionEvents* events = nullptr;
@@ -1607,10 +1542,14 @@ TEST_F(SecuritySessionTest, APlainClientAtTheSSLListenerFailsCleanly) {
             Tarnwick::HeartBeatEvent heartbeat;
             ACE_Message_Block* const block = heartbeat.data(false);
             EXPECT_GT(plain->send(block, nullptr), 0);
-            EXPECT_TRUE(pumpUntil(engine, [&] {
-                return hasLine(capture.lines(),
-                               "%D ERROR (%t): Incoming connection failed: Protocol error");
-            })) << capture.text();
+            EXPECT_TRUE(pumpUntil(
+                engine,
+                [&] {
+                    return hasLine(capture.lines(),
+                                   "%D ERROR (%t): Incoming connection failed: Protocol error");
+                },
+                SSL_WAIT_MS))
+                << capture.text();
             ACE_Message_Block* received = nullptr;
             ACE_Time_Value wait(2);
             EXPECT_LE(plain->recv(received, &wait), 0);
@@ -1624,7 +1563,7 @@ TEST_F(SecuritySessionTest, APlainClientAtTheSSLListenerFailsCleanly) {
     });
 }
 
-TEST_F(SecuritySessionTest, AnSSLClientAtAPlainListenerFailsCleanly) {
+TEST_F(SecuritySession, AnSSLClientAtAPlainListenerFailsCleanly) {
     inChild([]() {
         PeerProcess client([&](u_short port) {
             LogCapture capture;
@@ -1642,8 +1581,8 @@ TEST_F(SecuritySessionTest, AnSSLClientAtAPlainListenerFailsCleanly) {
             if (alone != -1 || handler != nullptr || joined != -1)
                 return 11;
             std::vector<std::string> const lines = capture.lines();
-            int const failures = countStartingWith(
-                lines, "%D ERROR (%t): Active connection failed.: Protocol error");
+            int const failures =
+                countPrefix(lines, "%D ERROR (%t): Active connection failed.: Protocol error");
             if (failures != 2)
                 std::cerr << capture.text();
             return failures == 2 ? 0 : 12;
@@ -1660,15 +1599,17 @@ TEST_F(SecuritySessionTest, AnSSLClientAtAPlainListenerFailsCleanly) {
         ACE_Synch_Options options;
         ASSERT_EQ(0, engine->makeConnection(loopback(port), Tarnwick::CONNECTION_PASSIVE, options));
         client.go(port);
-        EXPECT_TRUE(pumpUntil(engine, [&] { return client.finished(); }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return client.finished(); }, SSL_WAIT_MS));
         EXPECT_EQ(0, client.exitCode());
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(engine) == 0; }));
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return connections(engine) == 0; }, SSL_WAIT_MS));
         EXPECT_TRUE(events->activations.empty());
         engine->shutdown();
     });
 }
 
-TEST_F(SecuritySessionTest, OpenFailsWithoutKeyFilesAndBeforeAConfiguration) {
+TEST_F(SecuritySession, OpenFailsWithoutKeyFilesAndBeforeAConfiguration) {
     inChild([]() {
         LogCapture capture;
         Engine* const engine = Engine::getSingleton();

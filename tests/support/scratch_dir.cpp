@@ -1,0 +1,49 @@
+#include "scratch_dir.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
+#include <system_error>
+#include <vector>
+
+namespace TarnwickTest {
+
+ScratchDir::ScratchDir(const std::string& prefix) {
+    std::string const pattern = "/tmp/" + prefix + "-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    if (::mkdtemp(name.data()) != nullptr)
+        m_path = name.data();
+}
+
+ScratchDir::~ScratchDir() {
+    std::error_code ignored;
+    if (!m_path.empty())
+        std::filesystem::remove_all(m_path, ignored);
+}
+
+namespace {
+
+class ScratchTmpdir : public ::testing::Environment {
+public:
+    explicit ScratchTmpdir(const std::string& prefix) : m_prefix(prefix) {}
+    void SetUp() override {
+        m_directory.reset(new ScratchDir(m_prefix));
+        ASSERT_FALSE(m_directory->path().empty());
+        ::setenv("TMPDIR", m_directory->path().c_str(), 1);
+    }
+    void TearDown() override { m_directory.reset(); }
+
+private:
+    std::string m_prefix;
+    std::unique_ptr<ScratchDir> m_directory;
+};
+
+}  // namespace
+
+::testing::Environment* scratchTmpdir(const std::string& prefix) {
+    return new ScratchTmpdir(prefix);
+}
+
+}  // namespace TarnwickTest

@@ -1,6 +1,7 @@
 // Connections of the engine: made and accepted (plain and SSL), the
 // identification of peers, engine-wide operations on connections, and
-// cleanupHandles with monitoring off and on.//
+// cleanupHandles with monitoring off and on.
+//
 // The engine is one object per process and keeps its one listener for good,
 // so each test runs in a child process of its own (inChild). The peers are
 // handlers driven by hand (made with an out-argument to makeActiveConnection,

@@ -1,6 +1,7 @@
 // The way of an event through the engine, without workers and with two:
 // replies by token, errors, authorization, identification events,
-// broadcasts and events for agents.//
+// broadcasts and events for agents.
+//
 // The engine is one object per process and keeps its one listener for good,
 // so each test runs in a child process of its own (inChild). The peers are
 // handlers driven by hand (made with an out-argument to makeActiveConnection,

@@ -1,7 +1,8 @@
 // Hostile and faulty peers of the engine: peers that stop reading, send a
 // header a byte at a time, reuse one token, announce sizes over the limit,
 // half-close or connect in a burst. None of them holds up the others,
-// corrupts a stream or makes the engine keep what it should not.//
+// corrupts a stream or makes the engine keep what it should not.
+//
 // The engine is one object per process and keeps its one listener for good,
 // so each test runs in a child process of its own (inChild). The peers are
 // handlers driven by hand (made with an out-argument to makeActiveConnection,

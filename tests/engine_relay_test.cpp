@@ -1,6 +1,7 @@
 // The engine across processes and under load: a reply that comes back
 // through a middle process, a thousand connections at once, peers that send
-// garbage, and shutdown with several connections.//
+// garbage, and shutdown with several connections.
+//
 // The engine is one object per process and keeps its one listener for good,
 // so each test runs in a child process of its own (inChild). The peers are
 // handlers driven by hand (made with an out-argument to makeActiveConnection,
@@ -77,7 +78,7 @@ const ::testing::Environment* const scratch_tmpdir =
 
 }  // namespace
 
-// ===========================================================================
+// ---------------------------------------------------------------------------
 // Processes forked here talk to the test process through a Channel; they
 // are forked before the test process starts any thread, and they end on
 // their own within their time limits, or are killed when the test gives up.

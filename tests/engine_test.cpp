@@ -1,5 +1,6 @@
 // The engine: opening and closing, its switches, the handler and router it
-// owns, and shutdown.//
+// owns, and shutdown.
+//
 // The engine is one object per process and keeps its one listener for good,
 // so each test runs in a child process of its own (inChild). The peers are
 // handlers driven by hand (made with an out-argument to makeActiveConnection,

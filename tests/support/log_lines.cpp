@@ -1,5 +1,7 @@
 #include "log_lines.h"
 
+#include <ace/Log_Msg.h>
+
 #include <gtest/gtest.h>
 
 #include <iostream>
@@ -36,9 +38,37 @@ bool hasPrefix(const Lines& lines, const std::string& prefix) {
     return countPrefix(lines, prefix) > 0;
 }
 
+namespace {
+
+// Holds the lock of ACE_Log_Msg, which it takes while it writes a line.
+class LogLock {
+public:
+    LogLock() { ACE_Log_Msg::instance()->acquire(); }
+    ~LogLock() { ACE_Log_Msg::instance()->release(); }
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+};
+
+}  // namespace
+
 LogLines::~LogLines() {
     if (::testing::Test::HasFailure())
-        std::cout << "---- log\n" << m_capture.text() << "----\n";
+        std::cout << "---- log\n" << text() << "----\n";
+}
+
+Lines LogLines::lines() const {
+    LogLock lock;
+    return m_capture.lines();
+}
+
+std::string LogLines::text() const {
+    LogLock lock;
+    return m_capture.text();
+}
+
+void LogLines::clear() {
+    LogLock lock;
+    m_capture.clear();
 }
 
 }  // namespace TarnwickTest

@@ -31,15 +31,17 @@ public:
     LogLines(const LogLines&) = delete;
     LogLines& operator=(const LogLines&) = delete;
 
-    Lines lines() const { return m_capture.lines(); }
-    std::string text() const { return m_capture.text(); }
+    // The readers take ACE_Log_Msg's lock, under which the engine's worker
+    // threads write their lines.
+    Lines lines() const;
+    std::string text() const;
     bool has(const std::string& line) const { return hasLine(lines(), line); }
     int count(const std::string& line) const { return countLine(lines(), line); }
     int countPrefix(const std::string& prefix) const {
         return TarnwickTest::countPrefix(lines(), prefix);
     }
     bool hasPrefix(const std::string& prefix) const { return countPrefix(prefix) > 0; }
-    void clear() { m_capture.clear(); }
+    void clear();
 
 private:
     LogCapture m_capture;

@@ -72,9 +72,13 @@ fi
 if [[ $run_tsan -eq 1 ]]; then
     export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
     tsan_targets=(engine_test engine_dispatch_test engine_connection_test engine_relay_test
-        engine_hostile_test router_test handler_test handler_t_test act_cache_test)
-    # Parameterised suites are instantiated as Workers/SUITE.
-    tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard)'
+        engine_hostile_test router_test handler_test handler_t_test act_cache_test
+        message_codec_test application_test)
+    # Parameterised suites are instantiated as Workers/SUITE. The application
+    # tests that run here are those of the signal thread.
+    tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'
+    tsan_tests+='|^ProgramTest\.(Signal|Terminate|Interrupt|Hangup|SecondTerminate|Segmentation)'
+    tsan_tests+='|^RunTest\.(Signal|RunReturns|HandleSignal)'
     echo "==== threads: configure (build-tsan)"
     if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
             -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&

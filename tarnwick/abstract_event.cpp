@@ -2,7 +2,7 @@
 #include <tarnwick/log.h>
 #include <tarnwick/message_block.h>
 #include <tarnwick/path.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 #include <tarnwick/xml.h>
 
 #include <libxml/parser.h>

@@ -2,7 +2,7 @@
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/random.h>
 
 #include <ace/Guard_T.h>
 #include <ace/Singleton.h>

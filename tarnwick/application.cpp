@@ -2,7 +2,8 @@
 #include <tarnwick/configuration.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/system.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/ACE.h>
 #include <ace/Guard_T.h>

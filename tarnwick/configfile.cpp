@@ -3,7 +3,7 @@
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/registry.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>

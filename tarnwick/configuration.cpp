@@ -1,10 +1,9 @@
-#include <tarnwick/application.h>
 #include <tarnwick/configfile.h>
 #include <tarnwick/configuration.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/registry.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/ACE.h>
 #include <ace/Guard_T.h>
@@ -121,8 +120,16 @@ const wchar_t* baseName(const wchar_t* path) {
     return slash != nullptr ? slash + 1 : path;
 }
 
+// The readers of the application's texts, installed from above.
+Configuration::ApplicationReaders g_applicationReaders = {nullptr, nullptr, nullptr, nullptr};
+
+// What `reader` gives for `application`; null without either.
+const wchar_t* readApplication(const wchar_t* (*reader)(Application*), Application* application) {
+    return application != nullptr && reader != nullptr ? reader(application) : nullptr;
+}
+
 const wchar_t* binaryOf(Application* application) {
-    return application != nullptr ? baseName(application->binaryname()) : nullptr;
+    return baseName(readApplication(g_applicationReaders.binaryname, application));
 }
 
 // Appends `text` to the line held in `buffer` of `capacity` characters, as
@@ -643,8 +650,8 @@ void Configuration::showVersion() {
     const wchar_t* description = nullptr;
     const wchar_t* version = nullptr;
     if (m_application != nullptr) {
-        description = m_application->description();
-        version = m_application->version();
+        description = readApplication(g_applicationReaders.description, m_application);
+        version = readApplication(g_applicationReaders.version, m_application);
     }
     TW_LOG_AT(LM_INFO, "This is %W, %W, version %W\n", binaryOf(m_application), description,
               version);
@@ -734,7 +741,7 @@ int Configuration::read_config_files() {
             } else {
                 const wchar_t* product = setting->product();
                 if (product == nullptr && m_application != nullptr)
-                    product = m_application->name();
+                    product = readApplication(g_applicationReaders.name, m_application);
                 if (product == nullptr)
                     continue;
                 std::wstring const key(product);
@@ -914,6 +921,10 @@ bool Configuration::isUsingDefaults() {
 bool Configuration::isUsingWebservices() {
     Guard guard(m_lock);
     return guard.locked() && m_useWebservices;
+}
+
+void Configuration::setApplicationReaders(const ApplicationReaders& readers) {
+    g_applicationReaders = readers;
 }
 
 Configuration* getConfigSingleton() {

@@ -1,7 +1,8 @@
 #include <tarnwick/configuration.h>
 #include <tarnwick/configuration_t.h>
 #include <tarnwick/log.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/password.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/Guard_T.h>
 

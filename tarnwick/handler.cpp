@@ -719,9 +719,10 @@ int Handler::forward(ACE_Message_Block* block) {
         TW_LOG("%D ERROR (%t): Can not forward: network handle is invalid\n");
         return -1;
     }
-    // Through the process's engine: a connection made outside it has none
-    // of its own.
-    ACE_Reactor* reactor = Engine::getSingleton()->getReactor();
+    // Through the connection's own engine. A connection made by hand outside
+    // any engine has none, and is woken by the process's engine.
+    Engine* const engine = m_engine != nullptr ? m_engine : Engine::getSingleton();
+    ACE_Reactor* reactor = engine != nullptr ? engine->getReactor() : nullptr;
     if (reactor == nullptr)
         errno = ENXIO;
     if (reactor == nullptr ||

@@ -2,7 +2,7 @@
 #include <tarnwick/event_factory.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/Guard_T.h>
 #include <ace/Recursive_Thread_Mutex.h>

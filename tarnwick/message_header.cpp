@@ -1,6 +1,6 @@
 #include <tarnwick/log.h>
 #include <tarnwick/message_header.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/random.h>
 
 #include <arpa/inet.h>
 

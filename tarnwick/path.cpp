@@ -1,16 +1,15 @@
-#include <tarnwick/configuration.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/ACE.h>
-#include <ace/Guard_T.h>
 #include <ace/Lib_Find.h>
 #include <ace/OS_NS_fcntl.h>
 #include <ace/OS_NS_unistd.h>
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -326,30 +325,18 @@ const wchar_t* Path::RunPath(ACE_WString& directory, const wchar_t* name) {
 
 namespace {
 
+// The reader of the setting "temp", installed from above.
+std::atomic<Path::TempSetting> g_tempSetting{nullptr};
+
 // The temporary directory as wide text: "temp" from a validated
 // configuration when it names a directory, else the system's. False when the
 // system's can't be had.
 bool tempDirectory(std::wstring& out) {
-    Configuration* config = getConfigSingleton();
-    if (config != nullptr) {
-        // The value is copied under the lock: a reload on another thread may
-        // replace it.
-        std::wstring configured;
-        bool found = false;
-        {
-            ACE_Guard<ACE_Recursive_Thread_Mutex> guard(config->lock());
-            if (guard.locked() && config->isOk()) {
-                const wchar_t* const temp = config->asString(L"temp");
-                if (temp != nullptr) {
-                    configured = temp;
-                    found = true;
-                }
-            }
-        }
-        if (found && Path::IsDirectory(configured.c_str())) {
-            out = configured;
-            return true;
-        }
+    Path::TempSetting const reader = g_tempSetting.load(std::memory_order_acquire);
+    std::wstring configured;
+    if (reader != nullptr && reader(configured) && Path::IsDirectory(configured.c_str())) {
+        out = configured;
+        return true;
     }
     char buffer[PATH_MAX];
     if (ACE::get_temp_dir(buffer, sizeof buffer) == -1)
@@ -376,6 +363,10 @@ bool tempDirectory(std::string& out) {
 }
 
 }  // namespace
+
+void Path::setTempSetting(TempSetting reader) {
+    g_tempSetting.store(reader, std::memory_order_release);
+}
 
 wchar_t* Path::TempPath() {
     std::wstring path;

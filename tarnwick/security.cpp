@@ -3,7 +3,7 @@
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/security.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/utf8.h>
 
 #include <ace/Guard_T.h>
 #include <ace/Recursive_Thread_Mutex.h>

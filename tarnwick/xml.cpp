@@ -1,5 +1,5 @@
 #include <tarnwick/log.h>
-#include <tarnwick/tarnwick.h>
+#include <tarnwick/strings.h>
 #include <tarnwick/xml.h>
 
 #include <libxml/encoding.h>

@@ -215,6 +215,22 @@ public:
     // The lock that guards the store.
     ACE_Recursive_Thread_Mutex& lock() { return m_lock; }
 
+    // What a configuration reads of the Application given to open(): its
+    // binary name, name, description and version, for the usage and version
+    // lines and as the product of settings that name none. The configuration
+    // sits below the application and doesn't know the class; the library
+    // installs these readers when it is loaded. A reader is only called with
+    // an application; one that is not installed reads as null.
+    struct ApplicationReaders {
+        const wchar_t* (*binaryname)(Application* application);
+        const wchar_t* (*name)(Application* application);
+        const wchar_t* (*description)(Application* application);
+        const wchar_t* (*version)(Application* application);
+    };
+    // Installs `readers` for every configuration; meant for the library's
+    // start, before any configuration is used.
+    static void setApplicationReaders(const ApplicationReaders& readers);
+
 private:
     Configuration(const Configuration&);
     Configuration& operator=(const Configuration&);

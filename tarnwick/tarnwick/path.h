@@ -96,6 +96,14 @@ public:
     static int TempPath(ACE_String_Base<char>& path);
     static int TempPath(std::string& path);
 
+    // Where TempPath finds the setting "temp": a function that gives its
+    // value when the configuration has been validated and has one, and
+    // false otherwise. Path sits below the configuration and is told it
+    // this way; the library installs the configuration's reader when it is
+    // loaded. Without one (null), TempPath gives the system's directory.
+    typedef bool (*TempSetting)(std::wstring& value);
+    static void setTempSetting(TempSetting reader);
+
 private:
     Path();
 };

@@ -19,7 +19,7 @@ namespace {
 const size_t HEADER_SIZE = sizeof(Message_Header);
 
 // Room that a spill must leave on the event cache's file system.
-const uint64_t DISK_RESERVE = 64ull * 1024 * 1024;
+std::atomic<uint64_t> disk_reserve(64ull * 1024 * 1024);
 
 std::atomic<uint64_t> max_message_size(0x80000000ull);
 
@@ -33,7 +33,7 @@ bool diskHasRoom(uint64_t bytes) {
     if (::statvfs(cache->directory().c_str(), &info) == -1)
         return true;
     uint64_t const available = static_cast<uint64_t>(info.f_bavail) * info.f_frsize;
-    return available >= bytes && available - bytes >= DISK_RESERVE;
+    return available >= bytes && available - bytes >= disk_reserve;
 }
 
 }  // namespace
@@ -53,6 +53,10 @@ void Message_Reader::setMaxMessageSize(uint64_t size) {
 
 uint64_t Message_Reader::maxMessageSize() {
     return max_message_size;
+}
+
+uint64_t Message_Reader::setDiskReserve(uint64_t bytes) {
+    return disk_reserve.exchange(bytes);
 }
 
 void Message_Reader::reset() {

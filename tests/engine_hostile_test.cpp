@@ -16,6 +16,7 @@
 #include <tarnwick/handler_t.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/message_block.h>
+#include <tarnwick/message_codec.h>
 #include <tarnwick/router.h>
 #include <tarnwick/tarnwick.h>
 
@@ -318,14 +319,21 @@ TEST(EngineHostileOnce, AnAnnouncedSizeOverTheLimitEndsTheConnectionAtOnce) {
         engine->setMaxMessageSize(1000);
         EXPECT_EQ(engine->maxMessageSize(), 1000u);
         u_short const port = startListening(engine);
-        WirePeer peer(port);
+        Peer other(port);
         ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        WirePeer peer(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
         ASSERT_TRUE(peer.send(headerBytes(RELOAD_EVENT, 77, 5000)));
-        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 0; }));
+        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
         EXPECT_TRUE(
             log.has("%D ERROR (%t): Message of 5000 bytes from 127.0.0.1 is larger than "
                     "the limit of 1000 bytes"));
         EXPECT_TRUE(log.has("%D ERROR (%t): Peer has failed unexpectedly."));
+        // The other peer is still served.
+        EXPECT_NE(other.send(GET_VERSION_EVENT), 0u);
+        Abstract_Event* reply = other.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        reply->destroy();
         engine->shutdown();
     });
 }
@@ -352,6 +360,41 @@ TEST(EngineHostileOnce, APeerOverTheSpillQuotaIsDroppedAndItsFileRemoved) {
             ++files;
         }
         EXPECT_EQ(files, 0);
+        engine->shutdown();
+    });
+}
+
+TEST(EngineHostileOnce, APeerWhosePayloadFindsNoRoomOnDiskIsDroppedAndOthersAreServed) {
+    inChild([] {
+        LogLines log;
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        // No file system has this much room: every spill finds the disk full.
+        Message_Reader::setDiskReserve(1ull << 62);
+        u_short const port = startListening(engine);
+        Peer other(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        WirePeer peer(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 2; }));
+        ASSERT_TRUE(peer.send(headerBytes(RELOAD_EVENT, 79, 300000)));
+        peer.send(patterned(50000, 4));
+        EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        EXPECT_TRUE(log.has("%D ERROR (%t): Not enough disk space for a message of 300000 bytes"));
+        EXPECT_TRUE(log.has("%D ERROR (%t): Peer has failed unexpectedly."));
+        EXPECT_EQ(ACT_Cache::instance()->spilledBytes(), 0u);
+        std::error_code ignored;
+        int files = 0;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(ACT_Cache::instance()->directory(), ignored)) {
+            (void)entry;
+            ++files;
+        }
+        EXPECT_EQ(files, 0);
+        // A message that stays in memory needs no room on disk.
+        EXPECT_NE(other.send(GET_VERSION_EVENT), 0u);
+        Abstract_Event* reply = other.receive(engine);
+        ASSERT_NE(reply, nullptr);
+        reply->destroy();
         engine->shutdown();
     });
 }

@@ -61,6 +61,9 @@ public:
     // changed; any thread may change it.
     static void setMaxMessageSize(uint64_t size);
     static uint64_t maxMessageSize();
+    // The free space that a spill must leave on the event cache's file
+    // system: 64 MiB unless changed. Returns the old value.
+    static uint64_t setDiskReserve(uint64_t bytes);
 
 private:
     int startMessage();

@@ -1,5 +1,4 @@
 #include <tarnwick/act_cache.h>
-#include <tarnwick/identity.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/random.h>
@@ -23,6 +22,13 @@
 #include <random>
 
 namespace Tarnwick {
+
+namespace {
+
+// Names the spill directory after the kind of program (see setTypeReader).
+std::atomic<ACT_Cache::TypeReader> type_reader(nullptr);
+
+}  // namespace
 
 namespace {
 
@@ -266,6 +272,10 @@ int ACT_Cache::prepare() {
     return prepareLocked();
 }
 
+void ACT_Cache::setTypeReader(TypeReader reader) {
+    type_reader = reader;
+}
+
 int ACT_Cache::prepareLocked() {
     if (!m_directory.empty())
         return 0;
@@ -273,7 +283,9 @@ int ACT_Cache::prepareLocked() {
     if (Path::TempPath(directory) == -1)
         return -1;
     Path::Join(directory, "event-cache");
-    Path::Join(directory, Identity::instance()->typeAsString());
+    TypeReader const reader = type_reader.load();
+    const char* const type = reader != nullptr ? reader() : nullptr;
+    Path::Join(directory, type != nullptr ? type : "unknown");
     struct stat info;
     bool const link = ::lstat(directory.c_str(), &info) == 0 && S_ISLNK(info.st_mode);
     if (!link && !Path::IsDirectory(directory) && Path::MkTree(directory, 0700) == -1) {

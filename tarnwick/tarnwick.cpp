@@ -1,8 +1,10 @@
 // What joins the library's layers. A lower module never includes a higher
 // one: what it needs from above is given to it here, once, when the library
 // is loaded, before any client code runs.
+#include <tarnwick/act_cache.h>
 #include <tarnwick/application.h>
 #include <tarnwick/configuration.h>
+#include <tarnwick/identity.h>
 #include <tarnwick/path.h>
 #include <tarnwick/tarnwick.h>
 
@@ -45,9 +47,15 @@ const wchar_t* applicationVersion(Application* application) {
     return application->version();
 }
 
+// The spill directory's name: the kind of program this process is.
+const char* identityType() {
+    return Identity::instance()->typeAsString();
+}
+
 struct Layers {
     Layers() {
         Path::setTempSetting(configuredTemp);
+        ACT_Cache::setTypeReader(identityType);
         Configuration::ApplicationReaders const readers = {
             applicationBinaryname, applicationName, applicationDescription, applicationVersion};
         Configuration::setApplicationReaders(readers);

@@ -89,7 +89,8 @@ private:
 };
 
 // The process-wide directory of spill files: <temp>/event-cache/<type>, with
-// <temp> from Path::TempPath and <type> the process identity's type text, so
+// <temp> from Path::TempPath and <type> the kind of program (see
+// setTypeReader; the process identity's type text), so
 // that each kind of program on a machine has its own. The directory is made
 // with mode 0700 and used only when it is a real directory (not a symbolic
 // link) owned by the effective user and closed to group and others.
@@ -105,6 +106,11 @@ private:
 // operations may be called from any thread.
 class ACT_Cache {
 public:
+    // Names the kind of program whose spill directory this is; installed by
+    // the library when it loads (the process identity's type text). Without
+    // a reader the directory is named "unknown".
+    typedef const char* (*TypeReader)();
+    static void setTypeReader(TypeReader reader);
     // The default spill quota: 4 GiB.
     static constexpr uint64_t DEFAULT_QUOTA = 4ull << 30;
 

@@ -90,6 +90,26 @@ uint32_t requestToken(ACE_Message_Block* block) {
 
 }  // namespace
 
+void Handler::setEngine(Engine* engine) {
+    m_engine = engine;
+    m_owner = engine;
+}
+
+namespace {
+
+// The engine that wakes the connections made by hand.
+Connection_Owner* processEngine() {
+    return Engine::getSingleton();
+}
+
+struct DefaultOwner {
+    DefaultOwner() { Handler::setDefaultOwner(processEngine); }
+};
+
+const DefaultOwner g_default_owner;
+
+}  // namespace
+
 void (*Engine::s_retry_sleep)(const ACE_Time_Value&) = sleepBeforeRetry;
 ACE_Time_Value (*Engine::s_clock)() = timeOfDay;
 

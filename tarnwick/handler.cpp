@@ -1,4 +1,3 @@
-#include <tarnwick/engine.h>
 #include <tarnwick/handler.h>
 #include <tarnwick/log.h>
 #include <tarnwick/message_block.h>
@@ -72,6 +71,13 @@ private:
 }  // namespace
 
 uint64_t& Handler::Data_Block_Size = Message_Block::Chunk_Size;
+Connection_Owner* (*Handler::s_default_owner)() = nullptr;
+
+Connection_Owner::~Connection_Owner() = default;
+
+void Handler::setDefaultOwner(Connection_Owner* (*owner)()) {
+    s_default_owner = owner;
+}
 std::atomic<uint64_t> Handler::Output_Disk_Limit(0x4000000ull);
 ACE_Time_Value Handler::Handshake_Limit(5);
 ACE_Time_Value Handler::Half_Close_Limit(60);
@@ -82,6 +88,7 @@ Handler::Handler()
       m_bytes_received(0),
       m_bytes_sent(0),
       m_engine(nullptr),
+      m_owner(nullptr),
       m_initiated_by_connector(false),
       m_last_activity(ACE_Time_Value::zero),
       m_last_recv_activity(ACE_Time_Value::zero),
@@ -108,8 +115,8 @@ Handler::~Handler() {
 }
 
 ACE_Reactor* Handler::engineReactor() {
-    if (m_engine != nullptr && m_engine->getReactor() != nullptr)
-        return m_engine->getReactor();
+    if (m_engine != nullptr && m_owner->getReactor() != nullptr)
+        return m_owner->getReactor();
     return reactor();
 }
 
@@ -183,7 +190,7 @@ void Handler::updateRecvTimestamps() {
 // Opening and closing
 
 int Handler::open(void*) {
-    if (m_engine != nullptr && m_engine->monitoringEnabled())
+    if (m_engine != nullptr && m_owner->monitoringEnabled())
         enableActivityMonitoring();
 
     if (address() == nullptr) {
@@ -216,7 +223,7 @@ int Handler::open(void*) {
     if (ACE::set_flags(handle, ACE_NONBLOCK) == -1)
         return -1;
 
-    ACE_Reactor* reactor = m_engine->getReactor();
+    ACE_Reactor* reactor = m_owner->getReactor();
     if (reactor == nullptr)
         errno = ENXIO;
     // A connection in its handshake waits for the peer's bytes only; what is
@@ -242,7 +249,7 @@ int Handler::open(void*) {
 int Handler::join() {
     if (m_engine == nullptr)
         return 0;
-    return m_engine->register_handler(this) == -1 ? -1 : 0;
+    return m_owner->register_handler(this) == -1 ? -1 : 0;
 }
 
 int Handler::handshake_step(bool&) {
@@ -313,7 +320,7 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
     msg_queue()->deactivate();
     m_queued_disk_bytes = 0;
 
-    ACE_Reactor* const reactor = m_engine != nullptr ? m_engine->getReactor()
+    ACE_Reactor* const reactor = m_engine != nullptr ? m_owner->getReactor()
                                  : m_registered      ? this->reactor()
                                                      : nullptr;
     if (m_timer != -1) {
@@ -351,8 +358,8 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
     // which normally ends this object. A connection that never reached the
     // router still holds its first reference, which goes here.
     bool const routed = m_in_router;
-    if (!m_engine->isClosed())
-        m_engine->remove_handler(this);
+    if (!m_owner->isClosed())
+        m_owner->remove_handler(this);
     else if (routed)
         return 0;
     if (!routed)
@@ -514,7 +521,7 @@ int Handler::handle_input(ACE_HANDLE) {
         m_source_act.add(header->getACT());
 
     if (m_engine != nullptr)
-        m_engine->forward(block);
+        m_owner->forward(block);
     return 0;
 }
 
@@ -721,8 +728,9 @@ int Handler::forward(ACE_Message_Block* block) {
     }
     // Through the connection's own engine. A connection made by hand outside
     // any engine has none, and is woken by the process's engine.
-    Engine* const engine = m_engine != nullptr ? m_engine : Engine::getSingleton();
-    ACE_Reactor* reactor = engine != nullptr ? engine->getReactor() : nullptr;
+    Connection_Owner* const owner =
+        m_owner != nullptr ? m_owner : (s_default_owner != nullptr ? s_default_owner() : nullptr);
+    ACE_Reactor* reactor = owner != nullptr ? owner->getReactor() : nullptr;
     if (reactor == nullptr)
         errno = ENXIO;
     if (reactor == nullptr ||

@@ -1,4 +1,3 @@
-#include <tarnwick/engine.h>
 #include <tarnwick/handler_t.h>
 #include <tarnwick/log.h>
 
@@ -248,7 +247,7 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_bytes(void* buffer, size
         if (m_last_recv_activity != ACE_Time_Value::zero)
             m_last_recv_activity = now;
         if (m_registered && m_engine != nullptr)
-            readAgainIfPending(m_stream, this, m_engine->getReactor());
+            readAgainIfPending(m_stream, this, m_owner->getReactor());
     }
     return count;
 }

@@ -1,6 +1,8 @@
 // The message engine: reactor, worker threads, event handler and router.
 #pragma once
 
+#include <tarnwick/handler.h>
+
 #include <ace/INET_Addr.h>
 #include <ace/Lock_Adapter_T.h>
 #include <ace/Reactor.h>
@@ -38,7 +40,7 @@ enum ConnectionFlag {
 // disableIdentification(); event_handler() and router(); the process's
 // Identity type and name; open(); makeConnection(); then run() or repeated
 // run_step() on the thread that owns the reactor; last shutdown().
-class Engine : public ACE_Task<ACE_MT_SYNCH> {
+class Engine : public ACE_Task<ACE_MT_SYNCH>, public Connection_Owner {
 public:
     Engine();
     ~Engine() override;
@@ -61,7 +63,7 @@ public:
     // The worker thread body.
     int svc() override;
 
-    ACE_Reactor* getReactor() { return m_reactor; }
+    ACE_Reactor* getReactor() override { return m_reactor; }
     EventHandler* event_handler() { return m_event_handler; }
     // Replaces the event handler (destroying an owned one). 0 or -1.
     int event_handler(EventHandler* handler, bool own);
@@ -71,9 +73,9 @@ public:
 
     // Called by a connection that has just opened: enters it in the router
     // and sends it the identification request. 0 or -1.
-    int register_handler(Handler* handler);
+    int register_handler(Handler* handler) override;
     // Tells the event handler and the router that a connection goes. 0 or -1.
-    int remove_handler(Handler* handler);
+    int remove_handler(Handler* handler) override;
 
     ACE_Lock_Adapter<ACE_Thread_Mutex>* locking_strategy() { return m_locking_strategy; }
     // Names Identity::instance().
@@ -86,21 +88,21 @@ public:
     // setting "maxmessagesize" (bytes) at open().
     void setMaxMessageSize(uint64_t size);
     uint64_t maxMessageSize() const;
-    bool monitoringEnabled() const { return m_monitoring; }
+    bool monitoringEnabled() const override { return m_monitoring; }
     // Starts the activity timestamps of all present and future connections.
     void enableMonitoring();
     void disableIdentification() { m_identify = false; }
     bool identifyIsRequired() { return m_identify; }
     bool isServer() const { return m_server; }
     void enableServerMode() { m_server = true; }
-    bool isClosed() const { return m_closed; }
+    bool isClosed() const override { return m_closed; }
 
     // Sends an event through the router; its result.
     int forward(Abstract_Event* event);
     // Takes a received message into the engine: dispatched on the calling
     // thread without workers, else queued for them. The caller keeps
     // `block`. 0.
-    int forward(ACE_Message_Block* block);
+    int forward(ACE_Message_Block* block) override;
     // Turns a received message into an event and handles it: locally, or
     // by forwarding, with replies and error replies. Owns `block`. 0 or -1.
     int process_incoming(ACE_Message_Block* block);

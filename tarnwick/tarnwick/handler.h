@@ -22,6 +22,25 @@
 namespace Tarnwick {
 
 class Engine;
+class Handler;
+
+// What a connection asks of the engine that it belongs to. The Engine is the
+// implementation; a connection reaches it only through this, so that the
+// connection layer needs nothing of the layer above it.
+class Connection_Owner {
+public:
+    virtual ~Connection_Owner();
+    // The reactor that serves the connection; null when there is none.
+    virtual ACE_Reactor* getReactor() = 0;
+    virtual bool monitoringEnabled() const = 0;
+    virtual bool isClosed() const = 0;
+    // A connection has opened: router and identification. 0 or -1.
+    virtual int register_handler(Handler* handler) = 0;
+    // A connection goes. 0 or -1.
+    virtual int remove_handler(Handler* handler) = 0;
+    // A whole message has arrived; the caller keeps `block`. 0.
+    virtual int forward(ACE_Message_Block* block) = 0;
+};
 
 // One connected socket carrying whole messages in both directions. It reads
 // a message as a 32-byte header and then its payload, one chunk of
@@ -74,7 +93,13 @@ public:
     uint64_t bytes_received() const { return m_bytes_received; }
     uint64_t bytes_sent() const { return m_bytes_sent; }
 
-    void setEngine(Engine* engine) { m_engine = engine; }
+    // The engine that the connection belongs to, or null for a connection
+    // driven by hand.
+    void setEngine(Engine* engine);
+    // Names the engine whose reactor wakes the writes of connections made by
+    // hand (forward() on a connection without an engine): the process's
+    // engine, installed when the library loads.
+    static void setDefaultOwner(Connection_Owner* (*owner)());
     Engine* getEngine() { return m_engine; }
     // Unguarded: for the thread that identifies the connection, or once it
     // is identified.
@@ -171,6 +196,8 @@ protected:
     uint64_t m_bytes_sent;
     Engine* m_engine;
     Identity m_identity;
+    // m_engine as the connection sees it.
+    Connection_Owner* m_owner;
     // Guards m_identity between the setter and isAgent/agentID: a worker
     // identifies a connection while other threads search the router.
     mutable ACE_Thread_Mutex m_identity_lock;
@@ -190,6 +217,7 @@ private:
     // The reactor that the connection's write wake-ups go to: the engine's,
     // or the one that the handler was registered with.
     ACE_Reactor* engineReactor();
+    static Connection_Owner* (*s_default_owner)();
     // The second half of open(), once a handshake is done: the engine's
     // router and the identification request. 0 or -1.
     int join();

@@ -24,15 +24,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "fuzz_support.h"
 
-void silence() {
-    ACE_Log_Msg* log = ACE_Log_Msg::instance();
-    log->clr_flags(ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM | ACE_Log_Msg::SYSLOG |
-                   ACE_Log_Msg::LOGGER);
-    log->priority_mask(0, ACE_Log_Msg::PROCESS);
-    log->priority_mask(0, ACE_Log_Msg::THREAD);
-}
+namespace {
 
 void check(bool condition) {
     if (!condition)
@@ -151,7 +145,7 @@ void setArbitrary(const std::string& text) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static bool const silenced = (silence(), true);
+    static bool const silenced = (TarnwickFuzz::silenceLog(), true);
     (void)silenced;
 
     setArbitrary(std::string(reinterpret_cast<const char*>(data), size));

@@ -33,6 +33,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz_support.h"
+
 namespace {
 
 // Answers version requests, consumes heartbeats and identities, and answers
@@ -58,13 +60,6 @@ Tarnwick::Engine* engine = nullptr;
 Tarnwick::Router* router = nullptr;
 u_short port = 0;
 
-void silence() {
-    ACE_Log_Msg* log = ACE_Log_Msg::instance();
-    log->clr_flags(ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM | ACE_Log_Msg::SYSLOG |
-                   ACE_Log_Msg::LOGGER);
-    log->priority_mask(0, ACE_Log_Msg::PROCESS);
-}
-
 int connections() {
     Tarnwick::Dispatch_Set set;
     if (router->findAllHandlers(set) == -1)
@@ -82,7 +77,7 @@ void drain(ACE_SOCK_Stream& peer) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    silence();
+    TarnwickFuzz::silenceLog();
     // The event cache of this process goes to a scratch directory.
     char pattern[] = "/tmp/engine_connection_fuzz.XXXXXX";
     if (::mkdtemp(pattern) == nullptr)

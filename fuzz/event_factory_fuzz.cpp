@@ -25,15 +25,9 @@
 #include <map>
 #include <string>
 
-namespace {
+#include "fuzz_support.h"
 
-void silence() {
-    ACE_Log_Msg* log = ACE_Log_Msg::instance();
-    log->clr_flags(ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM | ACE_Log_Msg::SYSLOG |
-                   ACE_Log_Msg::LOGGER);
-    log->priority_mask(0, ACE_Log_Msg::PROCESS);
-    log->priority_mask(0, ACE_Log_Msg::THREAD);
-}
+namespace {
 
 uint32_t eventType(uint8_t selector) {
     static const uint32_t outside[] = {0, 20, 21, 99, 255, 0x80000000u, 0xFFFFFFFFu, 1000};
@@ -96,7 +90,7 @@ void resend(Tarnwick::Message_Block* sent, const std::map<std::string, std::stri
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     xmlInitParser();
-    silence();
+    TarnwickFuzz::silenceLog();
     return 0;
 }
 
@@ -105,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     // ACE_Log_Msg keeps its settings per thread as well; make sure this
     // thread is quiet even if the runner calls us on another one.
-    silence();
+    TarnwickFuzz::silenceLog();
 
     const uint32_t type = eventType(data[0]);
     const uint32_t flags = data[1] & 0x1E;

@@ -19,19 +19,10 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
-
-void silence() {
-    ACE_Log_Msg* log = ACE_Log_Msg::instance();
-    log->clr_flags(ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM | ACE_Log_Msg::SYSLOG |
-                   ACE_Log_Msg::LOGGER);
-    log->priority_mask(0, ACE_Log_Msg::PROCESS);
-}
-
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    silence();
+    TarnwickFuzz::silenceLog();
     char pattern[] = "/tmp/message_codec_fuzz.XXXXXX";
     if (::mkdtemp(pattern) == nullptr)
         std::abort();

@@ -3,6 +3,7 @@
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/registry.h>
+#include <tarnwick/replacement_file.h>
 #include <tarnwick/utf8.h>
 
 #include <fcntl.h>
@@ -99,93 +100,6 @@ bool keepsStructure(const std::string& section, const std::string& key, const st
     return key.empty() || (key[0] != '#' && key[0] != ';' && key[0] != '[');
 }
 
-bool writeAll(int handle, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        ssize_t const put = ::write(handle, text.data() + written, text.size() - written);
-        if (put < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        if (put == 0) {
-            errno = EIO;
-            return false;
-        }
-        written += static_cast<std::size_t>(put);
-    }
-    return true;
-}
-
-// A temporary file beside the file to replace; removed unless it was
-// renamed into place.
-class TemporaryFile {
-public:
-    TemporaryFile() = default;
-    ~TemporaryFile() {
-        int const error = errno;
-        if (handle_ >= 0)
-            ::close(handle_);
-        if (!name_.empty())
-            ::unlink(name_.c_str());
-        errno = error;
-    }
-    TemporaryFile(const TemporaryFile&) = delete;
-    TemporaryFile& operator=(const TemporaryFile&) = delete;
-
-    // Makes ".<base>.XXXXXX" in `directory`, mode 0600.
-    bool create(const std::string& directory, const std::string& base) {
-        std::string pattern = directory;
-        Path::Join(pattern, ("." + base + ".XXXXXX").c_str());
-        handle_ = ::mkostemp(&pattern[0], O_CLOEXEC);
-        if (handle_ < 0)
-            return false;
-        name_ = pattern;
-        return true;
-    }
-
-    // Gives the file the owner and mode of `original`. An owner that this
-    // process may not give (it isn't privileged) is left as it is, and the
-    // group is kept where it can be.
-    bool takeOver(const struct stat& original) {
-        if (::fchown(handle_, original.st_uid, original.st_gid) != 0 &&
-            ::fchown(handle_, static_cast<uid_t>(-1), original.st_gid) != 0) {
-            // The file stays the writer's own.
-        }
-        return ::fchmod(handle_, original.st_mode & 07777) == 0;
-    }
-
-    bool write(const std::string& text) { return writeAll(handle_, text); }
-
-    // Makes the content durable and puts the file in place of `target`.
-    bool commit(const std::string& target) {
-        if (::fsync(handle_) != 0)
-            return false;
-        int const handle = handle_;
-        handle_ = -1;
-        if (::close(handle) != 0)
-            return false;
-        if (::rename(name_.c_str(), target.c_str()) != 0)
-            return false;
-        name_.clear();
-        return true;
-    }
-
-private:
-    int handle_ = -1;
-    std::string name_;
-};
-
-// Makes a finished rename durable. A failure here loses nothing that a
-// reader could see, so it isn't reported.
-void syncDirectory(const std::string& directory) {
-    int const handle = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (handle >= 0) {
-        ::fsync(handle);
-        ::close(handle);
-    }
-}
-
 // Replaces the file `name` by one holding `content`, through a temporary file
 // in the same directory: either the whole new content is in place, or the
 // old file is untouched. A symbolic link stays and its target is replaced.
@@ -223,15 +137,12 @@ bool replaceFile(const std::string& name, const std::string& content) {
                                   : slash == 0               ? std::string("/")
                                                              : target.substr(0, slash);
     std::string const base = slash == std::string::npos ? target : target.substr(slash + 1);
-    TemporaryFile temporary;
+    Replacement_File temporary;
     if (!temporary.create(directory, base))
         return false;
     if (exists && !temporary.takeOver(existing))
         return false;
-    if (!temporary.write(content) || !temporary.commit(target))
-        return false;
-    syncDirectory(directory);
-    return true;
+    return temporary.write(content) && temporary.commit(target);
 }
 
 }  // namespace

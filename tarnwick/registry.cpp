@@ -1,6 +1,7 @@
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/registry.h>
+#include <tarnwick/replacement_file.h>
 #include <tarnwick/utf8.h>
 
 #include <fcntl.h>
@@ -161,67 +162,6 @@ bool entryLine(const char* key, const ACE_String_Base<wchar_t>& value, std::stri
     return true;
 }
 
-bool writeAll(int handle, const std::string& text) {
-    std::string::size_type written = 0;
-    while (written < text.size()) {
-        ssize_t const put = ::write(handle, text.data() + written, text.size() - written);
-        if (put < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        written += static_cast<std::string::size_type>(put);
-    }
-    return true;
-}
-
-// A temporary file beside the entry, removed unless it was renamed into place.
-class TemporaryEntry {
-public:
-    TemporaryEntry() = default;
-    ~TemporaryEntry() {
-        int const error = errno;
-        if (handle_ >= 0)
-            ::close(handle_);
-        if (!name_.empty())
-            ::unlink(name_.c_str());
-        errno = error;
-    }
-    TemporaryEntry(const TemporaryEntry&) = delete;
-    TemporaryEntry& operator=(const TemporaryEntry&) = delete;
-
-    bool create(const std::string& root, const std::string& entry) {
-        std::string pattern = root;
-        Path::Join(pattern, ("." + entry + ".XXXXXX").c_str());
-        handle_ = ::mkostemp(&pattern[0], O_CLOEXEC);
-        if (handle_ < 0)
-            return false;
-        name_ = pattern;
-        return true;
-    }
-
-    bool write(const std::string& text) { return writeAll(handle_, text); }
-
-    // Makes the file durable and readable by everyone, then puts it in
-    // place of `target`.
-    bool commit(const std::string& target) {
-        if (::fchmod(handle_, kEntryMode) != 0 || ::fsync(handle_) != 0)
-            return false;
-        int const handle = handle_;
-        handle_ = -1;
-        if (::close(handle) != 0)
-            return false;
-        if (::rename(name_.c_str(), target.c_str()) != 0)
-            return false;
-        name_.clear();
-        return true;
-    }
-
-private:
-    int handle_ = -1;
-    std::string name_;
-};
-
 // The directories of `root` that don't exist yet, outermost first.
 std::vector<std::string> missingDirectories(const std::string& root) {
     std::vector<std::string> missing;
@@ -246,16 +186,6 @@ bool makeRoot(const std::string& root) {
     for (const std::string& directory : missing)
         ::chmod(directory.c_str(), kDirectoryMode);
     return true;
-}
-
-// Makes a finished rename durable; a failure here loses nothing that a
-// reader could see, so it is not reported.
-void syncDirectory(const std::string& directory) {
-    int const handle = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (handle >= 0) {
-        ::fsync(handle);
-        ::close(handle);
-    }
 }
 
 }  // namespace
@@ -301,7 +231,7 @@ int Registry::write() {
         std::string const root = registryRoot();
         std::string name;
         std::string file = root;
-        TemporaryEntry temporary;
+        Replacement_File temporary;
         if (!entryName(product_, name) || !makeRoot(root) || !temporary.create(root, name)) {
             TW_LOG("%D ERROR (%t): Could not create application key in registry.\n");
             return -1;
@@ -320,11 +250,11 @@ int Registry::write() {
                 "registry\n");
             return -1;
         }
-        if (!temporary.commit(file)) {
+        // Readable by every process, whatever the umask.
+        if (!temporary.setMode(kEntryMode) || !temporary.commit(file)) {
             TW_LOG("%D ERROR (%t): Could not create application key in registry.\n");
             return -1;
         }
-        syncDirectory(root);
         return 0;
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;

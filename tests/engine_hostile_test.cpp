@@ -104,6 +104,18 @@ std::string eventBytes(int type, const std::string& payload, uint32_t* token = n
     return bytes + payload;
 }
 
+// The files in this process's event cache directory.
+int cacheFiles() {
+    std::error_code ignored;
+    int files = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator(ACT_Cache::instance()->directory(), ignored)) {
+        (void)entry;
+        ++files;
+    }
+    return files;
+}
+
 // A header of `type` with `token` that announces `size` payload bytes.
 std::string headerBytes(uint32_t type, uint32_t token, uint32_t size) {
     Message_Header header;
@@ -352,14 +364,7 @@ TEST(EngineHostileOnce, APeerOverTheSpillQuotaIsDroppedAndItsFileRemoved) {
         EXPECT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 0; }));
         EXPECT_TRUE(log.has("%D ERROR (%t): Peer has failed unexpectedly."));
         EXPECT_EQ(ACT_Cache::instance()->spilledBytes(), 0u);
-        std::error_code ignored;
-        int files = 0;
-        for (const auto& entry :
-             std::filesystem::directory_iterator(ACT_Cache::instance()->directory(), ignored)) {
-            (void)entry;
-            ++files;
-        }
-        EXPECT_EQ(files, 0);
+        EXPECT_EQ(cacheFiles(), 0);
         engine->shutdown();
     });
 }
@@ -382,14 +387,7 @@ TEST(EngineHostileOnce, APeerWhosePayloadFindsNoRoomOnDiskIsDroppedAndOthersAreS
         EXPECT_TRUE(log.has("%D ERROR (%t): Not enough disk space for a message of 300000 bytes"));
         EXPECT_TRUE(log.has("%D ERROR (%t): Peer has failed unexpectedly."));
         EXPECT_EQ(ACT_Cache::instance()->spilledBytes(), 0u);
-        std::error_code ignored;
-        int files = 0;
-        for (const auto& entry :
-             std::filesystem::directory_iterator(ACT_Cache::instance()->directory(), ignored)) {
-            (void)entry;
-            ++files;
-        }
-        EXPECT_EQ(files, 0);
+        EXPECT_EQ(cacheFiles(), 0);
         // A message that stays in memory needs no room on disk.
         EXPECT_NE(other.send(GET_VERSION_EVENT), 0u);
         Abstract_Event* reply = other.receive(engine);

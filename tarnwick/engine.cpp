@@ -41,6 +41,8 @@ const size_t REACTOR_HANDLES = 1010;
 const int REACTOR_TRIES = 10;
 const uint64_t ENGINE_CHUNK_SIZE = 16384;
 const size_t QUEUE_BYTES_PER_WORKER = 655360;
+// Spilled payload that may wait for the workers beyond the queue's mark.
+const uint64_t QUEUED_DISK_LIMIT = 64ull * 1024 * 1024;
 const size_t WORKER_STACK_SIZE = 524288;
 const uint64_t MIN_BUFFER_SIZE = 512;
 const uint64_t MAX_BUFFER_SIZE = 1048576;
@@ -454,13 +456,13 @@ int Engine::forward(ACE_Message_Block* block) {
     }
     // No waiting: above the queue's high water mark the message is dropped,
     // and with it the token that waited for its reply. Payload spilled to
-    // disk counts against the mark too, but a queue without any takes one
-    // message of whatever size.
+    // disk counts against the mark and 64 MiB more; a queue without any
+    // takes one message of whatever size.
     uint64_t const disk = Handler::diskBytes(block);
     uint64_t const queued_disk = m_queued_disk_bytes;
     uint64_t const mark = msg_queue()->high_water_mark();
     ACE_Message_Block* queued = nullptr;
-    if (disk == 0 || queued_disk == 0 || queued_disk + disk + msg_queue()->message_bytes() <= mark)
+    if (disk == 0 || queued_disk == 0 || queued_disk + disk <= mark + QUEUED_DISK_LIMIT)
         queued = block->duplicate();
     if (queued != nullptr) {
         m_queued_disk_bytes += disk;

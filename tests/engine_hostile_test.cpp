@@ -563,3 +563,91 @@ TEST(EngineHostileOnce, NoisyNeighboursLeaveAnotherPeersLatencyAlone) {
         engine->shutdown();
     });
 }
+
+TEST_P(EngineHostile, LargeMessagesInOneMebibyteChunksArriveWholeOverANonBlockingSocket) {
+    int const workers = GetParam();
+    inChild([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        engine->setBufferSize(1048576);
+        u_short const port = startListening(engine);
+        WirePeer peer(port);
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        std::string const payload = patterned(4 * 1024 * 1024 + 13, 9);
+        std::string stream;
+        for (uint32_t i = 0; i < 4; ++i)
+            stream +=
+                headerBytes(KICK_EVENT, 500 + i, static_cast<uint32_t>(payload.size())) + payload;
+        std::thread writer([&] { peer.send(stream); });
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return setup.handler->seen(KICK_EVENT) == 4; }, 30000));
+        writer.join();
+        EXPECT_FALSE(log.hasPrefix("%D ERROR"));
+        engine->shutdown();
+    });
+}
+
+TEST_P(EngineHostile, LargeSpilledMessagesGoOutWholeOverANonBlockingSocket) {
+    int const workers = GetParam();
+    inChild([workers] {
+        LogLines log;
+        EngineSetup setup = start(workers, new SinglePeerRouter(), false);
+        Engine* engine = setup.engine;
+        engine->setBufferSize(1048576);
+        Listener listener;
+        std::atomic<int> frames(0);
+        std::atomic<bool> broken(false);
+        std::thread reader([&] {
+            ACE_SOCK_Stream stream;
+            if (listener.accept(stream) != 0)
+                return;
+            std::string pending;
+            char buffer[65536];
+            while (frames < 6) {
+                ssize_t const got = stream.recv(buffer, sizeof buffer);
+                if (got <= 0)
+                    break;
+                pending.append(buffer, static_cast<size_t>(got));
+                while (pending.size() >= 32) {
+                    if (wordAt(pending, 20) != 0x00060201u) {
+                        broken = true;
+                        return;
+                    }
+                    size_t const length = 32 + wordAt(pending, 8);
+                    if (pending.size() < length)
+                        break;
+                    pending.erase(0, length);
+                    ++frames;
+                }
+            }
+            stream.close();
+        });
+        ACE_Synch_Options options;
+        ASSERT_EQ(engine->makeConnection(listener.address(), 0, options), 0);
+        Handler* const connection = onlyConnection(setup.router);
+        ASSERT_NE(connection, nullptr);
+        std::string const payload = patterned(4 * 1024 * 1024 + 5, 7);
+        int sent = 0;
+        while (sent < 6 && !broken) {
+            if (connection->msg_queue()->message_count() < 2) {
+                Abstract_Event* event = Event_Factory::create(KICK_EVENT);
+                for (size_t at = 0; at < payload.size(); at += 1048576)
+                    event->write(payload.data() + at,
+                                 std::min<size_t>(1048576, payload.size() - at));
+                EXPECT_EQ(connection->forward(event->data(false)), 0);
+                event->destroy();
+                ++sent;
+            }
+            ACE_Time_Value wait(0, 1000);
+            engine->getReactor()->handle_events(wait);
+        }
+        EXPECT_TRUE(pumpUntil(
+            engine, [&] { return frames == 6 || broken; }, 20000));
+        EXPECT_FALSE(broken);
+        EXPECT_EQ(frames, 6);
+        connection->release();
+        engine->shutdown();
+        reader.join();
+    });
+}

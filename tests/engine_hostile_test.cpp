@@ -558,8 +558,8 @@ TEST(EngineHostileOnce, NoisyNeighboursLeaveAnotherPeersLatencyAlone) {
         long const noisy = median();
         EXPECT_GE(quiet, 0);
         EXPECT_GE(noisy, 0);
-        std::cout << "round trip median: quiet " << quiet << " us, with noisy neighbours " << noisy
-                  << " us\n";
+        std::cout << TarnwickTest::FIGURE_MARK << "round trip median: quiet " << quiet
+                  << " us, with noisy neighbours " << noisy << " us\n";
         engine->shutdown();
     });
 }

@@ -1472,7 +1472,7 @@ TEST_F(SecuritySession, MisbehavingSSLPeersHoldUpNobody) {
             engine, [&] { return noisy.finished(); }, SSL_WAIT_MS));
         long const noisyMedian = noisy.median();
         EXPECT_GE(noisyMedian, 0);
-        std::cout << "SSL round trip median: quiet " << quietMedian
+        std::cout << TarnwickTest::FIGURE_MARK << "SSL round trip median: quiet " << quietMedian
                   << " us, with misbehaving neighbours " << noisyMedian << " us\n";
 
         stop = true;

@@ -10,7 +10,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <string>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -39,6 +41,16 @@ void inChild(const std::function<void()>& body) {
     EXPECT_TRUE(result.exited()) << "signal " << result.signal() << "\n"
                                  << result.output << result.errors;
     EXPECT_EQ(result.exitCode(), 0) << result.output << result.errors;
+    // Lines a body marks for the record (figures) are shown in any case.
+    std::string::size_type start = 0;
+    while ((start = result.output.find(FIGURE_MARK, start)) != std::string::npos) {
+        std::string::size_type const end = result.output.find('\n', start);
+        std::cout << result.output.substr(
+                         start + std::strlen(FIGURE_MARK),
+                         end == std::string::npos ? end : end - start - std::strlen(FIGURE_MARK))
+                  << std::endl;
+        start = end == std::string::npos ? result.output.size() : end;
+    }
 }
 
 Channel::~Channel() {

@@ -20,6 +20,11 @@ void checkLeaks();
 
 // Runs `body` in a forked child; its expectations and leaks count for the
 // test, and so does a child that is killed by a signal.
+// A line that a body prints to standard output beginning with FIGURE_MARK
+// is shown by inChild (without the mark) whether the body passed or not:
+// for figures that a test reports.
+constexpr const char* FIGURE_MARK = "[figure] ";
+
 void inChild(const std::function<void()>& body);
 
 // One end of a socket pair between the test process and a process it

@@ -96,12 +96,9 @@ std::string eventBytes(int type, const std::string& payload, uint32_t* token = n
         event->write(payload.data(), payload.size());
     if (token != nullptr)
         *token = event->getACT();
-    Message_Header header = *static_cast<Message_Block*>(event->data(false))->getHeader();
+    std::string const bytes = wireBytes(event->data(false));
     event->destroy();
-    header.decode();
-    header.encode();
-    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    return bytes + payload;
+    return bytes;
 }
 
 // The files in this process's event cache directory.

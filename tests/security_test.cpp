@@ -13,6 +13,7 @@
 #include <tarnwick/handler_t.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/message_block.h>
+#include <tarnwick/message_codec.h>
 #include <tarnwick/router.h>
 #include <tarnwick/security.h>
 
@@ -1334,16 +1335,9 @@ std::string versionRequest(uint32_t& token) {
     Tarnwick::Abstract_Event* const event =
         Tarnwick::Event_Factory::create(Tarnwick::GET_VERSION_EVENT);
     token = event->getACT();
-    Tarnwick::Message_Header header =
-        *static_cast<Tarnwick::Message_Block*>(event->data(false))->getHeader();
-    std::string payload;
-    ACE_Message_Block* const block = event->data(false);
-    if (block->cont() != nullptr)
-        payload.assign(block->cont()->rd_ptr(), block->cont()->length());
+    std::string const bytes = Tarnwick::Message_Writer::Bytes(event->data(false));
     event->destroy();
-    header.decode();
-    header.encode();
-    return std::string(reinterpret_cast<const char*>(&header), sizeof header) + payload;
+    return bytes;
 }
 
 // A TLS peer of the engine on a thread of its own that asks for the version

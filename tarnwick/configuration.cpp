@@ -840,6 +840,17 @@ bool Configuration::hasKey(const wchar_t* key) {
     return m_values.count(key) != 0;
 }
 
+std::vector<std::wstring> Configuration::keys() {
+    std::vector<std::wstring> out;
+    Guard guard(m_lock);
+    if (!guard.locked())
+        return out;
+    out.reserve(m_settings.size());
+    for (const auto& entry : m_settings)
+        out.push_back(entry.first);
+    return out;
+}
+
 bool Configuration::keyEquals(const wchar_t* key, const wchar_t* value, bool whenEmpty) {
     Guard guard(m_lock);
     if (!guard.locked() || key == nullptr)

@@ -183,6 +183,10 @@ public:
     // is absent or has no value.
     const wchar_t* asString(const wchar_t* key);
     bool hasKey(const wchar_t* key);
+    // The long option of every declared setting, in the order of the
+    // settings map (with or without a value); empty when the lock can't be
+    // taken.
+    std::vector<std::wstring> keys();
     // False for an absent key, `whenEmpty` for a key without value, else
     // whether the value is `value` (case-sensitive).
     bool keyEquals(const wchar_t* key, const wchar_t* value, bool whenEmpty);

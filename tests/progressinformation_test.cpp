@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -500,6 +501,20 @@ TEST(ProgressInformationTest, BrokenFileThrowsNotValidXml) {
     writeFile(other, "<progress/>");
     expectException([&] { progress.readFromXMLFile(other.c_str()); }, ERR_PROGRESS_INFORMATION,
                     SEVERITY_WARNING, "ProgressInformation", NOT_PROGRESS);
+}
+
+TEST(ProgressInformationTest, CompressedFileIsNotUnpacked) {
+    ScratchDir dir("tw-progress");
+    ASSERT_FALSE(dir.path().empty());
+    std::string const plain = dir.path() + "/progress.xml";
+    writeFile(plain, document("1", "2"));
+    ASSERT_EQ(std::system(("gzip -n -c '" + plain + "' > '" + plain + ".gz'").c_str()), 0);
+    std::string const packed = plain + ".gz";
+    ProgressInformation progress;
+    expectException([&] { progress.readFromXMLFile(packed.c_str()); }, ERR_PROGRESS_INFORMATION,
+                    SEVERITY_WARNING, "ProgressInformation",
+                    "Requested file is not valid xml: " + packed);
+    EXPECT_EQ(progress.getCurrent(), 0u);
 }
 
 TEST(ProgressInformationTest, FileOf100MiBIsReadWhole) {

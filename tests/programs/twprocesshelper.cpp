@@ -106,6 +106,7 @@ int main(int argc, char** argv) {
     if (mode == "grandchildren" && argc == 3) {
         int const count = std::atoi(argv[2]);
         for (int i = 0; i < count; ++i) {
+            std::fflush(stdout);  // or the child writes the lines too
             pid_t const child = ::fork();
             if (child == 0)
                 waitForever();

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -226,11 +227,26 @@ int openRegular(const wchar_t* path) {
     return ::open(narrow.c_str(), O_RDONLY | O_CLOEXEC);
 }
 
+// With a null `buffer` one of `block` + 1 bytes is allocated, but no larger
+// than the file needs.
 int tailScan(const wchar_t* path, int out_handle, char* buffer, size_t block, int level,
              long long max_lines) {
     int const fd = openRegular(path);
     if (fd < 0)
         return -1;
+    std::unique_ptr<char[]> allocated;
+    if (buffer == nullptr) {
+        struct stat status;
+        if (::fstat(fd, &status) == 0 && static_cast<unsigned long long>(status.st_size) < block)
+            block = status.st_size > 0 ? static_cast<size_t>(status.st_size) : 1;
+        allocated.reset(new (std::nothrow) char[block + 1]);
+        if (!allocated) {
+            ::close(fd);
+            errno = ENOMEM;
+            return -1;
+        }
+        buffer = allocated.get();
+    }
     Gathered lines;
     Gatherer gatherer(lines, level, max_lines);
     int const result = scanBackward(fd, buffer, block, gatherer);
@@ -488,12 +504,10 @@ int tail_and_filter_file(const wchar_t* path, ACE_HANDLE out_handle, int64_t blo
         errno = EINVAL;
         return -1;
     }
-    std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(block_size) + 1]);
-    if (!buffer) {
-        errno = ENOMEM;
-        return -1;
-    }
-    return tailScan(path, out_handle, buffer.get(), static_cast<size_t>(block_size), level, -1);
+    size_t const block = static_cast<uint64_t>(block_size) < SIZE_MAX
+                             ? static_cast<size_t>(block_size)
+                             : SIZE_MAX - 1;
+    return tailScan(path, out_handle, nullptr, block, level, -1);
 }
 
 int shrinkFileTail(const wchar_t* path, size_t keep_bytes) {

@@ -76,9 +76,9 @@ TARNWICK_EXPORT int smart_truncate(const char* path, std::stringstream& out, siz
 // or a failed seek ("Can not position in file").
 TARNWICK_EXPORT int tail_and_filter(const wchar_t* path, ACE_HANDLE out_handle, int level,
                                     int max_lines);
-// The same for every line of the file, with blocks of `block_size` bytes
-// (-1 with errno ENOMEM when the block can't be allocated, EINVAL when
-// `block_size` is below 1).
+// The same for every line of the file, with blocks of `block_size` bytes, or
+// of the file's size when that is smaller (-1 with errno ENOMEM when the
+// block can't be allocated, EINVAL when `block_size` is below 1).
 TARNWICK_EXPORT int tail_and_filter_file(const wchar_t* path, ACE_HANDLE out_handle,
                                          int64_t block_size, int level);
 

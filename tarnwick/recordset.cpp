@@ -1,5 +1,6 @@
 #include <tarnwick/exception.h>
 #include <tarnwick/log.h>
+#include <tarnwick/path_encoder.h>
 #include <tarnwick/recordset.h>
 #include <tarnwick/utf8.h>
 
@@ -11,6 +12,7 @@
 #include <cwchar>
 #include <memory>
 #include <new>
+#include <vector>
 
 namespace Tarnwick {
 
@@ -66,9 +68,16 @@ bool startsWith(const wchar_t* text, const wchar_t* prefix) {
     return std::wcsncmp(text, prefix, std::wcslen(prefix)) == 0;
 }
 
-// PENDING: the store's unescaping (path_encoder).
-std::wstring unescapeValue(const std::wstring& value) {
-    return value;
+// The value with the store's escaping removed; false when the escaped bytes
+// aren't UTF-8 text (a "%00" among them). Unescaping never lengthens text,
+// so the value's length plus one is room enough.
+bool unescapeValue(const wchar_t* value, std::wstring& out) {
+    std::vector<wchar_t> buffer(std::wcslen(value) + 1);
+    const ssize_t length = Path_Encoder::Unescape(value, buffer.data(), buffer.size());
+    if (length < 0 || static_cast<size_t>(length) >= buffer.size())
+        return false;
+    out.assign(buffer.data(), static_cast<size_t>(length));
+    return true;
 }
 
 std::wstring widen(const std::string& text, const char* what) {
@@ -209,10 +218,8 @@ std::string Record::getValue(const std::string& name, bool unescape) const {
                         "Missing required value for field: " + name);
     }
     std::wstring value(found->value());
-    if (unescape)
-        value = unescapeValue(value);
     std::string text;
-    if (!wcstoutf8(value.c_str(), text)) {
+    if ((unescape && !unescapeValue(found->value(), value)) || !wcstoutf8(value.c_str(), text)) {
         throw Exception(ERR_RECORD_FIELD, SEVERITY_SEVERE, "Record",
                         "Conversion from wide character failed for field: " + name);
     }

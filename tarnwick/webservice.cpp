@@ -80,16 +80,30 @@ size_t WebServiceBuffer::write(void* data, size_t size, size_t nmemb) {
     const size_t limit = std::numeric_limits<size_t>::max();
     const bool overflow = (nmemb != 0 && size > limit / nmemb);
     const size_t n = overflow ? 0 : size * nmemb;
-    void* grown = nullptr;
-    if (!overflow && m_size < limit - 1 && n <= limit - 1 - m_size)
-        grown = std::realloc(m_data, static_cast<size_t>(m_size) + n + 1);
-    if (grown == nullptr) {
-        std::free(m_data);
-        m_data = nullptr;
-        m_size = 0;
+    if (overflow || m_size >= limit - 1 || n > limit - 1 - m_size) {
+        reset();
         return 0;
     }
-    m_data = static_cast<char*>(grown);
+    const size_t needed = static_cast<size_t>(m_size) + n + 1;
+    if (needed > m_capacity) {
+        // The storage grows by doubling, so that a large body costs a few
+        // copies instead of one per piece; near the end of memory the exact
+        // size is tried as well.
+        void* grown = nullptr;
+        if (m_capacity <= limit / 2 && m_capacity * 2 > needed)
+            grown = std::realloc(m_data, m_capacity * 2);
+        if (grown != nullptr) {
+            m_capacity *= 2;
+        } else {
+            grown = std::realloc(m_data, needed);
+            if (grown == nullptr) {
+                reset();
+                return 0;
+            }
+            m_capacity = needed;
+        }
+        m_data = static_cast<char*>(grown);
+    }
     if (n > 0)
         std::memcpy(m_data + m_size, data, n);
     m_size += n;
@@ -101,6 +115,7 @@ int WebServiceBuffer::reset() {
     std::free(m_data);
     m_data = nullptr;
     m_size = 0;
+    m_capacity = 0;
     return 0;
 }
 

@@ -465,3 +465,36 @@ TEST(RecordSetRecordTest, InvalidUtf8NameOrValueThrowsConversion) {
     EXPECT_EQ("Conversion to string failed for bad\xff", e.getDescription());
     EXPECT_EQ(0, record.count());
 }
+
+TEST(RecordSetRecordTest, UnescapeRemovesTheStoreEscaping) {
+    RecordSet set;
+    ASSERT_EQ(0, Tarnwick::parseRecordSet("***BEGIN***\n0\np|z|bad\nS|S|S\n"
+                                          "dir%2Fsub%25x%C3%A9|x%00y|%FF\n***DONE***\n",
+                                          &set));
+    Record* const record = set.next();
+    ASSERT_NE(nullptr, record);
+    EXPECT_EQ("dir%2Fsub%25x%C3%A9", record->getValue("p", false));
+    EXPECT_EQ("dir/sub%x\xc3\xa9", record->getValue("p", true));
+    EXPECT_EQ("x%00y", record->getValue("z", false));
+    EXPECT_EQ("Conversion from wide character failed for field: z",
+              thrown([&]() { record->getValue("z", true); }).getDescription());
+    EXPECT_EQ("%FF", record->getValue("bad", false));
+    const Exception e = thrown([&]() { record->getValue("bad", true); });
+    EXPECT_EQ(6, static_cast<int>(e.getErrNo()));
+    EXPECT_EQ(5, static_cast<int>(e.getSeverity()));
+    EXPECT_EQ("Record", e.getSource());
+    EXPECT_EQ("Conversion from wide character failed for field: bad", e.getDescription());
+}
+
+TEST(RecordSetRecordTest, MissingValueThrowsItsText) {
+    // A record made by a caller may hold a field that has no value yet.
+    class Bare : public Record {
+    public:
+        void addBare(const wchar_t* name) { add_field(new StringField(name)); }
+    };
+    Bare record;
+    record.addBare(L"empty");
+    const Exception e = thrown([&]() { record.getValue("empty"); });
+    EXPECT_EQ("Missing required value for field: empty", e.getDescription());
+    EXPECT_EQ(6, static_cast<int>(e.getErrNo()));
+}

@@ -23,7 +23,7 @@ class RecordSet;
 // doesn't count. Owns its storage.
 class TARNWICK_EXPORT WebServiceBuffer {
 public:
-    WebServiceBuffer() : m_data(nullptr), m_size(0) {}
+    WebServiceBuffer() : m_data(nullptr), m_size(0), m_capacity(0) {}
     ~WebServiceBuffer();
     WebServiceBuffer(const WebServiceBuffer&) = delete;
     WebServiceBuffer& operator=(const WebServiceBuffer&) = delete;
@@ -41,6 +41,7 @@ public:
 private:
     char* m_data;
     uint64_t m_size;
+    size_t m_capacity;  // bytes allocated
 };
 
 // One HTTP client of the management server. Fill in the URL and the form

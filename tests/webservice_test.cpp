@@ -476,6 +476,23 @@ TEST_F(WebServiceTest, BodyLargerThanMemoryAllowsIsANetworkError) {
 }
 #endif
 
+// Two threads on one object: the second transfer waits for the first.
+TEST_F(WebServiceTest, TransfersOnOneObjectQueueUp) {
+    server.script({HttpReply::delayed(600, kTable)});
+    WebService service;
+    service.url(server.url().c_str());
+    int first = 0;
+    int second = 0;
+    std::thread other([&service, &second]() { EXPECT_EQ(0, service.get(&second)); });
+    EXPECT_EQ(0, service.get(&first));
+    other.join();
+    EXPECT_EQ(200, first);
+    EXPECT_EQ(200, second);
+    const std::vector<HttpRequest> requests = server.requests();
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_GE(requests[1].arrived - requests[0].arrived, std::chrono::milliseconds(550));
+}
+
 // ---------------------------------------------------------------- HTTPS
 
 TEST(WebServiceHttpsTest, SelfSignedCertificateIsAccepted) {
@@ -561,6 +578,37 @@ TEST_F(WebServiceTest, ServiceUnavailableThenTableWaitsTheStartInterval) {
         EXPECT_EQ(1, log.countPrefix("%D WARN  (%t): HTTP responsecode was 503, retrying 2 in "));
     });
     EXPECT_EQ(3u, server.requests().size());
+}
+
+TEST_F(WebServiceTest, OneServiceUnavailableWaitsBetweenTheIntervalAndTwiceIt) {
+    server.script({HttpReply::status_only(503, "busy"), HttpReply::ok(kTable)});
+    const std::string url = server.url();
+    inChild([&url]() {
+        openSettings({L"--start_wait_interval=2"});
+        LogLines log;
+        WebService service;
+        service.url(url.c_str());
+        RecordSet set;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, service.get(&set, 0));
+        const double took = secondsSince(start);
+        int wait = 0;
+        for (const std::string& line : log.lines())
+            std::sscanf(line.c_str(),
+                        "                 current interval: 2s, current total retry time: %ds ",
+                        &wait);
+        // From 2 to 3 seconds.
+        EXPECT_GE(wait, 2);
+        EXPECT_LE(wait, 3);
+        EXPECT_GE(took, wait);
+        EXPECT_LT(took, wait + 1.5);
+        EXPECT_TRUE(log.has(
+            "%D DEBUG (%t): HTTP 503 params: min interval: 2s, max: 900s, max retry time: 0s "));
+        EXPECT_TRUE(log.has("%D WARN  (%t): HTTP responsecode was 503, retrying 1 in " +
+                            std::to_string(wait) + " seconds"));
+        EXPECT_EQ(2, set.count());
+    });
+    EXPECT_EQ(2u, server.requests().size());
 }
 
 TEST_F(WebServiceTest, SettingsAreReadAtConstruction) {

@@ -331,11 +331,18 @@ void HttpServer::serve(int fd) {
     }
     request.body = data.substr(0, length);
     request.fields = formFields(request.headers["content-type"], request.body);
+    request.arrived = std::chrono::steady_clock::now();
     const HttpReply reply = nextReply();
     record(request);
 
+    if (reply.kind == HttpReply::DELAY) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait_for(lock, std::chrono::milliseconds(reply.delay_ms),
+                           [this]() { return m_stopping; });
+    }
     switch (reply.kind) {
-        case HttpReply::NORMAL: {
+        case HttpReply::NORMAL:
+        case HttpReply::DELAY: {
             const std::string answer =
                 "HTTP/1.1 " + std::to_string(reply.status) + " " + reason(reply.status) +
                 "\r\nContent-Type: text/plain; charset=utf-8\r\n"

@@ -5,6 +5,7 @@
 // large body. With a certificate and key it speaks TLS.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -24,6 +25,8 @@ struct HttpRequest {
     std::string body;
     // The parts of a multipart/form-data body, in the order they came.
     std::vector<std::pair<std::string, std::string>> fields;
+    // When the whole request had come.
+    std::chrono::steady_clock::time_point arrived;
 };
 
 struct HttpReply {
@@ -31,12 +34,14 @@ struct HttpReply {
         NORMAL,  // status line, Content-Length, body, close
         STALL,   // headers and `body` go out, then nothing until the server stops
         RESET,   // the connection is reset without an answer
-        LARGE    // `size` bytes of 'x' as the body
+        LARGE,   // `size` bytes of 'x' as the body
+        DELAY    // a NORMAL reply after `delay_ms` milliseconds
     };
     int status = 200;
     std::string body;
     Kind kind = NORMAL;
     size_t size = 0;
+    int delay_ms = 0;
 
     static HttpReply ok(const std::string& body) { return make(200, body, NORMAL); }
     static HttpReply status_only(int status, const std::string& body = "") {
@@ -44,6 +49,11 @@ struct HttpReply {
     }
     static HttpReply stall(const std::string& head = "") { return make(200, head, STALL); }
     static HttpReply reset() { return make(0, "", RESET); }
+    static HttpReply delayed(int ms, const std::string& body) {
+        HttpReply reply = make(200, body, DELAY);
+        reply.delay_ms = ms;
+        return reply;
+    }
     static HttpReply large(size_t bytes) {
         HttpReply reply = make(200, "", LARGE);
         reply.size = bytes;

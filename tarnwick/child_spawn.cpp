@@ -185,6 +185,14 @@ pid_t spawn(ACE_Process& process, ACE_Process_Options& options, bool newGroup) {
         environment.push_back(*entry);
     environment.push_back(nullptr);
 
+    // ACE's copies of the standard handles would pass into any program that
+    // another thread starts meanwhile; dup2 in the child clears the flag on
+    // the child's own copies.
+    for (ACE_HANDLE const handle :
+         {options.get_stdin(), options.get_stdout(), options.get_stderr()}) {
+        if (handle != ACE_INVALID_HANDLE)
+            ::fcntl(handle, F_SETFD, FD_CLOEXEC);
+    }
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0)
         return -1;

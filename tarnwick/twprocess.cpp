@@ -159,13 +159,19 @@ int TWProcess::wait() {
     }
     if (pid == ACE_INVALID_PID || reaped) {
         errno = ECHILD;
-    } else if (ChildSpawn::awaitEnd(pid) == 0) {
-        // The child has ended but stays a zombie, holding its id, until it
-        // is reaped here under the lock that kill takes.
+    } else {
+        // The child ends but stays a zombie, holding its id, until it is
+        // reaped here under the lock that kill takes. One that can't be
+        // waited for (reaped elsewhere) counts as reaped: its id is free.
+        int const ended = ChildSpawn::awaitEnd(pid);
+        int const error = errno;
         ACE_GUARD_REACTION(ACE_Thread_Mutex, guard, m_lock, (void)0);
-        if (ChildSpawn::wait(m_process, nullptr) == pid) {
+        if (ended == 0 && ChildSpawn::wait(m_process, nullptr) == pid) {
             status = m_process.exit_code();
             m_reaped = true;
+        } else if (ended != 0 && error == ECHILD) {
+            m_reaped = true;
+            errno = error;
         }
     }
     m_running = false;

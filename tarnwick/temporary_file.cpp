@@ -58,7 +58,9 @@ Temporary_File::Temporary_File(const wchar_t* prefix, bool keep)
 
 Temporary_File::~Temporary_File() {
     close();
-    if (!m_keep)
+    // A generated name that this object never created may name another
+    // process's file by now: only what was made here, or given, goes.
+    if (!m_keep && (!m_chosen || m_created))
         unlink();
 }
 

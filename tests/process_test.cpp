@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <log_lines.h>
 #include <process_hygiene.h>
+#include <unprivileged.h>
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -310,6 +311,21 @@ TEST_F(ProcessTest, TemporaryDirectoryMissing) {
     EXPECT_EQ(-1, process.run(true, nullptr));
     EXPECT_EQ(ENOENT, errno);
     EXPECT_EQ(-1, process.getPid());
+}
+
+TEST_F(ProcessTest, TemporaryDirectoryReadOnly) {
+    std::string const directory = tmp() + "/readonly";
+    ASSERT_EQ(0, ::mkdir(directory.c_str(), 0555));
+    ASSERT_EQ(0, ::chmod(tmp().c_str(), 0755));
+    ::setenv("TMPDIR", directory.c_str(), 1);
+    TarnwickTest::asUnprivilegedUser([&] {
+        Process process(helper("print x").c_str(), nullptr);
+        errno = 0;
+        EXPECT_EQ(-1, process.run(true, nullptr));
+        EXPECT_EQ(EACCES, errno);
+        EXPECT_EQ(-1, process.getPid());
+    });
+    ASSERT_EQ(0, ::rmdir(directory.c_str()));
 }
 
 TEST_F(ProcessTest, KillProcessGroupIsNotAvailable) {

@@ -324,6 +324,17 @@ TEST_F(TemporaryFileTest, ANameTakenMeanwhileIsReplaced) {
     EXPECT_EQ(0, ::unlink(taken.c_str()));
 }
 
+TEST_F(TemporaryFileTest, ANameNeverOpenedIsNotDeleted) {
+    std::string taken;
+    {
+        Temporary_File file(L"unopened");
+        taken = narrow(file.filename());
+        std::ofstream(taken) << "someone else's";
+    }
+    EXPECT_EQ("someone else's", content(taken));
+    EXPECT_EQ(0, ::unlink(taken.c_str()));
+}
+
 TEST_F(TemporaryFileTest, ALinkPlantedAtTheNameIsNotFollowed) {
     ScratchDir out("tarnwick-templink");
     std::string const victim = out.path() + "/victim";

@@ -293,6 +293,16 @@ TEST_F(TWProcessTest, ChildClosingItsOutputEarly) {
     EXPECT_EQ("", fileText(logPath()));
 }
 
+TEST_F(TWProcessTest, ChildWritingAHundredMebibytes) {
+    long long const size = 100LL * 1024 * 1024;
+    TWProcess process(Helper + " flood " + std::to_string(size), logPath());
+    process.run();
+    EXPECT_EQ(0, process.wait());
+    struct stat info;
+    ASSERT_EQ(0, ::stat(logPath().c_str(), &info));
+    EXPECT_EQ(size, info.st_size);
+}
+
 TEST_F(TWProcessTest, DestructorClosesTheLogOfAFailedStart) {
     int const before = TarnwickTest::countDescriptors();
     {

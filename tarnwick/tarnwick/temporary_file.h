@@ -17,7 +17,9 @@ namespace Tarnwick {
 // there, and the owner reads, copies or keeps it. The file is made with mode
 // 0600 (less the umask), exclusively and never through a symbolic link; a
 // generated name that another process takes first is replaced by a new one.
-// Unless keep() was called, the destructor closes and deletes the file.
+// Unless keep() was called, the destructor closes and deletes the file; a
+// generated name that was never opened is left alone, as another process
+// may have taken it.
 // Nothing here logs or locks.
 class TARNWICK_EXPORT Temporary_File {
 public:

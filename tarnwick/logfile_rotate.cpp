@@ -27,7 +27,7 @@ bool saidNotRotated = false;
 
 // Copies `source` into the new file `target` with `mode`; true on success.
 // Nothing is logged: the log stream is closed while this runs.
-bool copyFile(const std::string& source, const std::string& target, mode_t mode) {
+[[nodiscard]] bool copyFile(const std::string& source, const std::string& target, mode_t mode) {
     int const in = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0)
         return false;

@@ -103,7 +103,7 @@ private:
 };
 
 // Reads up to `size` bytes at `offset`; the count, or -1 with errno.
-ssize_t readAt(int fd, char* buffer, size_t size, off_t offset) {
+[[nodiscard]] ssize_t readAt(int fd, char* buffer, size_t size, off_t offset) {
     size_t done = 0;
     while (done < size) {
         ssize_t const got =
@@ -128,9 +128,11 @@ public:
     // `max_lines` below 0 means no limit.
     Gatherer(Gathered& lines, int level, long long max_lines)
         : m_lines(lines), m_level(level), m_left(max_lines), m_limited(max_lines >= 0) {}
+    Gatherer(const Gatherer&) = delete;
+    Gatherer& operator=(const Gatherer&) = delete;
 
     // False once the scan has to end: enough lines, or no memory.
-    bool take(const char* line, size_t length) {
+    [[nodiscard]] bool take(const char* line, size_t length) {
         if (length == 0)
             return true;
         if (m_limited && m_left <= 0)
@@ -139,7 +141,7 @@ public:
             return true;
         return push(line, length);
     }
-    bool push(const char* line, size_t length) {
+    [[nodiscard]] bool push(const char* line, size_t length) {
         try {
             m_lines.emplace_front(line, length);
         } catch (const std::bad_alloc&) {
@@ -161,7 +163,7 @@ private:
 // for a terminator) and gathers the lines within the level, the last ones
 // first. -1 after logging a failed seek; 0 otherwise, also when a read
 // failed (the scan ends there).
-int scanBackward(int fd, char* buffer, size_t block, Gatherer& gatherer) {
+[[nodiscard]] int scanBackward(int fd, char* buffer, size_t block, Gatherer& gatherer) {
     off_t const end = ::lseek(fd, 0, SEEK_END);
     if (end < 0) {
         TW_LOG("%D ERROR (%t): Can not position in file: %m\n");
@@ -196,7 +198,7 @@ int scanBackward(int fd, char* buffer, size_t block, Gatherer& gatherer) {
             }
         }
         if (p == 0) {
-            gatherer.take(buffer, lineEnd);
+            (void)gatherer.take(buffer, lineEnd);
             return 0;
         }
         if (size == 0)
@@ -215,7 +217,7 @@ int scanBackward(int fd, char* buffer, size_t block, Gatherer& gatherer) {
 
 // Opens the regular file `path` for reading; -1 when it is null, no regular
 // file, or can't be opened.
-int openRegular(const wchar_t* path) {
+[[nodiscard]] int openRegular(const wchar_t* path) {
     if (path == nullptr || !Path::IsFile(path)) {
         if (path == nullptr)
             errno = EINVAL;
@@ -229,8 +231,8 @@ int openRegular(const wchar_t* path) {
 
 // With a null `buffer` one of `block` + 1 bytes is allocated, but no larger
 // than the file needs.
-int tailScan(const wchar_t* path, int out_handle, char* buffer, size_t block, int level,
-             long long max_lines) {
+[[nodiscard]] int tailScan(const wchar_t* path, int out_handle, char* buffer, size_t block,
+                           int level, long long max_lines) {
     int const fd = openRegular(path);
     if (fd < 0)
         return -1;
@@ -285,7 +287,7 @@ private:
     int m_fd;
 };
 
-bool writeAllTo(int fd, const char* data, size_t size) {
+[[nodiscard]] bool writeAllTo(int fd, const char* data, size_t size) {
     while (size > 0) {
         ssize_t const put = ::write(fd, data, size);
         if (put < 0 && errno == EINTR)

@@ -70,6 +70,8 @@ inline int hexValue(char c) {
 class Sink {
 public:
     Sink(char* out, size_t size) : m_out(out), m_size(size), m_length(0), m_full(size == 0) {}
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
     void put(const char* piece, size_t n) {
         if (!m_full) {
             if (m_length + n < m_size)
@@ -95,7 +97,7 @@ private:
     bool m_full;
 };
 
-bool validArguments(const char* in, size_t length, const void* out, size_t size) {
+[[nodiscard]] bool validArguments(const char* in, size_t length, const void* out, size_t size) {
     if ((in == nullptr && length != 0) || (out == nullptr && size != 0)) {
         errno = EINVAL;
         return false;

@@ -270,6 +270,24 @@ TEST_F(LogParserTest, LastLineWithoutLineEnd) {
     EXPECT_EQ("x\n. y\nz\n", escaped.str());
 }
 
+TEST_F(LogParserTest, FileWithNoLineEndAtAll) {
+    std::string const path = file("one.log");
+    writeFile(path, ". just one line");
+    int result = -1;
+    EXPECT_EQ(". just one line\n", tail(path, 1, 10, &result));
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(". just one line\n", tail(path, 1, 0, &result, 4096));
+    EXPECT_EQ(". just one line\n", filtered(path, 1));
+    EXPECT_EQ("", filtered(path, 0));
+    std::stringstream out;
+    EXPECT_EQ(0, Tarnwick::smart_truncate(path.c_str(), out, 1000));
+    EXPECT_EQ(". just one line\n", out.str());
+    std::ifstream in(path.c_str(), std::ios::binary);
+    std::ostringstream escaped;
+    Tarnwick::LogParser::truncateAndEscapeStream(in, escaped, 1000);
+    EXPECT_EQ(". just one line\n", escaped.str());
+}
+
 TEST_F(LogParserTest, TruncateAndEscapeWithinTheLimitWritesEverything) {
     std::string const content = "a/b\n100%\n\ttab\n";
     std::string const path = file("small.log");
@@ -401,6 +419,12 @@ TEST_F(LogParserTest, OneLineOf100MiBWithoutLineEnd) {
     EXPECT_EQ("Error: line too long\nError: line too long\nError: line too long\n",
               tail(path, 3, 3, &result));
     EXPECT_EQ(0, result);
+    // filter_file gives the line whole, with its line end.
+    std::string const output = file("huge.out");
+    EXPECT_EQ(0, Tarnwick::filter_file(path.c_str(), output.c_str(), 0));
+    struct stat status;
+    ASSERT_EQ(0, ::stat(output.c_str(), &status));
+    EXPECT_EQ((100 << 20) + 1, status.st_size);
 }
 
 TEST_F(LogParserTest, ParseLogFileFiltersTruncatesAndEscapes) {

@@ -678,10 +678,15 @@ TEST_F(WebServiceTest, TransportFailuresAreRetriedWithDoublingDelays) {
 
 // ---------------------------------------------------------------- shutdown
 
-TEST_F(WebServiceTest, ShutdownEndsAServiceUnavailableWaitWithinASecond) {
-    server.script({HttpReply::status_only(503, "busy"), HttpReply::ok(kTable)});
-    const std::string url = server.url();
-    inChild([&url]() {
+// The server of these tests runs in the child, which then starts the thread
+// that shuts down: a forked child of a threaded process may not start
+// threads under ThreadSanitizer.
+TEST(WebServiceShutdownTest, ShutdownEndsAServiceUnavailableWaitWithinASecond) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::status_only(503, "busy"), HttpReply::ok(kTable)});
+        const std::string url = server.url();
         openSettings({L"--start_wait_interval=30"});
         LogLines log;
         WebService service;
@@ -711,14 +716,17 @@ TEST_F(WebServiceTest, ShutdownEndsAServiceUnavailableWaitWithinASecond) {
         EXPECT_EQ(-1, service.get(&code));
         EXPECT_EQ(0, code);
         EXPECT_EQ(Lines({initDone(url), kComplete, kCleaning, kInterrupted}), log.lines());
+        server.stop();
+        EXPECT_EQ(1u, server.requests().size());
     });
-    EXPECT_EQ(1u, server.requests().size());
 }
 
-TEST_F(WebServiceTest, ShutdownEndsARunningTransferWithinOnePoll) {
-    server.script({HttpReply::stall("***BEGIN***\n")});
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceShutdownTest, ShutdownEndsARunningTransferWithinOnePoll) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::stall("***BEGIN***\n")});
+        const std::string url = server.url();
         LogLines log;
         WebService service;
         service.url(url.c_str());

@@ -33,17 +33,17 @@ ACE_HANDLE openNullInput();
 // command line without a program, the error of exec(3) when the program
 // couldn't be run (the child that tried has been reaped; `process` still
 // holds its pid, which the caller forgets), or that of fork(2).
-pid_t spawn(ACE_Process& process, ACE_Process_Options& options, bool newGroup);
+[[nodiscard]] pid_t spawn(ACE_Process& process, ACE_Process_Options& options, bool newGroup);
 
 // Waits for the child of `process` to end, at most `timeout` (null: no
 // limit), and reaps it. Its pid; 0 when the time ran out (errno ETIME); -1
 // with errno (ECHILD when there is no child to wait for). Never waits for
 // a process other than the one `process` holds.
-pid_t wait(ACE_Process& process, const ACE_Time_Value* timeout);
+[[nodiscard]] pid_t wait(ACE_Process& process, const ACE_Time_Value* timeout);
 
 // Blocks until the child `pid` has ended, leaving it to be reaped. 0, or -1
 // with errno.
-int awaitEnd(pid_t pid);
+[[nodiscard]] int awaitEnd(pid_t pid);
 
 // The exit code of a wait status: the code the child exited with, or 128
 // and the number of the signal that ended it. 0 for a status that tells

@@ -72,8 +72,8 @@ public:
     ACE_HANDLE get_handle() const;
 
 private:
-    bool generateName();
-    int openGenerated();
+    [[nodiscard]] bool generateName();
+    [[nodiscard]] int openGenerated();
 
     std::wstring m_filename;  // empty until a name is chosen
     std::wstring m_prefix;

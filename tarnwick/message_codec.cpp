@@ -251,6 +251,10 @@ void Message_Writer::advance(size_t count) {
         m_chunk->rd_ptr(std::min(count, m_chunk->length()));
 }
 
+size_t Message_Writer::buffered() const {
+    return m_chunk != nullptr ? m_chunk->length() : 0;
+}
+
 std::string Message_Writer::Bytes(ACE_Message_Block* block) {
     Message_Writer writer(block);
     std::string bytes;

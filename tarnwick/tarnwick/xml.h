@@ -130,12 +130,6 @@ private:
 // doesn't convert completely, or a result that isn't XML text.
 xmlChar* convertInput(const char* text, const char* encoding);
 
-// The length in bytes (1 to 4) of the UTF-8 sequence at the start of `text`,
-// of at most `length` bytes, when it is one character that XML 1.0 allows:
-// tab, line feed, carriage return, U+0020 to U+D7FF, U+E000 to U+FFFD and
-// U+10000 to U+10FFFF, in shortest form. 0 for anything else, including an
-// empty text.
-size_t xmlTextCharLength(const char* text, size_t length);
 // True when the whole text is such characters (the empty text is).
 bool isXMLText(const char* text, size_t length);
 bool isXMLText(const char* text);

@@ -595,6 +595,8 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
     // One chunk of payload per call, so that one large message doesn't keep
     // the reactor from the other connections.
     int status = m_writer->next(data, length);
+    if (status == -1 && errno == EWOULDBLOCK)
+        return 0;
     if (status == 1) {
         errno = 0;
         ssize_t const count = send_bytes(data, length, timeout);
@@ -615,7 +617,7 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
             return 0;
         }
         status = m_writer->next(data, length);
-        if (status == 1) {
+        if (status == 1 || (status == -1 && errno == EWOULDBLOCK)) {
             errno = EWOULDBLOCK;
             return 0;
         }

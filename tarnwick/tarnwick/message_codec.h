@@ -68,9 +68,9 @@ public:
     static uint64_t setDiskReserve(uint64_t bytes);
 
 private:
-    int startMessage();
+    [[nodiscard]] int startMessage();
     // Checks the header that has just become whole. 0 or -1.
-    int checkHeader();
+    [[nodiscard]] int checkHeader();
 
     Message_Block* m_block;
     bool m_ready;
@@ -92,7 +92,8 @@ public:
 
     // The next bytes to write, valid until the next call: 1 with `data` and
     // `length` set, 0 when all of the message has been given out, -1 with
-    // errno on a failure (a spill file that can't be read).
+    // errno on a failure (a spill file that can't be read; EWOULDBLOCK when
+    // the read may be tried again).
     int next(const char*& data, size_t& length);
     // `count` bytes of the range that next() gave were written.
     void advance(size_t count);

@@ -67,7 +67,7 @@
 #include <ace/Synch_Options.h>
 #include <ace/Time_Value.h>
 
-#include <tarnwick/xml.h>
+#include <tarnwick/utf8.h>
 
 #include <dirent.h>
 #include <fcntl.h>

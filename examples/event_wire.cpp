@@ -11,8 +11,6 @@
 #include <tarnwick/event_factory.h>
 #include <tarnwick/message_codec.h>
 
-#include <libxml/parser.h>
-
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -110,8 +108,6 @@ public:
 }  // namespace
 
 int main() {
-    xmlInitParser();
-
     // Events are heap objects, given up with destroy().
     Tarnwick::Abstract_Event* identity = new Tarnwick::IdentityEvent;
     identity->setArg("type", "agent");
@@ -143,6 +139,5 @@ int main() {
             status = 1;
         ev->destroy();
     }
-    xmlCleanupParser();
     return status;
 }

@@ -406,7 +406,7 @@ int Abstract_Event::getArg(const char* name, std::map<std::string, std::string>&
     return 0;
 }
 
-int Abstract_Event::__writeXMLFromArgMap(XMLMemoryWriter& writer) const {
+int Abstract_Event::writeXMLFromArgMap(XMLMemoryWriter& writer) const {
     if (writer.open(XMLWriter::Indentation) == -1)
         return -1;
     // A value that is not XML text is written as nothing (writeString
@@ -441,7 +441,7 @@ int Abstract_Event::__writeXMLFromArgMap(XMLMemoryWriter& writer) const {
 
 int Abstract_Event::getXMLString(std::string& out) const {
     XMLMemoryWriter writer;
-    if (__writeXMLFromArgMap(writer) == -1)
+    if (writeXMLFromArgMap(writer) == -1)
         return -1;
     const char* text = writer.content();
     int64_t const length = writer.length();
@@ -451,7 +451,7 @@ int Abstract_Event::getXMLString(std::string& out) const {
     return 0;
 }
 
-int Abstract_Event::__setArgsFromXMLDoc(_xmlDoc* doc) {
+int Abstract_Event::setArgsFromXMLDoc(_xmlDoc* doc) {
     if (doc == nullptr)
         return -1;
     // Each name of a parameter of a "message" element, in document order,
@@ -473,7 +473,7 @@ int Abstract_Event::setXMLString(const std::string& text) {
     xmlDocPtr doc = parsePayload(text.data(), text.size());
     if (doc == nullptr)
         return -1;
-    int const result = __setArgsFromXMLDoc(doc);
+    int const result = setArgsFromXMLDoc(doc);
     xmlFreeDoc(doc);
     return result;
 }
@@ -578,7 +578,7 @@ int64_t Abstract_Event::writeFile(const wchar_t* path) {
 
 int Abstract_Event::write_xml() {
     XMLMemoryWriter writer;
-    if (__writeXMLFromArgMap(writer) == -1)
+    if (writeXMLFromArgMap(writer) == -1)
         return -1;
     reset();
     int64_t const length = writer.length();
@@ -654,7 +654,7 @@ int Abstract_Event::data(ACE_Message_Block* block) {
         } else if (payload != nullptr && payload->length() > 0) {
             doc = parsePayload(payload->rd_ptr(), payload->length());
         }
-        __setArgsFromXMLDoc(doc);
+        setArgsFromXMLDoc(doc);
         if (doc != nullptr)
             xmlFreeDoc(doc);
     }

@@ -280,9 +280,9 @@ ConfigFile::ConfigFile(const Registry& registry) {
 
 ConfigFile::ConfigFile(std::istream& stream) {
     try {
-        __read(stream);
+        parse(stream);
     } catch (...) {
-        __releaseAll();
+        releaseAll();
         throw;
     }
 }
@@ -294,7 +294,7 @@ ConfigFile::ConfigFile(const ConfigFile& other)
       missed(other.missed),
       missedBytes(other.missedBytes),
       reported(other.reported) {
-    __holdAll();
+    holdAll();
 }
 
 ConfigFile& ConfigFile::operator=(const ConfigFile& other) {
@@ -311,23 +311,23 @@ ConfigFile& ConfigFile::operator=(const ConfigFile& other) {
 }
 
 ConfigFile::~ConfigFile() {
-    __releaseAll();
+    releaseAll();
 }
 
-void ConfigFile::__holdAll() {
+void ConfigFile::holdAll() {
     for (auto& entry : sections)
         if (entry.second != nullptr)
             ++entry.second->owners;
 }
 
-void ConfigFile::__releaseAll() {
+void ConfigFile::releaseAll() {
     for (auto& entry : sections)
         if (entry.second != nullptr && --entry.second->owners == 0)
             delete entry.second;
     sections.clear();
 }
 
-void ConfigFile::__read(std::istream& stream) {
+void ConfigFile::parse(std::istream& stream) {
     std::string pending;
     ConfigFileSection* current = nullptr;
     if (!stream.good())
@@ -382,7 +382,7 @@ void ConfigFile::__read(std::istream& stream) {
     }
 }
 
-void ConfigFile::__write(std::ostream& stream) const {
+void ConfigFile::format(std::ostream& stream) const {
     if (!stream.good())
         throw Exception(ERR_CONFIGFILE_WRITE, SEVERITY_FATAL, SOURCE,
                         "Failed to write to output stream.");
@@ -399,7 +399,7 @@ int ConfigFile::open() {
             throw Exception(ERR_CONFIGFILE_READ, SEVERITY_FATAL, SOURCE,
                             "Trying to read configuration from a file, but no filename specified.");
         std::ifstream stream(filename.c_str(), std::ios::in);
-        __read(stream);
+        parse(stream);
         stream.close();
     } catch (...) {
         return -1;
@@ -414,7 +414,7 @@ int ConfigFile::update() {
             throw Exception(ERR_CONFIGFILE_WRITE, SEVERITY_FATAL, SOURCE,
                             "Trying to write configuration to a file, but no filename specified.");
         std::ostringstream text;
-        __write(text);
+        format(text);
         if (!replaceFile(filename, text.str())) {
             error = errno;
             TW_LOG_ERRNO("%D ERROR (%t): Can not rewrite configuration file %C",
@@ -430,7 +430,7 @@ int ConfigFile::update() {
     return 0;
 }
 
-void ConfigFile::__lookedUp(const std::string& section) {
+void ConfigFile::noteMissed(const std::string& section) {
     try {
         if (missed.count(section) != 0)
             return;
@@ -447,10 +447,10 @@ void ConfigFile::__lookedUp(const std::string& section) {
     }
 }
 
-ConfigFileOption* ConfigFile::__option(const std::string& section, const std::string& key) {
+ConfigFileOption* ConfigFile::findOption(const std::string& section, const std::string& key) {
     auto const found = sections.find(section);
     if (found == sections.end() || found->second == nullptr) {
-        __lookedUp(section);
+        noteMissed(section);
         return nullptr;
     }
     return found->second->getOption(key);
@@ -461,7 +461,7 @@ ACE_WString ConfigFile::get(const wchar_t* section, const wchar_t* key) {
     std::string narrowKey;
     if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey))
         return ACE_WString();
-    ConfigFileOption* const option = __option(narrowSection, narrowKey);
+    ConfigFileOption* const option = findOption(narrowSection, narrowKey);
     if (option == nullptr)
         return ACE_WString();
     const std::string& value = option->getValue();
@@ -477,8 +477,8 @@ ACE_WString ConfigFile::get(const wchar_t* section, const wchar_t* key) {
     return wide;
 }
 
-int ConfigFile::__set(const std::string& section, const std::string& key,
-                      const std::string& value) {
+int ConfigFile::setNarrow(const std::string& section, const std::string& key,
+                          const std::string& value) {
     if (!keepsStructure(section, key, value)) {
         TW_LOG(
             "%D ERROR (%t): Can not store %C in section [%C]: the text would change the "
@@ -528,7 +528,7 @@ int ConfigFile::set(const wchar_t* section, const wchar_t* key, const wchar_t* v
     if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey) ||
         !wcstoutf8(value, narrowValue))
         return -1;
-    return __set(narrowSection, narrowKey, narrowValue);
+    return setNarrow(narrowSection, narrowKey, narrowValue);
 }
 
 int ConfigFile::remove(const wchar_t* section) {
@@ -558,7 +558,7 @@ bool ConfigFile::hasSection(const wchar_t* section) {
         return false;
     auto const found = sections.find(name);
     if (found == sections.end() || found->second == nullptr) {
-        __lookedUp(name);
+        noteMissed(name);
         return false;
     }
     return true;
@@ -569,7 +569,7 @@ bool ConfigFile::hasOption(const wchar_t* section, const wchar_t* key) {
     std::string narrowKey;
     if (!wcstoutf8(section, narrowSection) || !wcstoutf8(key, narrowKey))
         return false;
-    return __option(narrowSection, narrowKey) != nullptr;
+    return findOption(narrowSection, narrowKey) != nullptr;
 }
 
 int ConfigFile::list_sections() const {
@@ -592,11 +592,11 @@ void ConfigFile::setStoragePath(const std::string& root) {
                                        "temp", "snapshots",   "rtdir",
                                        "pid",  "progressdir", "resourcebundles"};
     for (const char* key : KEYS)
-        __updatePathInParam(key, root);
+        updatePathInParam(key, root);
 }
 
-void ConfigFile::__updatePathInParam(const std::string& key, const std::string& root) {
-    ConfigFileOption* const option = __option("paths", key);
+void ConfigFile::updatePathInParam(const std::string& key, const std::string& root) {
+    ConfigFileOption* const option = findOption("paths", key);
     if (option == nullptr)
         return;
     const std::string& value = option->getValue();
@@ -604,13 +604,13 @@ void ConfigFile::__updatePathInParam(const std::string& key, const std::string& 
         return;
     std::string path(root);
     Path::Join(path, value.c_str());
-    if (__set("paths", key, path) == -1)
+    if (setNarrow("paths", key, path) == -1)
         throw Exception(ERR_CONFIGFILE_WRITE, SEVERITY_SEVERE, SOURCE,
                         "Failed to update parameter in configfile");
 }
 
 std::ostream& operator<<(std::ostream& stream, const ConfigFile& file) {
-    file.__write(stream);
+    file.format(stream);
     return stream;
 }
 

@@ -361,7 +361,7 @@ Configuration::Configuration()
       m_useWebservices(true) {}
 
 Configuration::~Configuration() {
-    __releaseParser();
+    releaseParser();
     m_values.clear();
     // Every registered setting is owned, also a second one of a long option
     // that the map doesn't hold.
@@ -376,7 +376,7 @@ Configuration::~Configuration() {
         delete setting;
 }
 
-void Configuration::__releaseParser() {
+void Configuration::releaseParser() {
     delete m_parser;
     m_parser = nullptr;
     for (char* text : m_texts)
@@ -447,7 +447,7 @@ int Configuration::open(Application* application, int argc, wchar_t** const argv
     if (!guard.locked())
         return -1;
     m_application = application;
-    __releaseParser();
+    releaseParser();
     if (argv == nullptr || argc < 0)
         argc = 0;
 

@@ -19,7 +19,7 @@ Exception::Exception(errornumber_t number, eventseveritylevel_t severity, const 
       m_description(description),
       m_source(source),
       m_date(static_cast<int64_t>(std::time(nullptr))) {
-    __log();
+    logCreation();
 }
 
 Exception::Exception(errornumber_t number, eventseveritylevel_t severity, const char* source,
@@ -66,7 +66,7 @@ int64_t Exception::getDate() const {
     return m_date;
 }
 
-void Exception::__log() const {
+void Exception::logCreation() const {
     // The description is UTF-8 and printed as it stands; the level word
     // follows the severity.
     switch (m_severity) {

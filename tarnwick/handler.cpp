@@ -84,7 +84,8 @@ ACE_Time_Value Handler::Half_Close_Limit(60);
 ACE_Time_Value Handler::Output_Stall_Limit(30);
 
 Handler::Handler()
-    : m_outgoing_chunk(nullptr),
+    : m_writer(),
+      m_writing(nullptr),
       m_bytes_received(0),
       m_bytes_sent(0),
       m_engine(nullptr),
@@ -97,7 +98,6 @@ Handler::Handler()
       m_handshaking(false),
       m_in_router(false),
       m_closed(false),
-      m_header_out(),
       m_recv_buffer_size(0),
       m_partial_logged(false),
       m_peer_closed(false),
@@ -107,12 +107,7 @@ Handler::Handler()
       m_blocked_since(0),
       m_overflow_reported(false) {}
 
-Handler::~Handler() {
-    if (m_outgoing_chunk != nullptr) {
-        m_outgoing_chunk->release();
-        m_outgoing_chunk = nullptr;
-    }
-}
+Handler::~Handler() = default;
 
 ACE_Reactor* Handler::engineReactor() {
     if (m_engine != nullptr && m_owner->getReactor() != nullptr)
@@ -381,7 +376,7 @@ int Handler::handle_timeout(const ACE_Time_Value& now, const void*) {
 }
 
 bool Handler::drained() {
-    return msg_queue()->is_empty() && m_outgoing_chunk == nullptr && m_source_act.size() == 0;
+    return msg_queue()->is_empty() && m_writer == nullptr && m_source_act.size() == 0;
 }
 
 uint64_t Handler::diskBytes(ACE_Message_Block* block) {
@@ -543,31 +538,50 @@ int Handler::halfClosed() {
 
 int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
     auto* message = dynamic_cast<Message_Block*>(block);
-    Message_Header* header = message != nullptr ? message->getHeader() : nullptr;
-    if (header == nullptr) {
+    if (message == nullptr || message->getHeader() == nullptr) {
         errno = EINVAL;
         return -1;
     }
+    size_t const offset = static_cast<size_t>(block->rd_ptr() - block->base());
+    if (block->length() > 0 && offset + block->length() > HEADER_SIZE) {
+        errno = EINVAL;
+        return -1;
+    }
+    // The codec's writer gives out the bytes: the header in network order
+    // from its own copy (the block's header may be read by other threads
+    // meanwhile), then the payload one chunk at a time. A writer lives from
+    // the first byte of a message to its last; the block's read pointer
+    // keeps telling how much of the header is out, as callers expect.
+    if (m_writer == nullptr || m_writing != block) {
+        m_writer.reset(new (std::nothrow) Message_Writer(block));
+        if (m_writer == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+        m_writing = block;
+        m_writer->advance(block->length() > 0 ? offset : HEADER_SIZE);
+    }
 
     int64_t result = 0;
+    const char* data = nullptr;
+    size_t length = 0;
     if (block->length() > 0) {
-        size_t const offset = static_cast<size_t>(block->rd_ptr() - block->base());
-        if (offset + block->length() > HEADER_SIZE) {
+        if (m_writer->next(data, length) != 1) {
+            endWrite();
             errno = EINVAL;
             return -1;
         }
-        // The bytes in network order are made once per message, from a copy:
-        // the block's own header may be read by other threads meanwhile.
-        if (offset == 0)
-            Message_Writer::EncodeHeader(header, m_header_out);
         errno = 0;
-        ssize_t const count = send_bytes(m_header_out + offset, block->length(), timeout);
+        ssize_t const count = send_bytes(data, std::min(length, block->length()), timeout);
         if (count < 1) {
-            if (errno != EWOULDBLOCK)
+            if (errno != EWOULDBLOCK) {
+                endWrite();
                 return count;
+            }
             m_socket_full = true;
             return 0;
         }
+        m_writer->advance(static_cast<size_t>(count));
         block->rd_ptr(static_cast<size_t>(count));
         result = count;
         // Header bytes left over: the payload must not overtake them.
@@ -578,56 +592,52 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
         }
     }
 
-    if (message->getActualLength() != 0) {
-        size_t length;
-        if (m_outgoing_chunk != nullptr) {
-            length = m_outgoing_chunk->length();
-        } else {
-            ACE_Message_Block* piece = nullptr;
-            int64_t const got = message->read(piece);
-            if (got < 1) {
-                if (piece != nullptr)
-                    piece->release();
-                return errno == EWOULDBLOCK ? 0 : -1;
-            }
-            m_outgoing_chunk = piece;
-            length = m_outgoing_chunk->length();
-        }
-
+    // One chunk of payload per call, so that one large message doesn't keep
+    // the reactor from the other connections.
+    int status = m_writer->next(data, length);
+    if (status == -1 && errno == EWOULDBLOCK)
+        return 0;
+    if (status == 1) {
         errno = 0;
-        ssize_t const count = send_bytes(m_outgoing_chunk->rd_ptr(), length, timeout);
+        ssize_t const count = send_bytes(data, length, timeout);
         if (count == 0 || count == -1) {
             if (errno == EWOULDBLOCK) {
                 m_socket_full = true;
                 return 0;
             }
             int const error = errno;
-            m_outgoing_chunk->release();
-            m_outgoing_chunk = nullptr;
+            endWrite();
             errno = error;
             return count;
         }
-        if (static_cast<size_t>(count) == length) {
-            m_outgoing_chunk->release();
-            m_outgoing_chunk = nullptr;
-            if (message->getActualLength() != 0) {
-                errno = EWOULDBLOCK;
-                return 0;
-            }
-            result += count;
-        } else {
-            m_outgoing_chunk->rd_ptr(static_cast<size_t>(count));
+        m_writer->advance(static_cast<size_t>(count));
+        if (static_cast<size_t>(count) < length) {
             m_socket_full = true;
             errno = EWOULDBLOCK;
             return 0;
         }
+        status = m_writer->next(data, length);
+        if (status == 1 || (status == -1 && errno == EWOULDBLOCK)) {
+            errno = EWOULDBLOCK;
+            return 0;
+        }
+        if (status == 0)
+            result += count;
     }
+    endWrite();
+    if (status == -1)
+        return -1;
 
     if (block->data_block()->msg_type() == ACE_Message_Block::MB_HANGUP) {
         TW_LOG("%D INFO  (%t): Connection shutdown requested.\n");
         return -1;
     }
     return result;
+}
+
+void Handler::endWrite() {
+    m_writer.reset();
+    m_writing = nullptr;
 }
 
 int64_t Handler::nonblk_put(ACE_Message_Block* block) {

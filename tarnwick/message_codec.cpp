@@ -232,9 +232,9 @@ int Message_Writer::next(const char*& data, size_t& length) {
     if (got < 1) {
         if (piece != nullptr)
             piece->release();
-        if (got == 0)
-            return 0;
-        return errno == EWOULDBLOCK ? 0 : -1;
+        // A read that would block is no end of the payload: -1 with errno
+        // EWOULDBLOCK, and the next call tries again.
+        return got == 0 ? 0 : -1;
     }
     m_chunk = piece;
     data = m_chunk->rd_ptr();
@@ -249,6 +249,10 @@ void Message_Writer::advance(size_t count) {
     }
     if (m_chunk != nullptr)
         m_chunk->rd_ptr(std::min(count, m_chunk->length()));
+}
+
+size_t Message_Writer::buffered() const {
+    return m_chunk != nullptr ? m_chunk->length() : 0;
 }
 
 std::string Message_Writer::Bytes(ACE_Message_Block* block) {

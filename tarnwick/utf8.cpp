@@ -264,4 +264,45 @@ bool isValidUTF8(const char* text, size_t size) {
     return true;
 }
 
+size_t xmlTextCharLength(const char* text, size_t length) {
+    if (text == nullptr || length == 0)
+        return 0;
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
+    unsigned int const lead = p[0];
+    if (lead < 0x80) {
+        bool const allowed = lead >= 0x20 || lead == 0x09 || lead == 0x0A || lead == 0x0D;
+        return allowed ? 1 : 0;
+    }
+    size_t size;
+    uint32_t code;
+    uint32_t smallest;
+    if ((lead & 0xE0) == 0xC0) {
+        size = 2;
+        code = lead & 0x1F;
+        smallest = 0x80;
+    } else if ((lead & 0xF0) == 0xE0) {
+        size = 3;
+        code = lead & 0x0F;
+        smallest = 0x800;
+    } else if ((lead & 0xF8) == 0xF0) {
+        size = 4;
+        code = lead & 0x07;
+        smallest = 0x10000;
+    } else {
+        return 0;
+    }
+    if (length < size)
+        return 0;
+    for (size_t i = 1; i < size; ++i) {
+        if ((p[i] & 0xC0) != 0x80)
+            return 0;
+        code = (code << 6) | (p[i] & 0x3F);
+    }
+    if (code < smallest || code > 0x10FFFF)
+        return 0;  // overlong form, or beyond Unicode
+    if ((code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
+        return 0;  // surrogates and the two characters XML leaves out
+    return size;
+}
+
 }  // namespace Tarnwick

@@ -1,5 +1,6 @@
 #include <tarnwick/log.h>
 #include <tarnwick/strings.h>
+#include <tarnwick/utf8.h>
 #include <tarnwick/xml.h>
 
 #include <libxml/encoding.h>
@@ -15,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <vector>
 
@@ -219,6 +221,13 @@ private:
 thread_local std::string lastRefusal;
 
 // Logs and remembers a refused payload.
+// libxml2 must be set up once before threads use it; every entry of this
+// layer that reaches libxml2 calls this first, so programs need not.
+void initParserOnce() {
+    static std::once_flag once;
+    std::call_once(once, [] { xmlInitParser(); });
+}
+
 void refuse(const char* reason) {
     lastRefusal = reason;
     TW_LOG("%D DEBUG (%t): XML payload refused: %C\n", reason);
@@ -616,6 +625,7 @@ XMLMemoryWriter::~XMLMemoryWriter() {
 }
 
 int XMLMemoryWriter::open(uint32_t flags) {
+    initParserOnce();
     if (writer != nullptr) {
         return 0;
     }
@@ -707,47 +717,6 @@ xmlChar* convertInput(const char* text, const char* encoding) {
     return out;
 }
 
-size_t xmlTextCharLength(const char* text, size_t length) {
-    if (text == nullptr || length == 0)
-        return 0;
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(text);
-    unsigned int const lead = p[0];
-    if (lead < 0x80) {
-        bool const allowed = lead >= 0x20 || lead == 0x09 || lead == 0x0A || lead == 0x0D;
-        return allowed ? 1 : 0;
-    }
-    size_t size;
-    uint32_t code;
-    uint32_t smallest;
-    if ((lead & 0xE0) == 0xC0) {
-        size = 2;
-        code = lead & 0x1F;
-        smallest = 0x80;
-    } else if ((lead & 0xF0) == 0xE0) {
-        size = 3;
-        code = lead & 0x0F;
-        smallest = 0x800;
-    } else if ((lead & 0xF8) == 0xF0) {
-        size = 4;
-        code = lead & 0x07;
-        smallest = 0x10000;
-    } else {
-        return 0;
-    }
-    if (length < size)
-        return 0;
-    for (size_t i = 1; i < size; ++i) {
-        if ((p[i] & 0xC0) != 0x80)
-            return 0;
-        code = (code << 6) | (p[i] & 0x3F);
-    }
-    if (code < smallest || code > 0x10FFFF)
-        return 0;  // overlong form, or beyond Unicode
-    if ((code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF)
-        return 0;  // surrogates and the two characters XML leaves out
-    return size;
-}
-
 bool isXMLText(const char* text, size_t length) {
     size_t position = 0;
     while (position < length) {
@@ -764,6 +733,7 @@ bool isXMLText(const char* text) {
 }
 
 xmlDocPtr parsePayload(const char* text, size_t length) {
+    initParserOnce();
     // Only an error of this parse may count, not one left from earlier work.
     xmlResetLastError();
     lastRefusal.clear();
@@ -780,6 +750,7 @@ xmlDocPtr parsePayload(const char* text, size_t length) {
 }
 
 xmlDocPtr parsePayloadFile(const char* path) {
+    initParserOnce();
     xmlResetLastError();
     lastRefusal.clear();
     if (path == nullptr)

@@ -1,4 +1,5 @@
 // Tests of the XML document and writer wrappers.
+#include <tarnwick/utf8.h>
 #include <tarnwick/xml.h>
 
 #include <gtest/gtest.h>

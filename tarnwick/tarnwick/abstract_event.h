@@ -1,6 +1,8 @@
 // The base class of every message: header, payload and named arguments.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Message_Block.h>
 
 #include <cstdint>
@@ -57,7 +59,7 @@ enum EventType {
 // Events are heap objects, given up with destroy(). Failures are return
 // values (-1 or null, errno ENOMEM for allocations), never exceptions. An
 // event is owned by one thread at a time.
-class Abstract_Event {
+class TARNWICK_EXPORT Abstract_Event {
 public:
     // A new event with an opened header holding a fresh token. Without
     // memory the event has no block and its accessors answer 0.
@@ -181,8 +183,8 @@ private:
     int update_header();
     int write_xml();
     int64_t writeHandle(ACE_HANDLE handle);
-    int __writeXMLFromArgMap(XMLMemoryWriter& writer) const;
-    int __setArgsFromXMLDoc(_xmlDoc* doc);
+    int writeXMLFromArgMap(XMLMemoryWriter& writer) const;
+    int setArgsFromXMLDoc(_xmlDoc* doc);
     // Brings the block up to date with the arguments; clears m_dirty.
     int refresh();
     // Parses the payload into m_document on first use. 0 or -1.

@@ -2,6 +2,8 @@
 // cache where payloads too large for memory are kept, by token.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Thread_Mutex.h>
 #include <ace/Unbounded_Set.h>
 
@@ -27,7 +29,7 @@ namespace Tarnwick {
 // that comes later finds no way back, as after a closed connection. The first
 // such eviction of a list logs one warning; later ones log nothing. Token 0
 // means "no token" and is never stored.
-class ACT_List {
+class TARNWICK_EXPORT ACT_List {
 public:
     // The capacity of a list unless changed: 65536 tokens.
     static constexpr size_t Default_Capacity = 65536;
@@ -104,7 +106,7 @@ private:
 // The cache also keeps a process-wide quota: the bytes in the spill files of
 // this process may not pass quota() (DEFAULT_QUOTA unless set). All
 // operations may be called from any thread.
-class ACT_Cache {
+class TARNWICK_EXPORT ACT_Cache {
 public:
     // Names the kind of program whose spill directory this is; installed by
     // the library when it loads (the process identity's type text). Without

@@ -2,6 +2,8 @@
 // abstraction of a host service.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Event_Handler.h>
 #include <ace/Sig_Handler.h>
 #include <ace/Task.h>
@@ -17,7 +19,7 @@ class Application;
 // A unit of long-running work, driven by the Application through its life:
 // open, run, any number of reload and reload_ready, suspend, and close.
 // Work usually runs on threads that run() starts; svc() is the thread body.
-class Task : public ACE_Task<ACE_MT_SYNCH> {
+class TARNWICK_EXPORT Task : public ACE_Task<ACE_MT_SYNCH> {
 public:
     Task();
     ~Task() override;
@@ -43,7 +45,7 @@ public:
 };
 
 // One registered task, with whether the application owns (deletes) it.
-class TaskSlot {
+class TARNWICK_EXPORT TaskSlot {
 public:
     TaskSlot();
     TaskSlot(const TaskSlot& other);
@@ -55,7 +57,7 @@ public:
 };
 
 // The host service that a daemon runs as.
-class Service {
+class TARNWICK_EXPORT Service {
 public:
     Service();
     virtual ~Service();
@@ -86,7 +88,7 @@ protected:
 // the other. A second SIGINT or SIGTERM ends the process by the default
 // action; SIGSEGV writes its two lines with write(2) on the crashing thread
 // and aborts. See docs/application.md.
-class Application : public ACE_Event_Handler {
+class TARNWICK_EXPORT Application : public ACE_Event_Handler {
 public:
     Application();
     ~Application() override;

@@ -5,6 +5,8 @@
 // wide text and convert at the boundary.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/SString.h>
 
 #include <cstddef>
@@ -19,7 +21,7 @@ namespace Tarnwick {
 class Registry;
 
 // One key=value line of a section, with the comment lines above it.
-class ConfigFileOption {
+class TARNWICK_EXPORT ConfigFileOption {
 public:
     ConfigFileOption(const std::string& section, const std::string& key, const std::string& value,
                      const std::string& comment);
@@ -53,7 +55,7 @@ private:
 // One section: its options by key and the order in which they are written.
 // A section owns the options added to it. A copy shares them with its source;
 // the last section holding an option deletes it.
-class ConfigFileSection {
+class TARNWICK_EXPORT ConfigFileSection {
 public:
     explicit ConfigFileSection(const std::string& name);
     ConfigFileSection(const ConfigFileSection& other);
@@ -97,7 +99,7 @@ private:
 // its source, and the last holder deletes them. No lock: an object belongs to
 // one thread at a time. Wide arguments must not be null (a null one gives the
 // result of an absent name, or -1 with EINVAL).
-class ConfigFile {
+class TARNWICK_EXPORT ConfigFile {
 public:
     // Stores the file name (converted to UTF-8); reads nothing.
     explicit ConfigFile(const wchar_t* filename);
@@ -161,17 +163,17 @@ public:
     friend std::ostream& operator<<(std::ostream& stream, const ConfigFile& file);
 
 private:
-    void __read(std::istream& stream);
-    void __write(std::ostream& stream) const;
-    void __updatePathInParam(const std::string& key, const std::string& root);
+    void parse(std::istream& stream);
+    void format(std::ostream& stream) const;
+    void updatePathInParam(const std::string& key, const std::string& root);
 
     // Narrow forms of the lookups and of set, with the same entries left behind.
-    ConfigFileOption* __option(const std::string& section, const std::string& key);
-    int __set(const std::string& section, const std::string& key, const std::string& value);
-    void __holdAll();
-    void __releaseAll();
+    ConfigFileOption* findOption(const std::string& section, const std::string& key);
+    int setNarrow(const std::string& section, const std::string& key, const std::string& value);
+    void holdAll();
+    void releaseAll();
     // Notes a section name that a lookup didn't find, for remove.
-    void __lookedUp(const std::string& section);
+    void noteMissed(const std::string& section);
 
     std::map<std::string, ConfigFileSection*> sections;
     std::vector<std::string> order;
@@ -183,6 +185,6 @@ private:
     std::set<std::pair<std::string, std::string>> reported;
 };
 
-std::ostream& operator<<(std::ostream& stream, const ConfigFile& file);
+TARNWICK_EXPORT std::ostream& operator<<(std::ostream& stream, const ConfigFile& file);
 
 }  // namespace Tarnwick

@@ -1,6 +1,8 @@
 // Declared settings, the command line, and the process-wide store of values.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Get_Opt.h>
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/SString.h>
@@ -33,7 +35,7 @@ enum SettingFlag {
 //
 // Text is wide and owned by the setting. Once registered, a setting belongs
 // to the Configuration.
-class Setting {
+class TARNWICK_EXPORT Setting {
 public:
     // One row of a declaration table for Configuration::import. A table ends
     // with a row whose long_option is null. A row with a null description
@@ -140,7 +142,7 @@ extern const Setting::Importer SERVICE_SETTINGS[];
 // "configfile" has a value, that one file alone; otherwise per setting the
 // local file of its product, then the product's main file (found through the
 // Registry). Keys of a file that no setting declares are not visible.
-class Configuration {
+class TARNWICK_EXPORT Configuration {
 public:
     Configuration();
     virtual ~Configuration();
@@ -245,7 +247,7 @@ private:
     // value, 1 with `text` filled.
     int lookupText(const wchar_t* key, std::string& text, bool encoded);
     // Deletes the parser and the UTF-8 copies of the arguments it reads.
-    void __releaseParser();
+    void releaseParser();
 
     ACE_Recursive_Thread_Mutex m_lock;
     std::map<std::wstring, Setting*> m_settings;
@@ -264,6 +266,6 @@ private:
 };
 
 // The process-wide Configuration; null (errno ENOMEM) only without memory.
-Configuration* getConfigSingleton();
+TARNWICK_EXPORT Configuration* getConfigSingleton();
 
 }  // namespace Tarnwick

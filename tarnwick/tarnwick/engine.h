@@ -1,6 +1,8 @@
 // The message engine: reactor, worker threads, event handler and router.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <tarnwick/handler.h>
 
 #include <ace/INET_Addr.h>
@@ -40,7 +42,7 @@ enum ConnectionFlag {
 // disableIdentification(); event_handler() and router(); the process's
 // Identity type and name; open(); makeConnection(); then run() or repeated
 // run_step() on the thread that owns the reactor; last shutdown().
-class Engine : public ACE_Task<ACE_MT_SYNCH>, public Connection_Owner {
+class TARNWICK_EXPORT Engine : public ACE_Task<ACE_MT_SYNCH>, public Connection_Owner {
 public:
     Engine();
     ~Engine() override;

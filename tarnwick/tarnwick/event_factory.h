@@ -2,6 +2,8 @@
 // makes them, and EventHandler, which receives them by double dispatch.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <tarnwick/abstract_event.h>
 
 #include <ace/Task.h>
@@ -13,15 +15,15 @@ class Handler;
 
 // Declares a typed event: an Abstract_Event with a number and its place in
 // EventHandler, and nothing more.
-#define TARNWICK_DECLARE_EVENT(Name)                \
-    class Name : public Abstract_Event {            \
-    public:                                         \
-        Name();                                     \
-        Name(const Name& other);                    \
-        Name& operator=(const Name& other);         \
-        ~Name() override;                           \
-        EventType type() const override;            \
-        int handle(EventHandler* handler) override; \
+#define TARNWICK_DECLARE_EVENT(Name)                     \
+    class TARNWICK_EXPORT Name : public Abstract_Event { \
+    public:                                              \
+        Name();                                          \
+        Name(const Name& other);                         \
+        Name& operator=(const Name& other);              \
+        ~Name() override;                                \
+        EventType type() const override;                 \
+        int handle(EventHandler* handler) override;      \
     }
 
 TARNWICK_DECLARE_EVENT(IdentityEvent);
@@ -51,7 +53,7 @@ TARNWICK_DECLARE_EVENT(JobStepProgressEvent);
 // engine what to do: 0 means handled without a reply, -1 a failure that is
 // answered with an error reply, and any other value that the event, changed
 // by the handler (the engine has set its result flag), is the reply.
-class EventHandler : public ACE_Task<ACE_MT_SYNCH> {
+class TARNWICK_EXPORT EventHandler : public ACE_Task<ACE_MT_SYNCH> {
 public:
     EventHandler();
     ~EventHandler() override;
@@ -91,7 +93,7 @@ public:
 };
 
 // Makes typed events.
-class Event_Factory {
+class TARNWICK_EXPORT Event_Factory {
 public:
     // A new event of the class for `type` (1 to 19), given up with destroy().
     // Null for an unknown type (logged) or without memory (errno ENOMEM).

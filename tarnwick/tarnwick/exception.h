@@ -1,6 +1,8 @@
 // The one exception class of the library.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <cstdint>
 #include <exception>
 #include <string>
@@ -47,7 +49,7 @@ enum eventseveritylevel_t {
 // severity, a description, its source (usually the throwing class) and the
 // time it was made, and writes its description to the log when made with
 // arguments, so that a failure is logged even if nobody catches it.
-class Exception : public std::exception {
+class TARNWICK_EXPORT Exception : public std::exception {
 public:
     // Number 0, severity 7, "Default Exception" from "Exception"; not logged.
     Exception();
@@ -73,7 +75,7 @@ public:
     int64_t getDate() const;
 
 private:
-    void __log() const;
+    void logCreation() const;
 
     errornumber_t m_errorNumber;
     eventseveritylevel_t m_severity;

@@ -1,6 +1,8 @@
 // A connection to a peer process.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <tarnwick/act_cache.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/message_codec.h>
@@ -27,7 +29,7 @@ class Handler;
 // What a connection asks of the engine that it belongs to. The Engine is the
 // implementation; a connection reaches it only through this, so that the
 // connection layer needs nothing of the layer above it.
-class Connection_Owner {
+class TARNWICK_EXPORT Connection_Owner {
 public:
     virtual ~Connection_Owner();
     // The reactor that serves the connection; null when there is none.
@@ -57,7 +59,7 @@ public:
 //
 // The would-block signal of recv(), send() and Message_Block::read is errno
 // EWOULDBLOCK: "call again later", not a failure.
-class Handler : public ACE_Task<ACE_MT_SYNCH> {
+class TARNWICK_EXPORT Handler : public ACE_Task<ACE_MT_SYNCH> {
 public:
     // The largest payload that a message keeps in memory, and the size of
     // the buffers that move payload between socket, memory and disk. 131072
@@ -187,10 +189,15 @@ protected:
     void bytes_sent(uint64_t count) { m_bytes_sent += count; }
     void updateTimestamps();
     void updateRecvTimestamps();
+    // Forgets the message being sent.
+    void endWrite();
 
     // The message being received; survives between reactor calls.
     Message_Reader m_reader;
-    ACE_Message_Block* m_outgoing_chunk;
+    // The bytes of the message being sent, and that message (compared only,
+    // never dereferenced); both null between messages.
+    std::unique_ptr<Message_Writer> m_writer;
+    const ACE_Message_Block* m_writing;
     std::string m_address;
     uint64_t m_bytes_received;
     uint64_t m_bytes_sent;
@@ -242,9 +249,6 @@ private:
     // Set by the engine when the router has taken the first reference.
     std::atomic<bool> m_in_router;
     std::atomic<bool> m_closed;
-    // The header of the message being sent, in network order: the block's
-    // own header is shared with other threads and stays as it is.
-    char m_header_out[32];
     // The receive buffer, reused from call to call.
     std::unique_ptr<char[]> m_recv_buffer;
     size_t m_recv_buffer_size;
@@ -266,7 +270,7 @@ private:
 
 // Ignores SIGPIPE for the length of a scope, for programs that drive a
 // Handler by hand; the old action comes back at the end.
-class Sig_Pipe_Guard {
+class TARNWICK_EXPORT Sig_Pipe_Guard {
 public:
     Sig_Pipe_Guard();
     ~Sig_Pipe_Guard();

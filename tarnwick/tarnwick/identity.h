@@ -1,6 +1,8 @@
 // Who a process is: its name, kind of program, agent number and credentials.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -11,7 +13,7 @@ class IdentityEvent;
 // The identity of this process (instance()) or of a connection's peer. The
 // identification of a connection carries the one into the other as an
 // IdentityEvent. No lock guards the fields.
-class Identity {
+class TARNWICK_EXPORT Identity {
 public:
     // The kind of program; every value outside 1 to 5 reads as "unknown".
     enum Type { UNKNOWN = 0, TWAGENT = 1, TWMANAGE = 2, TWCTRL = 3, TWWFE = 4, TWWFC = 5 };

@@ -10,6 +10,8 @@
 // error number that stood when the message was made.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <sstream>
 #include <string>
 
@@ -22,7 +24,7 @@ namespace Tarnwick {
 //   Sat Nov 21 22:10:00 2026 UTC [4711] ERR 12: disk full
 // The flags are zero until the instance is made, so messages before that
 // are dropped. Log takes no lock; make the first call on one thread.
-class Log {
+class TARNWICK_EXPORT Log {
 public:
     enum level_t { CRIT = 0, ERR = 1, WARN = 2, AUTH = 3, INFO = 4, NOTICE = 5, TRACE = 6 };
 
@@ -112,16 +114,17 @@ private:
 // Logs one message. The priority is taken from the level word of the prefix
 // (LM_ERROR, LM_WARNING, LM_INFO, LM_DEBUG), so that word and priority always
 // agree; a format without a known prefix logs at LM_ERROR. errno is kept.
-void logMessage(const char* file, int line, const char* format, ...);
+TARNWICK_EXPORT void logMessage(const char* file, int line, const char* format, ...);
 
 // Logs the failure message `text` (prefix included, no line end) in one of its
 // two forms: followed by ": %m\n" when errno is not 0, by "\n" otherwise.
 // errno is kept.
-void logLastError(const char* file, int line, const char* text, ...);
+TARNWICK_EXPORT void logLastError(const char* file, int line, const char* text, ...);
 
 // Logs one line at `priority` (an ACE_Log_Priority), for the texts that carry
 // no level word of their own, such as the usage text. errno is kept.
-void logAtPriority(const char* file, int line, int priority, const char* format, ...);
+TARNWICK_EXPORT void logAtPriority(const char* file, int line, int priority, const char* format,
+                                   ...);
 
 }  // namespace Tarnwick
 

@@ -1,6 +1,8 @@
 // The container of one message: its header in memory and its payload.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <tarnwick/message_header.h>
 
 #include <ace/Lock_Adapter_T.h>
@@ -25,7 +27,7 @@ namespace Tarnwick {
 // reading on first use. Its file position belongs to nobody: each
 // Message_Block reads at an offset of its own with pread, so duplicates of
 // one message may be read side by side, also on different threads.
-class Data_Block : public ACE_Data_Block {
+class TARNWICK_EXPORT Data_Block : public ACE_Data_Block {
 public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
 
@@ -95,7 +97,7 @@ private:
 // the offset into a spill file. So a message sent to several connections, or
 // twice to one, is read whole by each send. The reference counts of all
 // blocks are guarded by one process-wide lock, LockingStrategy().
-class Message_Block : public ACE_Message_Block {
+class TARNWICK_EXPORT Message_Block : public ACE_Message_Block {
 public:
     // Set in the block's own flags: the block is a Message_Block.
     static const Message_Flags MESSAGE_BLOCK_FLAG = 0x4000;
@@ -174,7 +176,7 @@ private:
 
 // Releases the block held in a variable at the end of a scope, unless the
 // variable was set to null (the block was handed on) before.
-class Message_Block_Guard {
+class TARNWICK_EXPORT Message_Block_Guard {
 public:
     explicit Message_Block_Guard(ACE_Message_Block*& block) : m_block(block) {}
     ~Message_Block_Guard() {

@@ -2,6 +2,8 @@
 // messages out, and a message out as the ranges of bytes to write.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Message_Block.h>
 
 #include <cstddef>
@@ -21,7 +23,7 @@ class Message_Block;
 // whatever a peer announces.
 //
 // A reader serves one stream; it is not thread-safe.
-class Message_Reader {
+class TARNWICK_EXPORT Message_Reader {
 public:
     Message_Reader();
     // Releases a message that was not finished, and its spill file.
@@ -66,9 +68,9 @@ public:
     static uint64_t setDiskReserve(uint64_t bytes);
 
 private:
-    int startMessage();
+    [[nodiscard]] int startMessage();
     // Checks the header that has just become whole. 0 or -1.
-    int checkHeader();
+    [[nodiscard]] int checkHeader();
 
     Message_Block* m_block;
     bool m_ready;
@@ -79,7 +81,7 @@ private:
 // never changed), then the payload one chunk at a time, from memory or read
 // from the spill file at this writer's own offset. The writer keeps a
 // duplicate of the block.
-class Message_Writer {
+class TARNWICK_EXPORT Message_Writer {
 public:
     // A writer of `block`, which must be a Message_Block (else every next()
     // fails with EINVAL). The caller keeps its own reference.
@@ -90,10 +92,13 @@ public:
 
     // The next bytes to write, valid until the next call: 1 with `data` and
     // `length` set, 0 when all of the message has been given out, -1 with
-    // errno on a failure (a spill file that can't be read).
+    // errno on a failure (a spill file that can't be read; EWOULDBLOCK when
+    // the read may be tried again).
     int next(const char*& data, size_t& length);
     // `count` bytes of the range that next() gave were written.
     void advance(size_t count);
+    // Payload bytes read into memory and not yet written: at most one chunk.
+    size_t buffered() const;
 
     // All the bytes of `block` as one string (for tests, tools and small
     // messages); empty when the block is no message or can't be read.

@@ -1,6 +1,8 @@
 // The 32-byte header that begins every message on the wire.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <cstdint>
 
 namespace Tarnwick {
@@ -10,7 +12,7 @@ namespace Tarnwick {
 // 32 bytes of a message block; whether those bytes are in host or network
 // order is told by the magic word alone (isReadable). It has no lock: it
 // belongs to whoever holds its block. Setters return the previous value.
-class Message_Header {
+class TARNWICK_EXPORT Message_Header {
 public:
     // The magic word, 0x00060201; on the wire the bytes 00 06 02 01.
     static const uint32_t MAGIC = 0x00060201;

@@ -1,6 +1,8 @@
 // The form in which configuration files store a password.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <cstddef>
 
 namespace Tarnwick {
@@ -10,7 +12,7 @@ namespace Tarnwick {
 // Base64. Encode returns the length of the terminated stored text; decode
 // returns the length of the password and rejects (-1) any text that is not in
 // the stored form. Target sizes above 0xFFFFFFFF are clamped to that value.
-int EncodePassword(const char* text, char* target, size_t target_size);
-int DecodePassword(const char* text, char* target, size_t target_size);
+TARNWICK_EXPORT int EncodePassword(const char* text, char* target, size_t target_size);
+TARNWICK_EXPORT int DecodePassword(const char* text, char* target, size_t target_size);
 
 }  // namespace Tarnwick

@@ -11,6 +11,8 @@
 // The separator is '/'.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/SString.h>
 #include <ace/os_include/os_fcntl.h>
 
@@ -19,7 +21,7 @@
 
 namespace Tarnwick {
 
-class Path {
+class TARNWICK_EXPORT Path {
 public:
     // Appends '/' to `path` unless it already ends in one, then `name`.
     // An empty `path` becomes `name` alone, so that a relative name stays

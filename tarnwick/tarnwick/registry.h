@@ -7,6 +7,8 @@
 // /etc/tarnwick/registry. docs/registry.md describes the file.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/SString.h>
 
 #include <string>
@@ -15,7 +17,7 @@ namespace Tarnwick {
 
 // A short-lived local object: open or fill it, then read or write it. No lock
 // guards it.
-class Registry {
+class TARNWICK_EXPORT Registry {
 public:
     // Three empty strings.
     Registry();

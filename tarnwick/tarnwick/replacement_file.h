@@ -22,18 +22,18 @@ public:
     Replacement_File& operator=(const Replacement_File&) = delete;
 
     // Makes the temporary file in `directory` for a target named `base`.
-    bool create(const std::string& directory, const std::string& base);
+    [[nodiscard]] bool create(const std::string& directory, const std::string& base);
     // Appends all of `text`, retrying short writes.
-    bool write(const std::string& text);
+    [[nodiscard]] bool write(const std::string& text);
     // Gives the file `mode` (permission bits).
-    bool setMode(mode_t mode);
+    [[nodiscard]] bool setMode(mode_t mode);
     // Gives the file the owner and mode of `original`. An owner that this
     // process may not give (it isn't privileged) is left as it is, and the
     // group is kept where it can be.
-    bool takeOver(const struct stat& original);
+    [[nodiscard]] bool takeOver(const struct stat& original);
     // Puts the file in place of `target`, which lies in the directory given
     // to create().
-    bool commit(const std::string& target);
+    [[nodiscard]] bool commit(const std::string& target);
 
 private:
     int m_handle = -1;

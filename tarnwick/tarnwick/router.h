@@ -1,6 +1,8 @@
 // The routers of the library: many peers, or a single one.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <tarnwick/router_base.h>
 
 #include <ace/Map_Manager.h>
@@ -19,7 +21,7 @@ namespace Tarnwick {
 // entries, and each is removed only by its own remove_handler. Searches
 // match the stored connections by Routing_Key, so a ROUTE_AGENT search finds
 // both of them.
-class Router : public Router_Base {
+class TARNWICK_EXPORT Router : public Router_Base {
 public:
     Router();
     // Forgets the connections without releasing them.
@@ -51,7 +53,7 @@ private:
 // of another one drops just that one; the removal of the peer makes the
 // oldest of the others the peer, or leaves the router unconnected until the
 // next registration.
-class SinglePeerRouter : public Router_Base {
+class TARNWICK_EXPORT SinglePeerRouter : public Router_Base {
 public:
     SinglePeerRouter();
     // Forgets the connections without releasing them.

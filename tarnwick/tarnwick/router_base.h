@@ -1,6 +1,8 @@
 // Routing: from what an event's header says to the connections it goes to.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <ace/Unbounded_Set.h>
 
 #include <cstdint>
@@ -13,7 +15,7 @@ class Handler;
 // What a router searches by. A stored key carries a connection; a query
 // carries the kind of search (type) and its argument. Matching is not
 // symmetric: `stored == query`.
-class Routing_Key {
+class TARNWICK_EXPORT Routing_Key {
 public:
     enum {
         ROUTE_HANDLER = 0,     // the same connection, or the same agent id for two agents
@@ -45,7 +47,7 @@ public:
 // The connections a search yielded, each with a reference of its own that
 // the destructor releases. Copies take no references: don't copy a set
 // whose destructor will run.
-class Dispatch_Set : public ACE_Unbounded_Set<Handler*> {
+class TARNWICK_EXPORT Dispatch_Set : public ACE_Unbounded_Set<Handler*> {
 public:
     Dispatch_Set();
     virtual ~Dispatch_Set();
@@ -57,7 +59,7 @@ public:
 // an application may subclass to say which events are local and which are
 // allowed (both yes here) and which kind of search serves events that name
 // no destination (ROUTE_HANDLER here, which finds nothing).
-class Router_Base {
+class TARNWICK_EXPORT Router_Base {
 public:
     Router_Base();
     virtual ~Router_Base();

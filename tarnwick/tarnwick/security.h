@@ -1,6 +1,8 @@
 // SSL set-up and privileges of the process.
 #pragma once
 
+#include <tarnwick/export.h>
+
 namespace Tarnwick {
 
 // Prepares the process-wide SSL context (ACE_SSL_Context::instance()) from
@@ -16,7 +18,7 @@ namespace Tarnwick {
 // verified: SSL then gives encryption, not authentication. Strict mode is off
 // unless the application calls enable_strict() before Engine::open. The
 // context refuses protocols older than TLS 1.2.
-class Security {
+class TARNWICK_EXPORT Security {
 public:
     // Declares "keydir" ([paths], required, PATH) and "nossl" in the
     // Configuration. The library never reads "nossl": the application picks
@@ -67,7 +69,7 @@ private:
 // thread: an object changes those of the thread that makes it, and threads
 // started by that thread afterwards inherit them. Raise the privileges on the
 // thread that does the file work, or before starting the threads that do.
-class PrivilegedEnvironment {
+class TARNWICK_EXPORT PrivilegedEnvironment {
 public:
     // Changes nothing; the destructor drops nothing.
     PrivilegedEnvironment();

@@ -5,6 +5,8 @@
 // whatever the process locale says.
 #pragma once
 
+#include <tarnwick/export.h>
+
 #include <cstddef>
 #include <string>
 
@@ -12,21 +14,28 @@ namespace Tarnwick {
 
 // New UTF-8 text, released with utf8free; null on failure (errno EILSEQ or
 // ENOMEM, EINVAL for null).
-char* wcstoutf8_malloced(const wchar_t* source);
+TARNWICK_EXPORT char* wcstoutf8_malloced(const wchar_t* source);
 // New wide text, released with wcsfree; null on failure.
-wchar_t* utf8towcs_malloced(const char* source);
-void wcsfree(wchar_t* text);
-void utf8free(char* text);
+TARNWICK_EXPORT wchar_t* utf8towcs_malloced(const char* source);
+TARNWICK_EXPORT void wcsfree(wchar_t* text);
+TARNWICK_EXPORT void utf8free(char* text);
 // The same into strings: false (errno EINVAL for null, EILSEQ for text that
 // doesn't convert, ENOMEM) with `out` unchanged.
-bool wcstoutf8(const wchar_t* source, std::string& out);
-bool utf8towcs(const char* source, std::wstring& out);
+TARNWICK_EXPORT bool wcstoutf8(const wchar_t* source, std::string& out);
+TARNWICK_EXPORT bool utf8towcs(const char* source, std::wstring& out);
 // Convert into a caller's buffer of `size` bytes (characters); non-zero on
 // success, 0 on failure or when the result with its terminator doesn't fit.
-int wcstoutf8_buf(char* target, const wchar_t* source, size_t size);
-int utf8towcs_buf(wchar_t* target, const char* source, size_t size);
+TARNWICK_EXPORT int wcstoutf8_buf(char* target, const wchar_t* source, size_t size);
+TARNWICK_EXPORT int utf8towcs_buf(wchar_t* target, const char* source, size_t size);
 // True when the first `size` bytes of `text` (or up to its terminator, which
 // ever comes first) are valid UTF-8.
-bool isValidUTF8(const char* text, size_t size);
+TARNWICK_EXPORT bool isValidUTF8(const char* text, size_t size);
+
+// The length in bytes (1 to 4) of the UTF-8 sequence at the start of `text`,
+// of at most `length` bytes, when it is one character that XML 1.0 allows:
+// tab, line feed, carriage return, U+0020 to U+D7FF, U+E000 to U+FFFD and
+// U+10000 to U+10FFFF, in shortest form. 0 for anything else, including an
+// empty text.
+TARNWICK_EXPORT size_t xmlTextCharLength(const char* text, size_t length);
 
 }  // namespace Tarnwick

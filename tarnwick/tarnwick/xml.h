@@ -35,22 +35,22 @@ public:
 
     // 0, or -1 with the libxml2 message logged. A parse that yields no
     // document and no libxml2 error returns 0 and holds nothing.
-    int parseFile(const char* path);
-    int parseMemory(const char* text, uint32_t length);
+    [[nodiscard]] int parseFile(const char* path);
+    [[nodiscard]] int parseMemory(const char* text, uint32_t length);
 
     // Text of the single element that `xpath` selects, copied into `out` of
     // capacity `size`. 0 also when nothing is selected (then `out` is left
     // as it was) and for an element without text (empty string). -1 for more
     // than one node, a non-element, text that does not fit, or no document.
-    int queryValue(const char* xpath, char* out, uint64_t size);
+    [[nodiscard]] int queryValue(const char* xpath, char* out, uint64_t size);
     // The same text in a new buffer the caller frees with delete[]; null for
     // every failure and for an element without text.
-    char* queryValueMalloced(const char* xpath);
+    [[nodiscard]] char* queryValueMalloced(const char* xpath);
     // The element children of the single selected node that have a "name"
     // attribute, as name to text. Existing entries of `out` are not replaced,
     // and of two children with one name the first wins. 0, or -1 when not
     // exactly one node is selected (silently) or there is no document.
-    int queryMap(const char* xpath, std::map<std::string, std::string>& out);
+    [[nodiscard]] int queryMap(const char* xpath, std::map<std::string, std::string>& out);
 
     // The same three answers for the parameter `name`: the "param" children
     // of "message" elements whose "name" attribute is `name` (what the query
@@ -59,9 +59,9 @@ public:
     // costs a lookup in an index of the parameters that the first call builds
     // in one pass over the document. Results, logs and failures are those of
     // queryValue, queryValueMalloced and queryMap.
-    int queryParameter(const char* name, char* out, uint64_t size);
-    char* queryParameterMalloced(const char* name);
-    int queryParameterMap(const char* name, std::map<std::string, std::string>& out);
+    [[nodiscard]] int queryParameter(const char* name, char* out, uint64_t size);
+    [[nodiscard]] char* queryParameterMalloced(const char* name);
+    [[nodiscard]] int queryParameterMap(const char* name, std::map<std::string, std::string>& out);
 
     xmlDocPtr document() const { return doc; }
 
@@ -90,13 +90,13 @@ public:
     // Each returns 0, or -1 when the writer isn't open or libxml2 fails.
     // Names that are no XML names, and a namespace or attribute value that is
     // not XML text (see isXMLText), write nothing and return -1.
-    int startElement(const char* prefix, const char* namespaceUri, const char* name);
-    int writeAttribute(const char* name, const char* value);
+    [[nodiscard]] int startElement(const char* prefix, const char* namespaceUri, const char* name);
+    [[nodiscard]] int writeAttribute(const char* name, const char* value);
     // Writes escaped text. Text that doesn't convert from the writer's
     // encoding or isn't XML text once converted (see convertInput) writes
     // nothing and returns -1.
-    int writeString(const char* text);
-    int endElement();
+    [[nodiscard]] int writeString(const char* text);
+    [[nodiscard]] int endElement();
 
 protected:
     xmlTextWriterPtr writer;
@@ -128,17 +128,11 @@ private:
 // Converts narrow text from `encoding` for the writer. Returns a new string
 // freed with xmlFree, or null for null input, an unknown encoding, text that
 // doesn't convert completely, or a result that isn't XML text.
-xmlChar* convertInput(const char* text, const char* encoding);
+[[nodiscard]] xmlChar* convertInput(const char* text, const char* encoding);
 
-// The length in bytes (1 to 4) of the UTF-8 sequence at the start of `text`,
-// of at most `length` bytes, when it is one character that XML 1.0 allows:
-// tab, line feed, carriage return, U+0020 to U+D7FF, U+E000 to U+FFFD and
-// U+10000 to U+10FFFF, in shortest form. 0 for anything else, including an
-// empty text.
-size_t xmlTextCharLength(const char* text, size_t length);
 // True when the whole text is such characters (the empty text is).
-bool isXMLText(const char* text, size_t length);
-bool isXMLText(const char* text);
+[[nodiscard]] bool isXMLText(const char* text, size_t length);
+[[nodiscard]] bool isXMLText(const char* text);
 
 // Parses a payload held in memory or in a file. Returns a new document that
 // the caller frees with xmlFreeDoc, or null. Nothing is fetched, no entity is
@@ -148,8 +142,8 @@ bool isXMLText(const char* text);
 // 256 namespace declarations, is refused before parsing, with the line
 // "%D DEBUG (%t): XML payload refused: REASON": such markup would cost the
 // parser time that grows with its square, and no event payload has it.
-xmlDocPtr parsePayload(const char* text, size_t length);
-xmlDocPtr parsePayloadFile(const char* path);
+[[nodiscard]] xmlDocPtr parsePayload(const char* text, size_t length);
+[[nodiscard]] xmlDocPtr parsePayloadFile(const char* path);
 
 // Calls `visit` for each "param" element that is a child of a "message"
 // element (both in no namespace) and has a "name" attribute in no namespace

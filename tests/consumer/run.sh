@@ -71,6 +71,29 @@ echo "   $(basename "$lib"): SONAME $soname"
 [[ -L "$libdir/libtarnwick.so.$soversion" ]] || fail "libtarnwick.so.$soversion link missing"
 [[ -L "$libdir/libtarnwick.so" ]] || fail "libtarnwick.so link missing"
 
+echo "-- exported symbols"
+# The dynamic symbol table holds the API and nothing behind it: a sample of
+# public names must be there, a sample of internal ones must not.
+symbols=$(nm -D --defined-only -C "$lib" | cut -d' ' -f3-)
+# The symbols that belong to NAME: its own members, vtable and typeinfo (not
+# a public function that merely takes an internal type as a parameter).
+symbols_of() {
+    awk -v n="$1" 'index($0, n) == 1 || index($0, " for " n) > 0 || index($0, " to " n) > 0' <<<"$symbols"
+}
+for name in 'Tarnwick::Engine::getSingleton' 'Tarnwick::Abstract_Event::' \
+        'Tarnwick::Exception::' 'Tarnwick::Message_Reader::feed' 'Tarnwick::strlcpy'; do
+    [[ -n "$(symbols_of "$name")" ]] || fail "public symbol $name is not exported"
+done
+for name in 'Tarnwick::XMLDocument' 'Tarnwick::XMLMemoryWriter' 'Tarnwick::Replacement_File' \
+        'Tarnwick::Handler_Implementation' 'Tarnwick::Acceptor_Base' 'Tarnwick::SSL_Acceptor' 'Tarnwick::(anonymous namespace)'; do
+    found=$(symbols_of "$name" | head -n 3)
+    [[ -z "$found" ]] || fail "internal symbol $name is exported: $found"
+done
+echo "   $(wc -l <<<"$symbols") symbols, internal ones absent"
+for header in acceptor.h handler_t.h xml.h replacement_file.h; do
+    [[ ! -e "$prefix/include/tarnwick/$header" ]] || fail "internal header $header is installed"
+done
+
 echo "-- find_package(Tarnwick) consumer"
 cmake -S "$here" -B "$scratch/build" \
     -DCMAKE_PREFIX_PATH="$prefix" \

@@ -6,7 +6,8 @@
 //   - the parser returns 0 or -1, and -1 leaves no records and no error;
 //   - an error block and a table never come together;
 //   - next() walks exactly count() records, and reset() starts over;
-//   - no record holds more fields than columns, or more than its count says;
+//   - no record counts more fields than there are columns, or finds more
+//     than it counts;
 //   - every field a record finds by a column name carries that name, and
 //     getValue either gives its value or throws the library's Exception.
 #include <tarnwick/exception.h>
@@ -53,7 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(set.begin() == set.end());
         return 0;
     }
-    std::vector<const wchar_t*> columns;
+    std::vector<const wchar_t*> columns;  // distinct names
+    const int definitions = static_cast<int>(set.end() - set.begin());
     for (auto it = set.begin(); it != set.end(); ++it) {
         bool known = false;
         for (const wchar_t* column : columns)
@@ -67,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         int seen = 0;
         while (Tarnwick::Record* record = set.next()) {
             ++seen;
-            check(record->count() <= static_cast<int>(columns.size()));
+            check(record->count() <= definitions);
             int found = 0;
             for (const wchar_t* column : columns) {
                 const Tarnwick::Field* const field = record->field(column);

@@ -9,6 +9,7 @@
 #include <tarnwick/commands.h>
 #include <tarnwick/configuration_paths.h>
 #include <tarnwick/password.h>
+#include <tarnwick/process_termination.h>
 #include <tarnwick/random.h>
 #include <tarnwick/strings.h>
 #include <tarnwick/system.h>

@@ -1,6 +1,7 @@
 // The library's free functions in one include: bounded strings, UTF-8
 // conversion, Base64, the stored password form, the token random source, task
-// threads, process limits and user switching, the URL check, command names
+// threads, process limits and user switching, process termination, the URL
+// check, command names
 // and the checks of the application's directories. Each group has a header of
 // its own; code inside the library includes those instead of this one.
 #pragma once

@@ -12,7 +12,7 @@
 //   - tail_and_filter_file gives, with a block larger than the log, exactly
 //     the non-empty lines within the level (CR and LF both end a line), and
 //     with a small block no more lines than that plus its "line too long"
-//     lines.
+//     lines and the pieces of those lines.
 #include <tarnwick/exception.h>
 #include <tarnwick/logparser.h>
 #include <tarnwick/path_encoder.h>
@@ -137,6 +137,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string const reference = tailReference(log, level);
     check(tailOf(log, static_cast<int64_t>(log.size()) + 1, level) == reference);
     std::string const small = tailOf(log, 7, level);
-    check(getlines(small).size() <= getlines(reference).size() + log.size() / 7 + 1);
+    // Each block without a line end gives one "line too long", and the piece
+    // of that line in the block before may show as one more line.
+    check(getlines(small).size() <= getlines(reference).size() + 2 * (log.size() / 7 + 1));
     return 0;
 }

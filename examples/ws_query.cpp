@@ -6,17 +6,28 @@
 //
 // Fields go out as a multipart form POST (the first value of a name counts);
 // without fields the call is a GET. Exit status 0 for a table, 1 for an error
-// block or a failed call. Without --url it prints its usage and exits 0.
+// block or a failed call.
+//
+// Without --url it shows itself: it answers two calls on a port of 127.0.0.1
+// with a small server of its own, one with a table and one with an error
+// block, prints both, and exits 0 when both came as expected.
 #include <tarnwick/application.h>
 #include <tarnwick/configuration.h>
 #include <tarnwick/recordset.h>
 #include <tarnwick/tarnwick.h>
 #include <tarnwick/webservice.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -78,6 +89,70 @@ void printTable(Tarnwick::RecordSet& set) {
     std::printf("(%d rows)\n", set.count());
 }
 
+// The demonstration's server: answers one request on each of `answers`
+// connections, in order, and ends.
+class DemoServer {
+public:
+    explicit DemoServer(std::vector<std::string> answers) : m_answers(std::move(answers)) {}
+    ~DemoServer() {
+        if (m_thread.joinable())
+            m_thread.join();
+        if (m_listen >= 0)
+            ::close(m_listen);
+    }
+    DemoServer(const DemoServer&) = delete;
+    DemoServer& operator=(const DemoServer&) = delete;
+
+    // The port it listens on, or 0.
+    int start() {
+        m_listen = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(m_listen, 4) != 0 ||
+            ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            return 0;
+        m_thread = std::thread([this]() { serve(); });
+        return ntohs(address.sin_port);
+    }
+
+private:
+    void serve() {
+        for (const std::string& body : m_answers) {
+            const int fd = ::accept(m_listen, nullptr, nullptr);
+            if (fd < 0)
+                return;
+            // The request: its head, then as many bytes as it announces.
+            std::string request;
+            char buffer[4096];
+            size_t end;
+            ssize_t got = 0;
+            while ((end = request.find("\r\n\r\n")) == std::string::npos &&
+                   (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
+                request.append(buffer, static_cast<size_t>(got));
+            size_t length = 0;
+            const size_t field = request.find("Content-Length: ");
+            if (field != std::string::npos && field < end)
+                length = std::strtoul(request.c_str() + field + 16, nullptr, 10);
+            while (end != std::string::npos && request.size() < end + 4 + length &&
+                   (got = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
+                request.append(buffer, static_cast<size_t>(got));
+            const std::string answer =
+                "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n"
+                "Content-Length: " +
+                std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+            (void)::send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+            ::close(fd);
+        }
+    }
+
+    std::vector<std::string> m_answers;
+    int m_listen = -1;
+    std::thread m_thread;
+};
+
 class QueryApp : public Tarnwick::Application {
 public:
     explicit QueryApp(std::vector<std::pair<std::string, std::string>> fields)
@@ -91,16 +166,42 @@ public:
     }
     int main() override {
         const wchar_t* url = Tarnwick::getConfigSingleton()->asString(L"url");
-        if (url == nullptr) {
-            std::printf("usage: ws_query --url=URL [--field=NAME=VALUE]... [--timeout=SECONDS]\n");
-            return 0;
+        if (url == nullptr)
+            return demo();
+        return query(utf8(url), m_fields);
+    }
+
+private:
+    int demo() {
+        std::printf(
+            "usage: ws_query --url=URL [--field=NAME=VALUE]... [--timeout=SECONDS]\n"
+            "Without --url, two calls to a server of its own on 127.0.0.1:\n\n");
+        DemoServer server(
+            {"***BEGIN***\n0\nid|name|size\nI|S|I\n1|alpha|10\n"
+             "2|b\xc3\xa9ta|2000\n3|gamma|300000\n***DONE***\n",
+             "***ERROR***\n5\nseverity: high\nserver: s1\nsource: inventory\n"
+             "description: no such client\n***DONE***\n"});
+        const int port = server.start();
+        if (port == 0) {
+            std::printf("no port on 127.0.0.1\n");
+            return 1;
         }
-        // Made now, after the configuration was read: it takes "timeout" and
-        // the other web service settings from there.
+        const std::string base = "http://127.0.0.1:" + std::to_string(port);
+        std::printf("$ ws_query --url=%s/clients --field=group=all\n", base.c_str());
+        const int table = query(base + "/clients", {{"group", "all"}});
+        std::printf("exit %d\n\n$ ws_query --url=%s/client --field=id=42\n", table, base.c_str());
+        const int error = query(base + "/client", {{"id", "42"}});
+        std::printf("exit %d\n", error);
+        return table == 0 && error == 1 ? 0 : 1;
+    }
+
+    static int query(const std::string& address,
+                     const std::vector<std::pair<std::string, std::string>>& fields) {
+        // Made after the configuration was read: it takes "timeout" and the
+        // other web service settings from there.
         Tarnwick::WebService service;
-        const std::string address = utf8(url);
         service.url(address.c_str());
-        for (const auto& field : m_fields)
+        for (const auto& field : fields)
             service.field(field.first.c_str(), field.second);
         Tarnwick::RecordSet set;
         const int result = service.get(&set, 0);
@@ -120,7 +221,6 @@ public:
         return 0;
     }
 
-private:
     std::vector<std::pair<std::string, std::string>> m_fields;
 };
 

@@ -1,10 +1,10 @@
 // Tests of Directory_Iterator: the entries of one directory as full paths,
 // with and without a filter.
 #include <tarnwick/directory_iterator.h>
-#include <tarnwick/utf8.h>
 
 #include <gtest/gtest.h>
 #include <scratch_dir.h>
+#include <wide_text.h>
 
 #include <sys/stat.h>
 
@@ -14,21 +14,11 @@
 #include <string>
 
 using Tarnwick::Directory_Iterator;
+using TarnwickTest::narrow;
 using TarnwickTest::ScratchDir;
+using TarnwickTest::wide;
 
 namespace {
-
-std::wstring wide(const std::string& text) {
-    std::wstring out;
-    EXPECT_TRUE(Tarnwick::utf8towcs(text.c_str(), out));
-    return out;
-}
-
-std::string narrow(const wchar_t* text) {
-    std::string out;
-    EXPECT_TRUE(Tarnwick::wcstoutf8(text, out));
-    return out;
-}
 
 void touch(const std::string& path) {
     std::ofstream(path) << "x";

@@ -3,12 +3,12 @@
 // path. The sweeps only ever name scratch directories of the test, under
 // which the test has put copies of its helper program.
 #include <tarnwick/process_termination.h>
-#include <tarnwick/utf8.h>
 
 #include <gtest/gtest.h>
 #include <log_lines.h>
 #include <process_hygiene.h>
 #include <scratch_dir.h>
+#include <wide_text.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -27,16 +27,11 @@ using Tarnwick::terminate_process;
 using Tarnwick::terminate_processes_under_path;
 using TarnwickTest::isAlive;
 using TarnwickTest::LogLines;
+using TarnwickTest::wide;
 
 namespace {
 
 const std::string Helper = TWPROCESSHELPER_PATH;
-
-std::wstring wide(const std::string& text) {
-    std::wstring out;
-    EXPECT_TRUE(Tarnwick::utf8towcs(text.c_str(), out));
-    return out;
-}
 
 // A child running `program` with `arguments`, its standard output in a pipe.
 struct Child {

@@ -9,6 +9,7 @@
 #include <log_lines.h>
 #include <process_hygiene.h>
 #include <unprivileged.h>
+#include <wide_text.h>
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -25,16 +26,11 @@ using TarnwickTest::awaitText;
 using TarnwickTest::fileText;
 using TarnwickTest::isAlive;
 using TarnwickTest::LogLines;
+using TarnwickTest::wide;
 
 namespace {
 
 const std::string Helper = TWPROCESSHELPER_PATH;
-
-std::wstring wide(const std::string& text) {
-    std::wstring out;
-    EXPECT_TRUE(Tarnwick::utf8towcs(text.c_str(), out));
-    return out;
-}
 
 std::string narrow(const wchar_t* text) {
     std::string out;

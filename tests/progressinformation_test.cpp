@@ -26,10 +26,12 @@
 #include <thread>
 #include <vector>
 
+#include "exception_check.h"
 #include "log_capture.h"
 #include "scratch_dir.h"
 
 using namespace Tarnwick;
+using TarnwickTest::expectException;
 using TarnwickTest::LogCapture;
 using TarnwickTest::ScratchDir;
 
@@ -39,29 +41,6 @@ const char* const NOT_PROGRESS =
     "Requested document is not valid xml or does not contain progress information";
 const char* const NOT_ALL = "Did not find all required attributes in XML document";
 const char* const BAD_STRING = "String does not contain a valid XML Progress format";
-
-std::string levelOf(eventseveritylevel_t severity) {
-    return severity == SEVERITY_WARNING ? "%D WARN  (%t): " : "%D ERROR (%t): ";
-}
-
-// Runs `body`, which must throw Exception with these fields; the log must
-// hold exactly the exception's own line.
-void expectException(const std::function<void()>& body, errornumber_t number,
-                     eventseveritylevel_t severity, const std::string& source,
-                     const std::string& text) {
-    LogCapture log;
-    try {
-        body();
-        ADD_FAILURE() << "no exception; expected \"" << text << "\"";
-        return;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrNo(), number);
-        EXPECT_EQ(e.getSeverity(), severity);
-        EXPECT_EQ(e.getSource(), source);
-        EXPECT_EQ(e.getDescription(), text);
-    }
-    EXPECT_EQ(log.lines(), std::vector<std::string>{levelOf(severity) + text});
-}
 
 void expectConversion(const std::function<void()>& body, const std::string& text) {
     expectException(body, ERR_CONVERSION, SEVERITY_CRITICAL, "Namespace:Engine",

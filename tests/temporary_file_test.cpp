@@ -1,12 +1,11 @@
 // Tests of Temporary_File: naming, opening, writing, reading, copying,
 // keeping and deleting scratch files, and that nothing is left behind.
 #include <tarnwick/temporary_file.h>
-#include <tarnwick/utf8.h>
 
 #include <gtest/gtest.h>
 #include <scratch_dir.h>
+#include <wide_text.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,21 +18,12 @@
 #include <string>
 
 using Tarnwick::Temporary_File;
+using TarnwickTest::countEntries;
+using TarnwickTest::narrow;
 using TarnwickTest::ScratchDir;
+using TarnwickTest::wide;
 
 namespace {
-
-std::string narrow(const wchar_t* text) {
-    std::string out;
-    EXPECT_TRUE(Tarnwick::wcstoutf8(text, out));
-    return out;
-}
-
-std::wstring wide(const std::string& text) {
-    std::wstring out;
-    EXPECT_TRUE(Tarnwick::utf8towcs(text.c_str(), out));
-    return out;
-}
 
 bool exists(const std::string& path) {
     struct stat info;
@@ -45,20 +35,6 @@ std::string content(const std::string& path) {
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-int countEntries(const std::string& directory) {
-    DIR* const dir = ::opendir(directory.c_str());
-    if (dir == nullptr)
-        return -1;
-    int count = 0;
-    while (struct dirent* entry = ::readdir(dir)) {
-        std::string const name = entry->d_name;
-        if (name != "." && name != "..")
-            ++count;
-    }
-    ::closedir(dir);
-    return count;
 }
 
 int countDescriptors() {

@@ -21,32 +21,14 @@
 #include <thread>
 #include <vector>
 
+#include "exception_check.h"
 #include "log_capture.h"
 
 using namespace Tarnwick;
+using TarnwickTest::expectException;
 using TarnwickTest::LogCapture;
 
 namespace {
-
-// Runs `body`, which must throw Exception with these fields and log exactly
-// its description as one error line.
-void expectException(const std::function<void()>& body, errornumber_t number,
-                     eventseveritylevel_t severity, const std::string& source,
-                     const std::string& text) {
-    LogCapture log;
-    try {
-        body();
-        ADD_FAILURE() << "no exception; expected \"" << text << "\"";
-        return;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getErrNo(), number);
-        EXPECT_EQ(e.getSeverity(), severity);
-        EXPECT_EQ(e.getSource(), source);
-        EXPECT_EQ(e.getDescription(), text);
-        EXPECT_STREQ(e.what(), text.c_str());
-    }
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"%D ERROR (%t): " + text});
-}
 
 // A store with the settings "alpha" (value "one"), "beta" (no value) and
 // "gamma" (declared, never given).

@@ -1,5 +1,7 @@
 #include "process_hygiene.h"
 
+#include "scratch_dir.h"
+
 #include <dirent.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -34,20 +36,6 @@ bool readStat(pid_t pid, char& state, pid_t& parent) {
         return false;
     parent = static_cast<pid_t>(ppid);
     return true;
-}
-
-int countEntries(const std::string& directory) {
-    DIR* const dir = ::opendir(directory.c_str());
-    if (dir == nullptr)
-        return -1;
-    int count = 0;
-    while (struct dirent* entry = ::readdir(dir)) {
-        std::string const name = entry->d_name;
-        if (name != "." && name != "..")
-            ++count;
-    }
-    ::closedir(dir);
-    return count;
 }
 
 }  // namespace

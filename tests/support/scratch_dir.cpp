@@ -1,5 +1,6 @@
 #include "scratch_dir.h"
 
+#include <dirent.h>
 #include <stdlib.h>
 
 #include <filesystem>
@@ -44,6 +45,20 @@ private:
 
 ::testing::Environment* scratchTmpdir(const std::string& prefix) {
     return new ScratchTmpdir(prefix);
+}
+
+int countEntries(const std::string& directory) {
+    DIR* const dir = ::opendir(directory.c_str());
+    if (dir == nullptr)
+        return -1;
+    int count = 0;
+    while (struct dirent* entry = ::readdir(dir)) {
+        std::string const name = entry->d_name;
+        if (name != "." && name != "..")
+            ++count;
+    }
+    ::closedir(dir);
+    return count;
 }
 
 }  // namespace TarnwickTest

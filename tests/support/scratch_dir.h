@@ -27,4 +27,8 @@ private:
 // end. Register it with ::testing::AddGlobalTestEnvironment.
 ::testing::Environment* scratchTmpdir(const std::string& prefix);
 
+// The number of entries of `directory` other than "." and ".."; -1 when it
+// can't be opened.
+int countEntries(const std::string& directory);
+
 }  // namespace TarnwickTest

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
 #include <new>
 #include <string>
 #include <vector>
@@ -190,7 +191,89 @@ ssize_t storeUnescape(const char* in, size_t length, char* out, size_t size) {
     return sink.finish();
 }
 
+namespace {
+
+// URL-encodes the zero-terminated `source` into `target`, which holds three
+// times its length plus one.
+void URLEncode(const char* source, char* target) {
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(source); *p != 0; ++p) {
+        unsigned char const c = *p;
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+            c == '-' || c == '.' || c == '_' || c == '~') {
+            *target++ = static_cast<char>(c);
+        } else {
+            *target++ = '%';
+            *target++ = HEX[c >> 4];
+            *target++ = HEX[c & 15];
+        }
+    }
+    *target = '\0';
+}
+
+// Decodes "%HH" in place; 0 for a '%' without two hexadecimal digits or a
+// "%00", which would cut the text.
+int URLDecode(char* text) {
+    char* out = text;
+    for (const char* p = text; *p != '\0'; ++p) {
+        if (*p != '%') {
+            *out++ = *p;
+            continue;
+        }
+        int const high = hexValue(p[1]);
+        int const low = high < 0 ? -1 : hexValue(p[2]);
+        if (low < 0 || (high == 0 && low == 0))
+            return 0;
+        *out++ = static_cast<char>(high * 16 + low);
+        p += 2;
+    }
+    *out = '\0';
+    return 1;
+}
+
+}  // namespace
+
 Path_Encoder::Path_Encoder() = default;
+
+char* Path_Encoder::encode(const wchar_t* path, char* out) {
+    if (path == nullptr || out == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    size_t const size = 4 * std::wcslen(path) + 1;
+    char* const buffer = new (std::nothrow) char[size];
+    if (buffer == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    char* result = nullptr;
+    if (wcstoutf8_buf(buffer, path, size) != 0) {
+        URLEncode(buffer, out);
+        result = out;
+    }
+    delete[] buffer;
+    return result;
+}
+
+wchar_t* Path_Encoder::decode(const char* text, wchar_t* out) {
+    if (text == nullptr || out == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    size_t const size = std::strlen(text) + 1;
+    char* const buffer = new (std::nothrow) char[size];
+    if (buffer == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    std::memcpy(buffer, text, size);
+    wchar_t* result = nullptr;
+    if (URLDecode(buffer) != 0 && utf8towcs_buf(out, buffer, size) != 0)
+        result = out;
+    else if (errno == 0)
+        errno = EILSEQ;
+    delete[] buffer;
+    return result;
+}
 
 ssize_t Path_Encoder::EscapeA(const char* in, char* out, size_t size) {
     if (in == nullptr) {

@@ -49,6 +49,18 @@ public:
     // Writes the unescaped form of `text` to `out`, every byte of it.
     static void UnEscapeToBuffer(std::ostream& out, const std::string& text);
 
+    // The UTF-8 form of `path`, URL-encoded (every byte but A-Z, a-z, 0-9,
+    // '-', '.', '_', '~' as "%HH") into `out`, which the caller sizes: three
+    // times the UTF-8 length plus one is always enough. Returns `out`, or
+    // null (errno EINVAL for null arguments, EILSEQ for text without a UTF-8
+    // form, ENOMEM).
+    static char* encode(const wchar_t* path, char* out);
+    // The inverse: URL-decodes `text` and converts the UTF-8 to wide text in
+    // `out`, sized by the caller (strlen(text) + 1 characters is enough).
+    // Returns `out`, or null for a '%' without two hexadecimal digits, bytes
+    // that aren't UTF-8, or null arguments.
+    static wchar_t* decode(const char* text, wchar_t* out);
+
 private:
     Path_Encoder();
 };

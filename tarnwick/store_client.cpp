@@ -1,0 +1,1029 @@
+#include "store_client.h"
+
+#include <tarnwick/configuration.h>
+#include <tarnwick/path_encoder.h>
+#include <tarnwick/utf8.h>
+
+#include <openssl/evp.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <random>
+#include <sstream>
+
+namespace Tarnwick {
+
+namespace {
+
+thread_local int t_status = 0;
+
+int setStatus(int status) {
+    t_status = status;
+    return status;
+}
+
+int statusOfErrno(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return CR_E_NOENT;
+        case ENOSPC:
+        case EDQUOT:
+            return CR_E_NOSPACE;
+        case EACCES:
+        case EPERM:
+            return CR_E_ACCESS;
+        case ENOMEM:
+            return CR_E_NOMEM;
+        default:
+            return CR_E_IO;
+    }
+}
+
+// ---- path-object records --------------------------------------------------
+
+const size_t kNameMax = 1024;
+const size_t kPathMax = 4096;
+
+// One record in one malloc'ed block, so that free() releases it whole.
+struct PORecord {
+    int type;
+    int flags;
+    int mask;
+    unsigned mode;
+    unsigned uid;
+    unsigned gid;
+    uint64_t size;
+    int64_t times[3][2];  // modification, access, change: seconds, nanoseconds
+    uint64_t nlink;
+    char volume[kNameMax];
+    char dirname[kPathMax];
+    char basename[kNameMax];
+    char link[kPathMax];
+};
+
+PORecord* newRecord() {
+    PORecord* const record = static_cast<PORecord*>(std::calloc(1, sizeof(PORecord)));
+    if (record == nullptr)
+        setStatus(CR_E_NOMEM);
+    return record;
+}
+
+bool copyField(char* field, size_t capacity, const std::string& text) {
+    if (text.size() >= capacity || text.find('\0') != std::string::npos)
+        return false;
+    std::memcpy(field, text.data(), text.size());
+    field[text.size()] = '\0';
+    return true;
+}
+
+std::string escapedField(const char* text) {
+    size_t const length = std::strlen(text);
+    ssize_t const n = storeEscape(text, length, nullptr, 0);
+    std::string out(static_cast<size_t>(n) + 1, '\0');
+    (void)storeEscape(text, length, &out[0], out.size());
+    out.resize(static_cast<size_t>(n));
+    return out;
+}
+
+bool unescapedField(const std::string& text, std::string& out) {
+    ssize_t const n = storeUnescape(text.data(), text.size(), nullptr, 0);
+    if (n < 0)
+        return false;
+    out.assign(static_cast<size_t>(n) + 1, '\0');
+    (void)storeUnescape(text.data(), text.size(), &out[0], out.size());
+    out.resize(static_cast<size_t>(n));
+    return true;
+}
+
+bool parseUnsigned(const std::string& text, int base, uint64_t& out) {
+    if (text.empty() || text.size() > 22)
+        return false;
+    for (char c : text)
+        if (!(c >= '0' && c <= (base == 8 ? '7' : '9')))
+            return false;
+    errno = 0;
+    char* end = nullptr;
+    unsigned long long const value = std::strtoull(text.c_str(), &end, base);
+    if (errno != 0 || *end != '\0')
+        return false;
+    out = value;
+    return true;
+}
+
+bool parseTime(const std::string& text, int64_t& seconds, int64_t& nanoseconds) {
+    size_t const dot = text.find('.');
+    if (dot == std::string::npos || text.size() - dot - 1 != 9)
+        return false;
+    bool const negative = !text.empty() && text[0] == '-';
+    uint64_t s = 0, ns = 0;
+    if (!parseUnsigned(text.substr(negative ? 1 : 0, dot - (negative ? 1 : 0)), 10, s) ||
+        !parseUnsigned(text.substr(dot + 1), 10, ns) || s > static_cast<uint64_t>(INT64_MAX))
+        return false;
+    seconds = negative ? -static_cast<int64_t>(s) : static_cast<int64_t>(s);
+    nanoseconds = static_cast<int64_t>(ns);
+    return true;
+}
+
+std::string timeText(const int64_t time[2]) {
+    char buffer[48];
+    std::snprintf(buffer, sizeof buffer, "%lld.%09lld", static_cast<long long>(time[0]),
+                  static_cast<long long>(time[1]));
+    return buffer;
+}
+
+std::vector<std::string> splitTabs(const std::string& text) {
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (;;) {
+        size_t const tab = text.find('\t', start);
+        fields.push_back(
+            text.substr(start, tab == std::string::npos ? std::string::npos : tab - start));
+        if (tab == std::string::npos)
+            return fields;
+        start = tab + 1;
+    }
+}
+
+int setWideField(POHandle po, char* (*field)(PORecord*), size_t capacity, const wchar_t* text) {
+    if (po == nullptr || text == nullptr) {
+        setStatus(CR_E_INVAL);
+        return -1;
+    }
+    std::string narrow;
+    if (!wcstoutf8(text, narrow) ||
+        !copyField(field(static_cast<PORecord*>(po)), capacity, narrow)) {
+        setStatus(CR_E_INVAL);
+        return -1;
+    }
+    return 0;
+}
+
+// ---- the store ------------------------------------------------------------
+
+const size_t kMinChunk = 16 * 1024;
+const size_t kMaxChunk = 256 * 1024;
+const uint64_t kCutMask = 0xFFFF000000000000ull;
+const int kProtocolNumber = 17904;
+
+struct GearTable {
+    uint64_t values[256];
+    GearTable() {
+        uint64_t state = 0x7461726e7769636bull;  // fixed, so every process cuts alike
+        for (uint64_t& value : values) {
+            state += 0x9E3779B97F4A7C15ull;
+            uint64_t z = state;
+            z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+            z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+            value = z ^ (z >> 31);
+        }
+    }
+};
+
+const GearTable& gear() {
+    static const GearTable table;
+    return table;
+}
+
+// The length of the next chunk of the `length` bytes at `data`; `length` is
+// all that is left when it is below the maximum and the input ended.
+size_t cutPoint(const unsigned char* data, size_t length) {
+    if (length <= kMinChunk)
+        return length;
+    size_t const end = std::min(length, kMaxChunk);
+    const uint64_t* const table = gear().values;
+    uint64_t hash = 0;
+    for (size_t i = kMinChunk; i < end; ++i) {
+        hash = (hash << 1) + table[data[i]];
+        if ((hash & kCutMask) == 0)
+            return i + 1;
+    }
+    return end;
+}
+
+const EVP_MD* digestOf(int type) {
+    switch (type) {
+        case 1:
+            return EVP_sha256();
+        case 2:
+            return EVP_sha512();
+        case 3:
+            return EVP_sha3_256();
+        case 4:
+            return EVP_blake2b512();
+        default:
+            return nullptr;
+    }
+}
+
+bool hexDigest(const EVP_MD* md, const void* data, size_t length, std::string& out) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (EVP_Digest(data, length, digest, &size, md, nullptr) != 1)
+        return false;
+    static const char hex[] = "0123456789abcdef";
+    out.clear();
+    for (unsigned int i = 0; i < size; ++i) {
+        out += hex[digest[i] >> 4];
+        out += hex[digest[i] & 15];
+    }
+    return true;
+}
+
+std::string sha256Hex(const std::string& text) {
+    std::string out;
+    (void)hexDigest(EVP_sha256(), text.data(), text.size(), out);
+    return out;
+}
+
+// Makes every missing directory of `path`; 0 or a status.
+int makeTree(const std::string& path) {
+    std::string prefix;
+    size_t position = 0;
+    while (position != std::string::npos) {
+        size_t const slash = path.find('/', position + 1);
+        prefix = path.substr(0, slash);
+        position = slash;
+        if (prefix.empty())
+            continue;
+        if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST)
+            return statusOfErrno(errno);
+    }
+    return CR_OK;
+}
+
+bool fullWrite(int fd, const void* data, size_t length) {
+    const char* p = static_cast<const char*>(data);
+    while (length > 0) {
+        ssize_t const n = ::write(fd, p, length);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        p += n;
+        length -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Writes `data` to `target` through a unique name in `<root>/tmp`, flushed
+// before the rename, so that nobody sees half of it. 0 or a status.
+int atomicWrite(const std::string& root, const std::string& target, const void* data,
+                size_t length) {
+    static std::atomic<unsigned> counter(0);
+    char name[96];
+    std::snprintf(name, sizeof name, "/tmp/w.%ld.%u.%u", static_cast<long>(::getpid()),
+                  static_cast<unsigned>(std::random_device()()), counter.fetch_add(1));
+    std::string const temporary = root + name;
+    int const fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return statusOfErrno(errno);
+    bool ok = fullWrite(fd, data, length) && ::fsync(fd) == 0;
+    int error = errno;
+    if (::close(fd) != 0 && ok) {
+        ok = false;
+        error = errno;
+    }
+    if (ok) {
+        size_t const slash = target.rfind('/');
+        int const status = makeTree(target.substr(0, slash));
+        if (status != CR_OK) {
+            ::unlink(temporary.c_str());
+            return status;
+        }
+        if (::rename(temporary.c_str(), target.c_str()) == 0)
+            return CR_OK;
+        error = errno;
+    }
+    ::unlink(temporary.c_str());
+    return statusOfErrno(error);
+}
+
+struct Connection {
+    std::string root;
+    int dsid;
+    int fptype;
+    bool authenticated;
+    std::wstring keyPath;
+    std::wstring certPath;
+};
+
+std::string chunkPath(const std::string& root, int type, const std::string& hex) {
+    return root + "/chunks/" + std::to_string(type) + "/" + hex.substr(0, 2) + "/" + hex;
+}
+
+std::string manifestPath(const std::string& root, int dsid, const std::string& path) {
+    return root + "/dsid/" + std::to_string(dsid) + "/files/" + sha256Hex(path) + ".manifest";
+}
+
+// A tref: the DSID and context of one upload.
+struct TRef {
+    int dsid;
+    std::string context;
+};
+
+std::mutex g_trefLock;
+
+std::map<std::pair<int, std::string>, std::unique_ptr<TRef>>& trefs() {
+    static std::map<std::pair<int, std::string>, std::unique_ptr<TRef>> all;
+    return all;
+}
+
+bool readWhole(const std::string& path, std::string& out) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    std::ostringstream text;
+    text << in.rdbuf();
+    out = text.str();
+    return !in.bad();
+}
+
+}  // namespace
+
+// ---- statuses -------------------------------------------------------------
+
+int* cr_errno_location() {
+    return &t_status;
+}
+
+const wchar_t* CRStatusToStringW(int status) {
+    switch (status) {
+        case CR_OK:
+            return L"success";
+        case CR_OK_PRESENT:
+            return L"success, data already in store";
+        case CR_E_INVAL:
+            return L"invalid argument";
+        case CR_E_NOENT:
+            return L"no such file or directory";
+        case CR_E_IO:
+            return L"input/output error";
+        case CR_E_NOSPACE:
+            return L"store is full";
+        case CR_E_AUTH:
+            return L"authentication refused";
+        case CR_E_URL:
+            return L"unsupported store URL";
+        case CR_E_FPTYPE:
+            return L"invalid fingerprint type";
+        case CR_E_CHANGED:
+            return L"file changed while it was read";
+        case CR_E_NOMEM:
+            return L"out of memory";
+        case CR_E_PARSE:
+            return L"malformed path object text";
+        case CR_E_NOTREG:
+            return L"not a regular file";
+        case CR_E_ACCESS:
+            return L"permission denied";
+        case CR_E_OPTION:
+            return L"unknown option";
+        case CR_E_NOTINIT:
+            return L"store not initialised";
+        default:
+            return L"unknown status";
+    }
+}
+
+// ---- path objects ---------------------------------------------------------
+
+POHandle POCreate() {
+    PORecord* const record = newRecord();
+    if (record != nullptr)
+        std::strcpy(record->dirname, ".");
+    return record;
+}
+
+POHandle POCreateFromString(const char* text) {
+    if (text == nullptr) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    std::vector<std::string> const fields = splitTabs(text);
+    if (fields.size() != 16 || fields[0] != "PO1") {
+        setStatus(CR_E_PARSE);
+        return nullptr;
+    }
+    uint64_t numbers[9];
+    static const int bases[9] = {10, 10, 10, 8, 10, 10, 10, 0, 0};
+    for (int i = 0; i < 7; ++i)
+        if (!parseUnsigned(fields[static_cast<size_t>(i) + 1], bases[i], numbers[i]) ||
+            (i < 6 && numbers[i] > 0xFFFFFFFFull)) {
+            setStatus(CR_E_PARSE);
+            return nullptr;
+        }
+    uint64_t nlink = 0;
+    int64_t times[3][2];
+    std::string volume, dirname, basename, link;
+    if (!parseTime(fields[8], times[0][0], times[0][1]) ||
+        !parseTime(fields[9], times[1][0], times[1][1]) ||
+        !parseTime(fields[10], times[2][0], times[2][1]) || !parseUnsigned(fields[11], 10, nlink) ||
+        !unescapedField(fields[12], volume) || !unescapedField(fields[13], dirname) ||
+        !unescapedField(fields[14], basename) || !unescapedField(fields[15], link)) {
+        setStatus(CR_E_PARSE);
+        return nullptr;
+    }
+    PORecord* const record = newRecord();
+    if (record == nullptr)
+        return nullptr;
+    record->type = static_cast<int>(numbers[0]);
+    record->flags = static_cast<int>(numbers[1]);
+    record->mask = static_cast<int>(numbers[2]);
+    record->mode = static_cast<unsigned>(numbers[3]);
+    record->uid = static_cast<unsigned>(numbers[4]);
+    record->gid = static_cast<unsigned>(numbers[5]);
+    record->size = numbers[6];
+    std::memcpy(record->times, times, sizeof times);
+    record->nlink = nlink;
+    if (!copyField(record->volume, kNameMax, volume) ||
+        !copyField(record->dirname, kPathMax, dirname) ||
+        !copyField(record->basename, kNameMax, basename) ||
+        !copyField(record->link, kPathMax, link)) {
+        std::free(record);
+        setStatus(CR_E_PARSE);
+        return nullptr;
+    }
+    return record;
+}
+
+POHandle POCreateFromStat(const char* path, int follow, const char* volume, int mask, int version) {
+    if (path == nullptr || *path == '\0' || volume == nullptr || version != 1) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    struct stat st;
+    if ((follow != 0 ? ::stat(path, &st) : ::lstat(path, &st)) != 0) {
+        setStatus(statusOfErrno(errno));
+        return nullptr;
+    }
+    std::string const text(path);
+    size_t const slash = text.rfind('/');
+    std::string const dirname = slash == std::string::npos
+                                    ? std::string(".")
+                                    : (slash == 0 ? std::string("/") : text.substr(0, slash));
+    std::string const basename = slash == std::string::npos ? text : text.substr(slash + 1);
+    PORecord* const record = newRecord();
+    if (record == nullptr)
+        return nullptr;
+    if (!copyField(record->volume, kNameMax, volume) ||
+        !copyField(record->dirname, kPathMax, dirname) ||
+        !copyField(record->basename, kNameMax, basename)) {
+        std::free(record);
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    record->type = S_ISREG(st.st_mode)   ? PO_TYPE_FILE
+                   : S_ISDIR(st.st_mode) ? PO_TYPE_DIRECTORY
+                   : S_ISLNK(st.st_mode) ? PO_TYPE_SYMLINK
+                                         : PO_TYPE_OTHER;
+    record->mask = mask & PO_FIELDS_ALL;
+    if (mask & 1)
+        record->mode = st.st_mode;
+    if (mask & 2)
+        record->uid = st.st_uid;
+    if (mask & 4)
+        record->gid = st.st_gid;
+    if (mask & 8)
+        record->size = static_cast<uint64_t>(st.st_size);
+    const struct timespec* const times[3] = {&st.st_mtim, &st.st_atim, &st.st_ctim};
+    for (int i = 0; i < 3; ++i)
+        if (mask & (16 << i)) {
+            record->times[i][0] = times[i]->tv_sec;
+            record->times[i][1] = times[i]->tv_nsec;
+        }
+    if (mask & 128)
+        record->nlink = st.st_nlink;
+    if (record->type == PO_TYPE_SYMLINK) {
+        ssize_t const n = ::readlink(path, record->link, kPathMax - 1);
+        if (n < 0) {
+            std::free(record);
+            setStatus(statusOfErrno(errno));
+            return nullptr;
+        }
+        record->link[n] = '\0';
+    }
+    return record;
+}
+
+int POSetDirname(POHandle po, const wchar_t* text) {
+    return setWideField(
+        po, [](PORecord* r) { return r->dirname; }, kPathMax, text);
+}
+
+int POSetBasename(POHandle po, const wchar_t* text) {
+    return setWideField(
+        po, [](PORecord* r) { return r->basename; }, kNameMax, text);
+}
+
+int POSetType(POHandle po, int type) {
+    if (po == nullptr || type < PO_TYPE_FILE || type > PO_TYPE_OTHER) {
+        setStatus(CR_E_INVAL);
+        return -1;
+    }
+    static_cast<PORecord*>(po)->type = type;
+    return 0;
+}
+
+int POSetSpecialFlags(POHandle po, int flags) {
+    if (po == nullptr || flags < 0) {
+        setStatus(CR_E_INVAL);
+        return -1;
+    }
+    static_cast<PORecord*>(po)->flags = flags;
+    return 0;
+}
+
+char* POToStringMalloced(POHandle po) {
+    if (po == nullptr) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    const PORecord* const r = static_cast<const PORecord*>(po);
+    char numbers[160];
+    std::snprintf(numbers, sizeof numbers, "PO1\t%d\t%d\t%d\t%o\t%u\t%u\t%llu\t", r->type, r->flags,
+                  r->mask, r->mode, r->uid, r->gid, static_cast<unsigned long long>(r->size));
+    std::string text(numbers);
+    for (int i = 0; i < 3; ++i)
+        text += timeText(r->times[i]) + "\t";
+    text += std::to_string(r->nlink) + "\t" + escapedField(r->volume) + "\t" +
+            escapedField(r->dirname) + "\t" + escapedField(r->basename) + "\t" +
+            escapedField(r->link);
+    char* const out = static_cast<char*>(std::malloc(text.size() + 1));
+    if (out == nullptr) {
+        setStatus(CR_E_NOMEM);
+        return nullptr;
+    }
+    std::memcpy(out, text.c_str(), text.size() + 1);
+    return out;
+}
+
+void POStringDestroy(char* text) {
+    std::free(text);
+}
+
+void PODestroy(POHandle po) {
+    std::free(po);
+}
+
+bool POGetFields(POHandle po, POFields& out) {
+    if (po == nullptr)
+        return false;
+    const PORecord* const r = static_cast<const PORecord*>(po);
+    out.type = r->type;
+    out.flags = r->flags;
+    out.mask = r->mask;
+    out.mode = r->mode;
+    out.uid = r->uid;
+    out.gid = r->gid;
+    out.size = r->size;
+    out.mtime_sec = r->times[0][0];
+    out.mtime_nsec = static_cast<long>(r->times[0][1]);
+    out.atime_sec = r->times[1][0];
+    out.atime_nsec = static_cast<long>(r->times[1][1]);
+    out.nlink = r->nlink;
+    out.volume = r->volume;
+    out.dirname = r->dirname;
+    out.basename = r->basename;
+    out.link = r->link;
+    return true;
+}
+
+// ---- the connection -------------------------------------------------------
+
+CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, int flags,
+                const char* version, int number) {
+    (void)configfile;
+    if (runtimedir == nullptr || version == nullptr || number != kProtocolNumber) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    std::string root;
+    Configuration* const configuration = getConfigSingleton();
+    const wchar_t* const url =
+        configuration != nullptr ? configuration->asString(L"storeurl") : nullptr;
+    if (url != nullptr && *url != L'\0') {
+        std::string text;
+        if (!wcstoutf8(url, text) || text.compare(0, 8, "file:///") != 0) {
+            setStatus(CR_E_URL);
+            return nullptr;
+        }
+        root = text.substr(7);
+    } else {
+        if (!wcstoutf8(runtimedir, root)) {
+            setStatus(CR_E_INVAL);
+            return nullptr;
+        }
+        root += "/store";
+    }
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    struct stat st;
+    if (::stat((root + "/store.version").c_str(), &st) != 0) {
+        if (!(flags & 1024)) {
+            setStatus(CR_E_NOTINIT);
+            return nullptr;
+        }
+        int status = makeTree(root + "/tmp");
+        static const char kVersion[] = "tarnwick-store 1\n";
+        if (status == CR_OK)
+            status = atomicWrite(root, root + "/store.version", kVersion, sizeof kVersion - 1);
+        if (status != CR_OK) {
+            setStatus(status);
+            return nullptr;
+        }
+    } else if (int const status = makeTree(root + "/tmp"); status != CR_OK) {
+        setStatus(status);
+        return nullptr;
+    }
+    Connection* const connection = new (std::nothrow) Connection();
+    if (connection == nullptr) {
+        setStatus(CR_E_NOMEM);
+        return nullptr;
+    }
+    connection->root = root;
+    connection->dsid = dsid;
+    connection->fptype = 1;
+    connection->authenticated = false;
+    return connection;
+}
+
+int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* password) {
+    Connection* const connection = static_cast<Connection*>(handle);
+    if (connection == nullptr || login == nullptr || password == nullptr ||
+        dsid != connection->dsid)
+        return setStatus(CR_E_INVAL);
+    if (*login == '\0')
+        return setStatus(CR_E_AUTH);
+    std::string credentials;
+    if (readWhole(connection->root + "/credentials", credentials)) {
+        std::string const wanted = std::string(login) + "\t" + sha256Hex(password);
+        std::istringstream lines(credentials);
+        std::string line;
+        bool found = false;
+        while (std::getline(lines, line))
+            found = found || line == wanted;
+        if (!found)
+            return setStatus(CR_E_AUTH);
+    } else if (errno != ENOENT) {
+        return setStatus(statusOfErrno(errno));
+    }
+    connection->authenticated = true;
+    return setStatus(CR_OK);
+}
+
+int CRFPTypeIsValid(int type) {
+    return digestOf(type) != nullptr ? 1 : 0;
+}
+
+int CRConfigLocateW(const wchar_t* product, wchar_t* buffer, size_t size) {
+    if (product == nullptr || buffer == nullptr || size == 0)
+        return 0;
+    const wchar_t* const last = std::wcsrchr(product, L'\\');
+    Configuration* const configuration = getConfigSingleton();
+    ACE_WString path;
+    if (configuration == nullptr ||
+        configuration->productConfigfilePath(last != nullptr ? last + 1 : product, path) != 0 ||
+        path.length() + 1 > size)
+        return 0;
+    std::wcscpy(buffer, path.c_str());
+    return 1;
+}
+
+size_t InifileGetPathW(const wchar_t* section, const wchar_t* key, const wchar_t* file,
+                       wchar_t* buffer, size_t size, const wchar_t* fallback) {
+    if (buffer == nullptr || size == 0)
+        return 0;
+    std::wstring value = fallback != nullptr ? fallback : L"";
+    std::string narrowFile, narrowSection, narrowKey, text;
+    if (section != nullptr && key != nullptr && file != nullptr && wcstoutf8(file, narrowFile) &&
+        wcstoutf8(section, narrowSection) && wcstoutf8(key, narrowKey) &&
+        readWhole(narrowFile, text)) {
+        auto trim = [](std::string s) {
+            size_t const b = s.find_first_not_of(" \t\r");
+            size_t const e = s.find_last_not_of(" \t\r");
+            return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
+        };
+        std::istringstream lines(text);
+        std::string line, current;
+        while (std::getline(lines, line)) {
+            line = trim(line);
+            if (line.empty() || line[0] == ';' || line[0] == '#')
+                continue;
+            if (line.front() == '[' && line.back() == ']') {
+                current = trim(line.substr(1, line.size() - 2));
+                continue;
+            }
+            size_t const equals = line.find('=');
+            std::wstring wide;
+            if (equals != std::string::npos && current == narrowSection &&
+                trim(line.substr(0, equals)) == narrowKey &&
+                utf8towcs(trim(line.substr(equals + 1)).c_str(), wide)) {
+                value = wide;
+                break;
+            }
+        }
+    }
+    size_t const length = std::min(value.size(), size - 1);
+    std::wmemcpy(buffer, value.data(), length);
+    buffer[length] = L'\0';
+    return length;
+}
+
+int CROptionsSetVa(CRHandle handle, ...) {
+    Connection* const connection = static_cast<Connection*>(handle);
+    if (connection == nullptr)
+        return setStatus(CR_E_INVAL);
+    va_list arguments;
+    va_start(arguments, handle);
+    int status = CR_OK;
+    for (int option = va_arg(arguments, int); option != 0 && status == CR_OK;
+         option = va_arg(arguments, int)) {
+        switch (option) {
+            case 18:
+                if (va_arg(arguments, int) != 0)
+                    status = CR_E_OPTION;
+                break;
+            case 22: {
+                int const type = va_arg(arguments, int);
+                if (digestOf(type) == nullptr)
+                    status = CR_E_FPTYPE;
+                else
+                    connection->fptype = type;
+                break;
+            }
+            case 23:
+            case 24: {
+                const wchar_t* const path = va_arg(arguments, const wchar_t*);
+                if (path == nullptr)
+                    status = CR_E_INVAL;
+                else
+                    (option == 23 ? connection->keyPath : connection->certPath) = path;
+                break;
+            }
+            default:
+                status = CR_E_OPTION;
+        }
+    }
+    va_end(arguments);
+    return setStatus(status);
+}
+
+int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, const char* context,
+              size_t size, uint64_t* result, int reserved2, void* tref) {
+    Connection* const connection = static_cast<Connection*>(handle);
+    if (result != nullptr)
+        *result = 0;
+    std::string narrow;
+    if (connection == nullptr || path == nullptr || flags != 0 || reserved != 0 || reserved2 != 0 ||
+        (context == nullptr && size != 0) || !wcstoutf8(path, narrow))
+        return setStatus(CR_E_INVAL);
+    if (!connection->authenticated)
+        return setStatus(CR_E_AUTH);
+    const EVP_MD* const md = digestOf(connection->fptype);
+    if (md == nullptr)
+        return setStatus(CR_E_FPTYPE);
+
+    int const fd = ::open(narrow.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0)
+        return setStatus(errno == ELOOP ? CR_E_NOTREG : statusOfErrno(errno));
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat before;
+    if (::fstat(fd, &before) != 0)
+        return setStatus(statusOfErrno(errno));
+    if (!S_ISREG(before.st_mode))
+        return setStatus(CR_E_NOTREG);
+    std::unique_ptr<PORecord, void (*)(void*)> po(
+        static_cast<PORecord*>(POCreateFromStat(narrow.c_str(), 0, "empty", PO_FIELDS_ALL, 1)),
+        std::free);
+    if (!po)
+        return setStatus(t_status == CR_E_NOENT ? CR_E_CHANGED : t_status);
+
+    std::string const& root = connection->root;
+    std::ostringstream chunks;
+    uint64_t written = 0, total = 0;
+    std::vector<unsigned char> buffer(kMaxChunk);
+    size_t have = 0;
+    bool ended = false;
+    while (!ended || have > 0) {
+        while (!ended && have < kMaxChunk) {
+            ssize_t const n = ::read(fd, buffer.data() + have, kMaxChunk - have);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return setStatus(statusOfErrno(errno));
+            if (n == 0)
+                ended = true;
+            have += static_cast<size_t>(n);
+        }
+        if (have == 0)
+            break;
+        size_t const cut = cutPoint(buffer.data(), have);
+        std::string hex;
+        if (!hexDigest(md, buffer.data(), cut, hex))
+            return setStatus(CR_E_NOMEM);
+        std::string const target = chunkPath(root, connection->fptype, hex);
+        struct stat existing;
+        if (::stat(target.c_str(), &existing) != 0 ||
+            static_cast<size_t>(existing.st_size) != cut) {
+            int const status = atomicWrite(root, target, buffer.data(), cut);
+            if (status != CR_OK)
+                return setStatus(status);
+            written += cut;
+        }
+        chunks << hex << ' ' << cut << '\n';
+        total += cut;
+        std::memmove(buffer.data(), buffer.data() + cut, have - cut);
+        have -= cut;
+    }
+    struct stat after;
+    if (::fstat(fd, &after) != 0)
+        return setStatus(statusOfErrno(errno));
+    struct stat now;
+    if (after.st_size != before.st_size || after.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+        after.st_mtim.tv_nsec != before.st_mtim.tv_nsec ||
+        total != static_cast<uint64_t>(before.st_size) || ::lstat(narrow.c_str(), &now) != 0 ||
+        now.st_ino != before.st_ino)
+        return setStatus(CR_E_CHANGED);
+
+    char* const text = POToStringMalloced(po.get());
+    if (text == nullptr)
+        return setStatus(CR_E_NOMEM);
+    std::string manifest = std::string("TWMANIFEST 1\n") + text + "\nT " +
+                           std::to_string(connection->fptype) + "\n" + chunks.str() + "END " +
+                           std::to_string(total) + "\n";
+    POStringDestroy(text);
+    TRef* const reference = static_cast<TRef*>(tref);
+    int const dsid = reference != nullptr ? reference->dsid : connection->dsid;
+    int status =
+        atomicWrite(root, manifestPath(root, dsid, narrow), manifest.data(), manifest.size());
+    if (status == CR_OK && reference != nullptr) {
+        std::string entry = narrow + "\n";
+        entry.append(context != nullptr ? context : "", size);
+        status = atomicWrite(root,
+                             root + "/dsid/" + std::to_string(dsid) + "/trefs/" +
+                                 sha256Hex(reference->context) + "/" + sha256Hex(narrow),
+                             entry.data(), entry.size());
+    }
+    if (status != CR_OK)
+        return setStatus(status);
+    if (result != nullptr)
+        *result = written;
+    return setStatus(written > 0 ? CR_OK : CR_OK_PRESENT);
+}
+
+void* CRTRefNewContextDSID(void* record, const wchar_t* path, int dsid, const char* context) {
+    (void)record;
+    if (path == nullptr || context == nullptr) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> guard(g_trefLock);
+    try {
+        auto& entry = trefs()[std::make_pair(dsid, std::string(context))];
+        if (!entry)
+            entry.reset(new TRef{dsid, context});
+        return entry.get();
+    } catch (const std::bad_alloc&) {
+        setStatus(CR_E_NOMEM);
+        return nullptr;
+    }
+}
+
+int CRSync(CRHandle handle) {
+    Connection* const connection = static_cast<Connection*>(handle);
+    if (connection == nullptr)
+        return setStatus(CR_E_INVAL);
+    int const fd = ::open(connection->root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return setStatus(statusOfErrno(errno));
+    int const result = ::fsync(fd);
+    ::close(fd);
+    ::sync();
+    return setStatus(result == 0 ? CR_OK : statusOfErrno(errno));
+}
+
+int CRShutdown(CRHandle handle) {
+    delete static_cast<Connection*>(handle);
+    return setStatus(CR_OK);
+}
+
+const std::string* CRStoreRoot(CRHandle handle) {
+    return handle != nullptr ? &static_cast<Connection*>(handle)->root : nullptr;
+}
+
+// ---- the read side --------------------------------------------------------
+
+int CRFileList(const std::string& storeRoot, int dsid, std::vector<std::string>& paths) {
+    paths.clear();
+    std::string const directory = storeRoot + "/dsid/" + std::to_string(dsid) + "/files";
+    DIR* const dir = ::opendir(directory.c_str());
+    if (dir == nullptr)
+        return errno == ENOENT ? CR_OK : statusOfErrno(errno);
+    while (const struct dirent* entry = ::readdir(dir)) {
+        std::string manifest;
+        std::string const name = entry->d_name;
+        if (name.size() < 9 || name.compare(name.size() - 9, 9, ".manifest") != 0 ||
+            !readWhole(directory + "/" + name, manifest))
+            continue;
+        std::istringstream lines(manifest);
+        std::string magic, record;
+        std::getline(lines, magic);
+        std::getline(lines, record);
+        std::unique_ptr<PORecord, void (*)(void*)> po(
+            static_cast<PORecord*>(POCreateFromString(record.c_str())), std::free);
+        if (magic != "TWMANIFEST 1" || !po)
+            continue;
+        std::string const dirname = po->dirname;
+        paths.push_back(dirname == "/" ? "/" + std::string(po->basename)
+                                       : dirname + "/" + po->basename);
+    }
+    ::closedir(dir);
+    std::sort(paths.begin(), paths.end());
+    return CR_OK;
+}
+
+int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
+              const std::string& target) {
+    std::string manifest;
+    if (!readWhole(manifestPath(storeRoot, dsid, path), manifest))
+        return CR_E_NOENT;
+    std::istringstream lines(manifest);
+    std::string magic, record, typeLine, line;
+    std::getline(lines, magic);
+    std::getline(lines, record);
+    std::getline(lines, typeLine);
+    std::unique_ptr<PORecord, void (*)(void*)> po(
+        static_cast<PORecord*>(POCreateFromString(record.c_str())), std::free);
+    int type = 0;
+    if (magic != "TWMANIFEST 1" || !po || typeLine.compare(0, 2, "T ") != 0 ||
+        (type = std::atoi(typeLine.c_str() + 2), digestOf(type) == nullptr))
+        return CR_E_PARSE;
+    std::string const temporary = target + ".restoring";
+    int const fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return statusOfErrno(errno);
+    int status = CR_E_PARSE;
+    uint64_t total = 0;
+    while (std::getline(lines, line)) {
+        if (line.compare(0, 4, "END ") == 0) {
+            status = std::to_string(total) == line.substr(4) ? CR_OK : CR_E_PARSE;
+            break;
+        }
+        size_t const space = line.find(' ');
+        std::string chunk, hex;
+        if (space == std::string::npos ||
+            !readWhole(chunkPath(storeRoot, type, line.substr(0, space)), chunk) ||
+            std::to_string(chunk.size()) != line.substr(space + 1) ||
+            !hexDigest(digestOf(type), chunk.data(), chunk.size(), hex) ||
+            hex != line.substr(0, space)) {
+            status = CR_E_IO;
+            break;
+        }
+        if (!fullWrite(fd, chunk.data(), chunk.size())) {
+            status = statusOfErrno(errno);
+            break;
+        }
+        total += chunk.size();
+    }
+    if (status == CR_OK && (po->mask & 1) && ::fchmod(fd, po->mode & 07777) != 0)
+        status = statusOfErrno(errno);
+    if (status == CR_OK && (po->mask & 48) == 48) {
+        struct timespec times[2];
+        times[0].tv_sec = po->times[1][0];
+        times[0].tv_nsec = po->times[1][1];
+        times[1].tv_sec = po->times[0][0];
+        times[1].tv_nsec = po->times[0][1];
+        if (::futimens(fd, times) != 0)
+            status = statusOfErrno(errno);
+    }
+    if (status == CR_OK && ::fsync(fd) != 0)
+        status = statusOfErrno(errno);
+    if (::close(fd) != 0 && status == CR_OK)
+        status = statusOfErrno(errno);
+    if (status == CR_OK && ::rename(temporary.c_str(), target.c_str()) != 0)
+        status = statusOfErrno(errno);
+    if (status != CR_OK)
+        ::unlink(temporary.c_str());
+    return status;
+}
+
+}  // namespace Tarnwick

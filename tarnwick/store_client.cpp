@@ -253,6 +253,7 @@ std::string sha256Hex(const std::string& text) {
 
 // Makes every missing directory of `path`; 0 or a status.
 int makeTree(const std::string& path) {
+    int const saved = errno;
     std::string prefix;
     size_t position = 0;
     while (position != std::string::npos) {
@@ -264,6 +265,7 @@ int makeTree(const std::string& path) {
         if (::mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST)
             return statusOfErrno(errno);
     }
+    errno = saved;
     return CR_OK;
 }
 
@@ -668,9 +670,12 @@ int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* pas
     if (connection == nullptr || login == nullptr || password == nullptr ||
         dsid != connection->dsid)
         return setStatus(CR_E_INVAL);
-    if (*login == '\0')
+    if (*login == '\0') {
+        errno = EACCES;
         return setStatus(CR_E_AUTH);
+    }
     std::string credentials;
+    int const saved = errno;
     if (readWhole(connection->root + "/credentials", credentials)) {
         std::string const wanted = std::string(login) + "\t" + sha256Hex(password);
         std::istringstream lines(credentials);
@@ -678,11 +683,14 @@ int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* pas
         bool found = false;
         while (std::getline(lines, line))
             found = found || line == wanted;
-        if (!found)
+        if (!found) {
+            errno = EACCES;
             return setStatus(CR_E_AUTH);
+        }
     } else if (errno != ENOENT) {
         return setStatus(statusOfErrno(errno));
     }
+    errno = saved;
     connection->authenticated = true;
     return setStatus(CR_OK);
 }

@@ -1,0 +1,437 @@
+// Upload to the backup store: the connection's order and reuse, the
+// counters, the texts of every failure, and real round trips through a
+// directory store in a scratch directory (content, modes and times read
+// back, and a second upload that writes almost nothing).
+#include <tarnwick/configuration.h>
+#include <tarnwick/contentrouter.h>
+#include <tarnwick/registry.h>
+
+#include "../tarnwick/store_client.h"
+#include "log_capture.h"
+#include "scratch_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using Tarnwick::Configuration;
+using Tarnwick::ContentRouter;
+using Tarnwick::Setting;
+using TarnwickTest::LogCapture;
+using TarnwickTest::ScratchDir;
+
+namespace {
+
+std::wstring wide(const std::string& text) {
+    return std::wstring(text.begin(), text.end());
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary);
+    out << content;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string randomBytes(size_t size, unsigned seed) {
+    std::mt19937_64 generator(seed);
+    std::string out(size, '\0');
+    for (char& c : out)
+        c = static_cast<char>(generator());
+    return out;
+}
+
+// The bytes of every file below `path`.
+uint64_t treeBytes(const std::string& path) {
+    uint64_t total = 0;
+    DIR* const dir = ::opendir(path.c_str());
+    if (dir == nullptr)
+        return 0;
+    while (const struct dirent* entry = ::readdir(dir)) {
+        std::string const name = entry->d_name;
+        if (name == "." || name == "..")
+            continue;
+        std::string const child = path + "/" + name;
+        struct stat st;
+        if (::lstat(child.c_str(), &st) != 0)
+            continue;
+        total += S_ISDIR(st.st_mode) ? treeBytes(child) : static_cast<uint64_t>(st.st_size);
+    }
+    ::closedir(dir);
+    return total;
+}
+
+const wchar_t* const kSettings[] = {L"rtdir",  L"storagepoolid",   L"login",
+                                    L"passwd", L"FingerprintType", L"storeurl"};
+
+// A scratch installation: the Agent's registry entry and configuration file
+// with a key directory, a runtime directory, and the settings of the upload.
+class ContentRouterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(dir_.path().empty());
+        Configuration* const configuration = Tarnwick::getConfigSingleton();
+        static bool declared = false;
+        if (!declared) {
+            for (const wchar_t* key : kSettings)
+                ASSERT_EQ(0, configuration->register_setting(new Setting(
+                                 key, 0, L"upload", L"a setting", Tarnwick::SETTING_ARGUMENT)));
+            declared = true;
+        }
+        registry_ = dir_.path() + "/registry";
+        ::setenv("TARNWICK_REGISTRY", registry_.c_str(), 1);
+        agentConfig_ = dir_.path() + "/agent.cfg";
+        writeFile(agentConfig_, "[Paths]\nKeyDir=" + dir_.path() + "/keys\n");
+        Tarnwick::Registry registry;
+        (void)registry.open(L"Agent", nullptr);
+        ASSERT_EQ(0, registry.setConfigFilePath(wide(agentConfig_).c_str()));
+        ASSERT_EQ(0, registry.setPath(wide(dir_.path()).c_str()));
+        ASSERT_EQ(0, registry.write());
+        store_ = dir_.path() + "/store";
+        set(L"rtdir", dir_.path() + "/rt");
+        set(L"storagepoolid", "3");
+        set(L"login", "agent");
+        set(L"passwd", "secret");
+        set(L"FingerprintType", "1");
+        set(L"storeurl", "file://" + store_);
+        data_ = dir_.path() + "/data";
+        ASSERT_EQ(0, ::mkdir(data_.c_str(), 0755));
+    }
+
+    void TearDown() override { ::unsetenv("TARNWICK_REGISTRY"); }
+
+    static void set(const wchar_t* key, const std::string& value) {
+        Tarnwick::getConfigSingleton()->setKeyVal(key, wide(value).c_str());
+    }
+
+    std::string file(const std::string& name, const std::string& content) {
+        std::string const path = data_ + "/" + name;
+        writeFile(path, content);
+        return path;
+    }
+
+    std::string chunkDir() const { return store_ + "/chunks"; }
+
+    ScratchDir dir_{"contentrouter"};
+    std::string registry_, agentConfig_, store_, data_;
+};
+
+TEST_F(ContentRouterTest, FirstUploadOfAMissingPathConnectsAndIsNotSupported) {
+    std::string const missing = data_ + "/missing";
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(missing).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + missing,
+                                        "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+    EXPECT_EQ(0, router.count());
+    EXPECT_EQ(0, router.errors());
+    struct stat st;
+    EXPECT_EQ(0, ::stat((store_ + "/store.version").c_str(), &st));
+}
+
+TEST_F(ContentRouterTest, GoodUploadReturnsMinusOneAndLogsItsResult) {
+    std::string const path = file("a.txt", "hello, store");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + path,
+                                        "%D ERROR (%t): Result: " + path + ", success",
+                                        "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(0, router.errors());
+}
+
+TEST_F(ContentRouterTest, TwoUploadsWithOneDsidAuthenticateOnce) {
+    std::string const a = file("a.txt", "first");
+    std::string const b = file("b.txt", "second");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(a).c_str(), 7));
+    // From now on the store only knows another password: a second
+    // authentication would fail.
+    writeFile(store_ + "/credentials", "agent\t" + std::string(64, '0') + "\n");
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(b).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + b,
+                                        "%D ERROR (%t): Result: " + b + ", success",
+                                        "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(0, router.errors());
+}
+
+TEST_F(ContentRouterTest, ADifferentDsidReplacesTheConnectionAndRestartsTheCounters) {
+    std::string const a = file("a.txt", "first");
+    std::string const b = file("b.txt", "second");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(a).c_str(), 7));
+    EXPECT_EQ(-1, router.upload(wide(b).c_str(), 7));
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(-1, router.upload(wide(b).c_str(), 8));
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(0, router.errors());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 8, paths));
+    EXPECT_EQ(std::vector<std::string>{b}, paths);
+    // The new connection authenticates anew.
+    writeFile(store_ + "/credentials", "agent\t" + std::string(64, '0') + "\n");
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(-1, router.upload(wide(a).c_str(), 9));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): Authentication failed.: Permission denied"},
+              capture.lines());
+}
+
+TEST_F(ContentRouterTest, StatusOneCountsAsSuccessInBothForms) {
+    std::string const path = file("a.txt", randomBytes(100000, 1));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + path,
+                  "%D ERROR (%t): Result: " + path + ", success, data already in store",
+                  "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(0, router.errors());
+    capture.clear();
+    char context[] = "job-1";
+    EXPECT_EQ(0, router.upload(wide(path).c_str(), 7, context, 5));
+    EXPECT_EQ(std::vector<std::string>{"%D DEBUG (%t): Uploading " + path}, capture.lines());
+    EXPECT_EQ(2, router.count());
+}
+
+TEST_F(ContentRouterTest, OneFailedFileInATreeCountsAnErrorAndTheWalkGoesOn) {
+    std::string const a = file("a.txt", "aaa");
+    std::string const b = file("b.txt", "bbb");
+    std::string const link = data_ + "/link";
+    ASSERT_EQ(0, ::symlink(a.c_str(), link.c_str()));
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(3, router.count());
+    EXPECT_EQ(1, router.errors());
+    std::vector<std::string> const lines = capture.lines();
+    EXPECT_NE(lines.end(),
+              std::find(lines.begin(), lines.end(),
+                        "%D ERROR (%t): Can not upload file: " + link + ", not a regular file"));
+    EXPECT_EQ("%D DEBUG (%t): Uploading " + data_, lines.front());
+    EXPECT_EQ("%D ERROR (%t): File Type not supported.", lines.back());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 7, paths));
+    EXPECT_EQ((std::vector<std::string>{a, b}), paths);
+}
+
+TEST_F(ContentRouterTest, TreeRoundTripsByteForByteWithModesAndTimes) {
+    ASSERT_EQ(0, ::mkdir((data_ + "/sub").c_str(), 0755));
+    std::vector<std::string> files = {file("big.bin", randomBytes(3 * 1024 * 1024 + 17, 2)),
+                                      file("empty", ""), file("sub/small.txt", "small\n"),
+                                      file("sub/mid.bin", randomBytes(300000, 3))};
+    ASSERT_EQ(0, ::chmod(files[2].c_str(), 0600));
+    struct timespec times[2] = {{1000000000, 123456789}, {1500000000, 987654321}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, files[1].c_str(), times, 0));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 11));
+    EXPECT_EQ(4, router.count());
+    EXPECT_EQ(0, router.errors());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 11, paths));
+    std::sort(files.begin(), files.end());
+    ASSERT_EQ(files, paths);
+    std::string const restore = dir_.path() + "/restore";
+    ASSERT_EQ(0, ::mkdir(restore.c_str(), 0755));
+    int n = 0;
+    for (const std::string& path : paths) {
+        std::string const target = restore + "/" + std::to_string(n++);
+        ASSERT_EQ(0, Tarnwick::CRFileGet(store_, 11, path, target)) << path;
+        EXPECT_EQ(readFile(path), readFile(target)) << path;
+        struct stat original, restored;
+        ASSERT_EQ(0, ::stat(path.c_str(), &original));
+        ASSERT_EQ(0, ::stat(target.c_str(), &restored));
+        EXPECT_EQ(original.st_mode, restored.st_mode) << path;
+        EXPECT_EQ(original.st_mtim.tv_sec, restored.st_mtim.tv_sec) << path;
+        EXPECT_EQ(original.st_mtim.tv_nsec, restored.st_mtim.tv_nsec) << path;
+    }
+}
+
+TEST_F(ContentRouterTest, SecondUploadWritesNothingAndAChangeWritesLittle) {
+    std::string const big = file("big.bin", randomBytes(4 * 1024 * 1024, 4));
+    file("other.bin", randomBytes(500000, 5));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 12));
+    uint64_t const first = treeBytes(chunkDir());
+    EXPECT_GE(first, 4u * 1024 * 1024 + 500000);
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 12));
+    EXPECT_EQ(first, treeBytes(chunkDir()));
+    // 100 bytes changed in the middle of the big file.
+    std::string content = readFile(big);
+    for (size_t i = 0; i < 100; ++i)
+        content[2 * 1024 * 1024 + i] ^= 0x5A;
+    writeFile(big, content);
+    char context[] = "incremental";
+    EXPECT_EQ(0, router.upload(wide(big).c_str(), 12, context, sizeof context - 1));
+    uint64_t const added = treeBytes(chunkDir()) - first;
+    EXPECT_GT(added, 0u);
+    EXPECT_LE(added, 2u * 256 * 1024);
+    std::string const target = dir_.path() + "/restored";
+    ASSERT_EQ(0, Tarnwick::CRFileGet(store_, 12, big, target));
+    EXPECT_EQ(content, readFile(target));
+}
+
+TEST_F(ContentRouterTest, ContextFormRefusesADirectory) {
+    ContentRouter router;
+    char context[] = "ctx";
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7, context, 3));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + data_,
+                                        "%D ERROR (%t): File Type not supported!"}),
+              capture.lines());
+    EXPECT_EQ(0, router.count());
+}
+
+TEST_F(ContentRouterTest, ContextFormWithoutAContextFailsBeforeConnecting) {
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7, nullptr, 0));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): " + path +
+                                       ": failed to create tref (invalid argument)"},
+              capture.lines());
+    struct stat st;
+    EXPECT_NE(0, ::stat(store_.c_str(), &st));
+}
+
+TEST_F(ContentRouterTest, ContextFormRecordsTheTransaction) {
+    std::string const path = file("a.txt", "payload");
+    ContentRouter router;
+    char context[] = "job-42";
+    EXPECT_EQ(0, router.upload(wide(path).c_str(), 5, context, 6));
+    EXPECT_EQ(0, router.count());
+    EXPECT_EQ(0, router.errors());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 5, paths));
+    EXPECT_EQ(std::vector<std::string>{path}, paths);
+    EXPECT_GT(treeBytes(store_ + "/dsid/5/trefs"), 0u);
+}
+
+TEST_F(ContentRouterTest, MissingRegistryEntryIsLogged) {
+    ::setenv("TARNWICK_REGISTRY", (dir_.path() + "/nowhere").c_str(), 1);
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): Can not find Agent configfile"},
+              capture.lines());
+}
+
+TEST_F(ContentRouterTest, EmptyRuntimeDirectoryIsLogged) {
+    set(L"rtdir", "");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): rtdir setting is not configured"},
+              capture.lines());
+}
+
+TEST_F(ContentRouterTest, DefaultStoreLivesInTheRuntimeDirectory) {
+    Tarnwick::getConfigSingleton()->setKeyVal(L"storeurl", nullptr);
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ(1, router.count());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(dir_.path() + "/rt/3.current/store", 7, paths));
+    EXPECT_EQ(std::vector<std::string>{path}, paths);
+}
+
+TEST_F(ContentRouterTest, UnsupportedStoreURLFailsTheInit) {
+    set(L"storeurl", "s3://bucket/prefix");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): CRInit failed!"}, capture.lines());
+    EXPECT_EQ(1, router.errors());
+}
+
+TEST_F(ContentRouterTest, InvalidFingerprintTypeIsLogged) {
+    set(L"FingerprintType", "9");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(
+        std::vector<std::string>{
+            "%D ERROR (%t): Incorrect ENT_FingerprintType value or system not configured"},
+        capture.lines());
+}
+
+TEST_F(ContentRouterTest, MissingKeyDirectoryIsLogged) {
+    writeFile(agentConfig_, "[Paths]\nOther=1\n");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 7));
+    EXPECT_EQ(
+        std::vector<std::string>{"%D ERROR (%t): Incorrect key dir value or system not configured"},
+        capture.lines());
+}
+
+TEST_F(ContentRouterTest, FailedPreparationKeepsTheHalfPreparedConnection) {
+    set(L"FingerprintType", "9");
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    set(L"FingerprintType", "1");
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + path,
+                                        "%D ERROR (%t): Result: " + path + ", success",
+                                        "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+    EXPECT_EQ(1, router.count());
+}
+
+TEST_F(ContentRouterTest, OtherFingerprintTypesStoreAndRestore) {
+    std::string const path = file("a.bin", randomBytes(200000, 6));
+    for (int type = 1; type <= 4; ++type) {
+        set(L"FingerprintType", std::to_string(type));
+        ContentRouter router;
+        EXPECT_EQ(-1, router.upload(wide(path).c_str(), 20 + type));
+        EXPECT_EQ(0, router.errors()) << type;
+        std::string const target = dir_.path() + "/r" + std::to_string(type);
+        ASSERT_EQ(0, Tarnwick::CRFileGet(store_, 20 + type, path, target)) << type;
+        EXPECT_EQ(readFile(path), readFile(target));
+    }
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ContentRouterTest, StoreCredentialsAcceptTheRightPassword) {
+    ASSERT_EQ(0, ::mkdir(store_.c_str(), 0755));
+    // SHA-256 of "secret".
+    writeFile(
+        store_ + "/credentials",
+        "other\tx\nagent\t2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b\n");
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(0, router.errors());
+}
+
+}  // namespace

@@ -129,6 +129,11 @@ TEST(WebServiceBufferTest, ExhaustedStorageEmptiesTheBufferAndReturnsZero) {
     EXPECT_EQ(0u, WebService::data_callback(bytes, 1, 3, nullptr));
 }
 
+// Tests whose body runs in a forked child start their server there: the
+// parent has no thread running when it forks, so that the child inherits no
+// lock held by another thread (the sanitizers' allocators among them) and
+// may start threads of its own.
+
 // ---------------------------------------------------------------- objects
 
 TEST(WebServiceObjectTest, DefaultsAndAccessors) {
@@ -449,10 +454,12 @@ TEST_F(WebServiceTest, HundredMebibyteBodyArrivesWhole) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // A body that memory can't hold: the write function gives up, and libcurl
 // ends the transfer with a write error.
-TEST_F(WebServiceTest, BodyLargerThanMemoryAllowsIsANetworkError) {
-    server.script({HttpReply::large(size_t(100) << 20)});
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceChildTest, BodyLargerThanMemoryAllowsIsANetworkError) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::large(size_t(100) << 20)});
+        const std::string url = server.url();
         rlimit limit{};
         ASSERT_EQ(0, ::getrlimit(RLIMIT_AS, &limit));
         // Room for the program and libcurl, not for the body.
@@ -551,11 +558,13 @@ TEST_F(WebServiceTest, MaxRetryTimeBelowTheFirstWaitAbortsAtOnce) {
               lines[5]);
 }
 
-TEST_F(WebServiceTest, ServiceUnavailableThenTableWaitsTheStartInterval) {
-    server.script({HttpReply::status_only(503, "busy"), HttpReply::status_only(503, "busy"),
-                   HttpReply::ok(kTable)});
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceChildTest, ServiceUnavailableThenTableWaitsTheStartInterval) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::status_only(503, "busy"), HttpReply::status_only(503, "busy"),
+                       HttpReply::ok(kTable)});
+        const std::string url = server.url();
         openSettings({L"--start_wait_interval=1", L"--end_wait_interval=2"});
         LogLines log;
         WebService service;
@@ -577,14 +586,17 @@ TEST_F(WebServiceTest, ServiceUnavailableThenTableWaitsTheStartInterval) {
         EXPECT_EQ(1, log.countPrefix("                 current interval: 2s, current total retry "
                                      "time: "));
         EXPECT_EQ(1, log.countPrefix("%D WARN  (%t): HTTP responsecode was 503, retrying 2 in "));
+        server.stop();
+        EXPECT_EQ(3u, server.requests().size());
     });
-    EXPECT_EQ(3u, server.requests().size());
 }
 
-TEST_F(WebServiceTest, OneServiceUnavailableWaitsBetweenTheIntervalAndTwiceIt) {
-    server.script({HttpReply::status_only(503, "busy"), HttpReply::ok(kTable)});
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceChildTest, OneServiceUnavailableWaitsBetweenTheIntervalAndTwiceIt) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::status_only(503, "busy"), HttpReply::ok(kTable)});
+        const std::string url = server.url();
         openSettings({L"--start_wait_interval=2"});
         LogLines log;
         WebService service;
@@ -608,14 +620,17 @@ TEST_F(WebServiceTest, OneServiceUnavailableWaitsBetweenTheIntervalAndTwiceIt) {
         EXPECT_TRUE(log.has("%D WARN  (%t): HTTP responsecode was 503, retrying 1 in " +
                             std::to_string(wait) + " seconds"));
         EXPECT_EQ(2, set.count());
+        server.stop();
+        EXPECT_EQ(2u, server.requests().size());
     });
-    EXPECT_EQ(2u, server.requests().size());
 }
 
-TEST_F(WebServiceTest, SettingsAreReadAtConstruction) {
-    server.script({HttpReply::status_only(503, "")});
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceChildTest, SettingsAreReadAtConstruction) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        server.script({HttpReply::status_only(503, "")});
+        const std::string url = server.url();
         openSettings({L"--timeout=7", L"--connect_timeout=3", L"--start_wait_interval=4",
                       L"--end_wait_interval=5"});
         LogLines log;
@@ -643,12 +658,14 @@ TEST_F(WebServiceTest, WithoutRetryATransportFailureEndsTheCall) {
     EXPECT_EQ(0, log.countPrefix("%D WARN  (%t): Retrying"));
 }
 
-TEST_F(WebServiceTest, TransportFailuresAreRetriedWithDoublingDelays) {
-    std::vector<HttpReply> replies(10, HttpReply::reset());
-    replies.push_back(HttpReply::ok(kTable));
-    server.script(replies);
-    const std::string url = server.url();
-    inChild([&url]() {
+TEST(WebServiceChildTest, TransportFailuresAreRetriedWithDoublingDelays) {
+    inChild([]() {
+        HttpServer server;
+        ASSERT_TRUE(server.start());
+        std::vector<HttpReply> replies(10, HttpReply::reset());
+        replies.push_back(HttpReply::ok(kTable));
+        server.script(replies);
+        const std::string url = server.url();
         WebService::setBackoffStep(ACE_Time_Value(0, 1000));
         LogLines log;
         WebService service;
@@ -673,8 +690,9 @@ TEST_F(WebServiceTest, TransportFailuresAreRetriedWithDoublingDelays) {
                          "%D WARN  (%t): Retrying webservice call in 256 seconds",
                          "%D WARN  (%t): Retrying webservice call in 512 seconds"}),
                   retries);
+        server.stop();
+        EXPECT_EQ(11u, server.requests().size());
     });
-    EXPECT_EQ(11u, server.requests().size());
 }
 
 // ---------------------------------------------------------------- shutdown

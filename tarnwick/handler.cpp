@@ -99,6 +99,11 @@ Handler::Handler()
       m_in_router(false),
       m_closed(false),
       m_recv_buffer_size(0),
+      m_ahead_begin(0),
+      m_ahead_end(0),
+      m_coalesced(),
+      m_coalesced_begin(0),
+      m_coalesced_end(0),
       m_partial_logged(false),
       m_peer_closed(false),
       m_timer(-1),
@@ -376,7 +381,8 @@ int Handler::handle_timeout(const ACE_Time_Value& now, const void*) {
 }
 
 bool Handler::drained() {
-    return msg_queue()->is_empty() && m_writer == nullptr && m_source_act.size() == 0;
+    return msg_queue()->is_empty() && m_writer == nullptr && m_coalesced_begin == m_coalesced_end &&
+           m_source_act.size() == 0;
 }
 
 uint64_t Handler::diskBytes(ACE_Message_Block* block) {
@@ -391,12 +397,20 @@ uint64_t Handler::diskBytes(ACE_Message_Block* block) {
 // Receiving
 
 int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) {
-    // One buffer for all receives, remade only when the chunk size changes.
-    size_t const chunk_size = static_cast<size_t>(Data_Block_Size);
-    if (m_recv_buffer == nullptr || m_recv_buffer_size < std::max(chunk_size, HEADER_SIZE)) {
-        size_t const size = std::max(chunk_size, HEADER_SIZE);
+    return receive(block, timeout, true);
+}
+
+int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeout,
+                         bool read_socket) {
+    // One buffer of one chunk for all receives. It reads ahead: one receive
+    // may bring many small messages, which later calls take from the buffer
+    // without a system call. It is remade (bigger) only while it holds
+    // nothing.
+    size_t const size = std::max(static_cast<size_t>(Data_Block_Size), HEADER_SIZE);
+    if (m_recv_buffer == nullptr || (m_recv_buffer_size < size && !readAhead())) {
         m_recv_buffer.reset(new (std::nothrow) char[size]);
         m_recv_buffer_size = m_recv_buffer != nullptr ? size : 0;
+        m_ahead_begin = m_ahead_end = 0;
         if (m_recv_buffer == nullptr) {
             errno = ENOMEM;
             return -1;
@@ -404,18 +418,36 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
     }
     char* const buffer = m_recv_buffer.get();
 
-    // The header, completed behind the bytes of earlier calls.
-    int64_t header_read = 0;
-    if (!m_reader.headerComplete()) {
-        if (m_reader.headerBytes() == 0)
-            m_partial_logged = false;
-        size_t const wanted = m_reader.wanted();
-        errno = 0;
-        ssize_t const count = recv_bytes(buffer, wanted, timeout);
-        if (count < 1) {
-            int const error = errno;
-            if (error == EWOULDBLOCK)
-                return count;
+    // Bytes of this message taken in this call.
+    int64_t taken = 0;
+    if (readAhead()) {
+        int const status = feedReadAhead(taken);
+        if (status == 1) {
+            block = m_reader.take();
+            return taken;
+        }
+        if (status == -1)
+            return refused();
+    } else if (m_reader.headerComplete()) {
+        // A header found bad before stays bad.
+        size_t used = 0;
+        if (m_reader.feed(buffer, 0, used) == -1)
+            return refused();
+    }
+    if (!read_socket) {
+        errno = EWOULDBLOCK;
+        return -1;
+    }
+
+    bool const in_header = !m_reader.headerComplete();
+    size_t const wanted = m_reader.wanted();
+    errno = 0;
+    ssize_t const count = recv_bytes(buffer, m_recv_buffer_size, timeout);
+    if (count < 1) {
+        int const error = errno;
+        if (count < 0 && error == EWOULDBLOCK)
+            return -1;
+        if (in_header) {
             if (error != 0 && count != 0)
                 TW_LOG("%D ERROR (%t): Receive error while reading message header (%d bytes): %m\n",
                        static_cast<int>(wanted));
@@ -423,54 +455,42 @@ int64_t Handler::recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout) 
             errno = error;
             return count;
         }
-        header_read = count;
-        size_t used = 0;
-        if (m_reader.feed(buffer, static_cast<size_t>(count), used) == -1)
-            return refused();
-        if (!m_reader.headerComplete()) {
-            errno = EWOULDBLOCK;
-            // Once per message: a peer that sends its header a byte at a
-            // time doesn't get to write a line per byte into our log.
-            if (!m_partial_logged) {
-                m_partial_logged = true;
-                TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
-                       static_cast<int>(m_reader.headerBytes()), static_cast<int>(HEADER_SIZE));
-            }
-            return -1;
-        }
-    } else {
-        // A header found bad before stays bad.
-        size_t used = 0;
-        if (m_reader.feed(buffer, 0, used) == -1)
-            return refused();
+        // A failure inside a payload ends the message like a close.
+        m_reader.reset();
+        errno = error;
+        return 0;
     }
-
-    // At most one chunk of payload per call.
-    ssize_t count = 0;
-    size_t const wanted = m_reader.wanted();
-    if (wanted > 0) {
-        errno = 0;
-        count = recv_bytes(buffer, wanted, timeout);
-        if (count == 0 || (count < 0 && errno != EWOULDBLOCK)) {
-            // A failure inside a payload ends the message like a close.
-            int const error = errno;
-            m_reader.reset();
-            errno = error;
-            return 0;
-        }
-        if (count < 0)
-            return -1;
-    }
-    size_t used = 0;
-    int const status = m_reader.feed(buffer, static_cast<size_t>(count), used);
-    if (status == -1)
-        return -1;
+    m_ahead_begin = 0;
+    m_ahead_end = static_cast<size_t>(count);
+    int const status = feedReadAhead(taken);
     if (status == 1) {
         block = m_reader.take();
-        return count + header_read;
+        return taken;
+    }
+    if (status == -1)
+        return refused();
+    // Once per message: a peer that sends its header a byte at a time
+    // doesn't get to write a line per byte into our log.
+    if (!m_reader.headerComplete() && !m_partial_logged) {
+        m_partial_logged = true;
+        TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
+               static_cast<int>(m_reader.headerBytes()), static_cast<int>(HEADER_SIZE));
     }
     errno = EWOULDBLOCK;
     return -1;
+}
+
+int Handler::feedReadAhead(int64_t& taken) {
+    if (m_reader.headerBytes() == 0)
+        m_partial_logged = false;
+    size_t used = 0;
+    int const status =
+        m_reader.feed(m_recv_buffer.get() + m_ahead_begin, m_ahead_end - m_ahead_begin, used);
+    m_ahead_begin += used;
+    taken += static_cast<int64_t>(used);
+    if (m_ahead_begin == m_ahead_end)
+        m_ahead_begin = m_ahead_end = 0;
+    return status;
 }
 
 int64_t Handler::refused() {
@@ -493,28 +513,34 @@ int Handler::handle_input(ACE_HANDLE) {
     if (m_peer_closed)
         return 0;
 
-    ACE_Message_Block* block = nullptr;
-    int64_t const result = recv(block, nullptr);
-    if (result == -1) {
-        if (errno == EWOULDBLOCK)
-            return 0;
-        TW_LOG("%D ERROR (%t): Peer has failed unexpectedly.\n");
-        return -1;
-    }
-    if (result == 0) {
-        TW_LOG("%D DEBUG (%t): Connection closed by peer.\n");
-        return halfClosed();
-    }
+    // One read from the socket, then every whole message that it brought:
+    // bytes already read are no readiness event, so they are taken now.
+    bool read_socket = true;
+    do {
+        ACE_Message_Block* block = nullptr;
+        int64_t const result = receive(block, nullptr, read_socket);
+        read_socket = false;
+        if (result == -1) {
+            if (errno == EWOULDBLOCK)
+                return 0;
+            TW_LOG("%D ERROR (%t): Peer has failed unexpectedly.\n");
+            return -1;
+        }
+        if (result == 0) {
+            TW_LOG("%D DEBUG (%t): Connection closed by peer.\n");
+            return halfClosed();
+        }
 
-    Message_Block_Guard guard(block);
-    const Message_Header* header = static_cast<Message_Block*>(block)->getHeader();
-    if (header->isResult())
-        m_target_act.remove(header->getACT());
-    else
-        m_source_act.add(header->getACT());
+        Message_Block_Guard guard(block);
+        const Message_Header* header = static_cast<Message_Block*>(block)->getHeader();
+        if (header->isResult())
+            m_target_act.remove(header->getACT());
+        else
+            m_source_act.add(header->getACT());
 
-    if (m_engine != nullptr)
-        m_owner->forward(block);
+        if (m_engine != nullptr)
+            m_owner->forward(block);
+    } while (readAhead() && !m_closed && !m_peer_closed);
     return 0;
 }
 
@@ -674,14 +700,24 @@ int Handler::handle_output(ACE_HANDLE) {
         return -1;
     }
     for (;;) {
-        ACE_Message_Block* block = nullptr;
-        ACE_Time_Value zero(ACE_Time_Value::zero);
-        if (getq(block, &zero) == -1)
-            return m_peer_closed && drained() ? -1 : 0;
         m_socket_full = false;
         uint64_t const sent_before = m_bytes_sent;
-        if (nonblk_put(block) == -1)
-            return -1;
+        // Small whole messages at the head of the queue go out together, in
+        // one write; the bytes on the wire are the same, message after
+        // message. Anything else goes out by send(), chunk by chunk.
+        if (m_coalesced_begin == m_coalesced_end && m_writer == nullptr)
+            gatherSmallMessages();
+        if (m_coalesced_begin < m_coalesced_end) {
+            if (sendCoalesced() == -1)
+                return -1;
+        } else {
+            ACE_Message_Block* block = nullptr;
+            ACE_Time_Value zero(ACE_Time_Value::zero);
+            if (getq(block, &zero) == -1)
+                return m_peer_closed && drained() ? -1 : 0;
+            if (nonblk_put(block) == -1)
+                return -1;
+        }
         if (m_bytes_sent != sent_before)
             m_blocked_since = 0;
         // The socket takes no more for now: its write wake-up comes back
@@ -692,6 +728,78 @@ int Handler::handle_output(ACE_HANDLE) {
             return 0;
         }
     }
+}
+
+void Handler::gatherSmallMessages() {
+    if (m_coalesced == nullptr) {
+        m_coalesced.reset(new (std::nothrow) char[Coalesce_Size]);
+        if (m_coalesced == nullptr)
+            return;  // each message goes out on its own
+    }
+    ACE_Time_Value zero(ACE_Time_Value::zero);
+    size_t end = 0;
+    for (;;) {
+        ACE_Message_Block* head = nullptr;
+        if (msg_queue()->peek_dequeue_head(head, &zero) == -1)
+            break;
+        // Only a message that is wholly in memory, not begun and not the
+        // closing one; the first of any other kind ends the batch.
+        auto* const message = dynamic_cast<Message_Block*>(head);
+        if (message == nullptr || message->getHeader() == nullptr ||
+            head->rd_ptr() != head->base() || head->length() != HEADER_SIZE ||
+            head->data_block()->msg_type() != ACE_Message_Block::MB_DATA ||
+            message->isStoredOnDisk())
+            break;
+        uint64_t const payload = message->getHeader()->getSize();
+        if (payload > Coalesce_Size - HEADER_SIZE || end + HEADER_SIZE + payload > Coalesce_Size)
+            break;
+        Message_Writer writer(head);
+        size_t at = end;
+        const char* data = nullptr;
+        size_t length = 0;
+        int status;
+        while ((status = writer.next(data, length)) == 1 && length <= Coalesce_Size - at) {
+            std::memcpy(m_coalesced.get() + at, data, length);
+            at += length;
+            writer.advance(length);
+        }
+        if (status != 0 || at - end != HEADER_SIZE + payload)
+            break;  // not as announced: send() deals with it on its own
+        end = at;
+        ACE_Message_Block* taken = nullptr;
+        if (getq(taken, &zero) == -1 || taken != head) {
+            // Nothing but this reactor thread takes from the queue.
+            if (taken != nullptr)
+                ungetq(taken, &zero);
+            end -= HEADER_SIZE + static_cast<size_t>(payload);
+            break;
+        }
+        taken->release();
+    }
+    m_coalesced_begin = 0;
+    m_coalesced_end = end;
+}
+
+int Handler::sendCoalesced() {
+    errno = 0;
+    ssize_t const count = send_bytes(m_coalesced.get() + m_coalesced_begin,
+                                     m_coalesced_end - m_coalesced_begin, nullptr);
+    if (count < 1 && !(count < 0 && errno == EWOULDBLOCK))
+        return -1;
+    if (count > 0)
+        m_coalesced_begin += static_cast<size_t>(count);
+    if (m_coalesced_begin == m_coalesced_end) {
+        m_coalesced_begin = m_coalesced_end = 0;
+        return 0;
+    }
+    // The rest waits for the socket's write wake-up.
+    m_socket_full = true;
+    ACE_Reactor* reactor = engineReactor();
+    if (reactor == nullptr || reactor->schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK) == -1) {
+        TW_LOG("%D ERROR (%t): problem while scheduling queue reactivation.\n");
+        return -1;
+    }
+    return 0;
 }
 
 int Handler::forward(ACE_Message_Block* block) {

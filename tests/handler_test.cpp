@@ -414,6 +414,53 @@ TEST(HandlerRecv, BackToBackMessagesComeOneAtATime) {
     EXPECT_TRUE(capture.lines().empty());
 }
 
+TEST(HandlerRecv, BackToBackMessagesTakeOneReadOfTheSocket) {
+    LogCapture capture;
+    Link link;
+    link.write(header(34, 3) + "one" + header(35, 0) + header(36, 5) + "three");
+    ACE_Message_Block* block = nullptr;
+    ASSERT_EQ(receive(link.handler, block), 35);
+    block->release();
+    EXPECT_EQ(link.handler->bytes_received(), 104u);  // all three in one read
+    // The other two come from what was read, with nothing more to read.
+    ACE_Time_Value zero(ACE_Time_Value::zero);
+    ASSERT_EQ(link.handler->recv(block, &zero), 32);
+    EXPECT_EQ(static_cast<Message_Block*>(block)->getHeader()->getACT(), 35u);
+    block->release();
+    ASSERT_EQ(link.handler->recv(block, &zero), 37);
+    EXPECT_EQ(payloadOf(block), "three");
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST(HandlerRecv, ReadAheadOfOneAndAHalfMessages) {
+    LogCapture capture;
+    Link link;
+    std::string const second = header(38, 10) + "0123456789";
+    // The first message and the second cut in its header, then in its
+    // payload: each cut is completed by the next write.
+    for (size_t cut : {size_t(10), size_t(37)}) {
+        uint64_t const before = link.handler->bytes_received();
+        link.write(header(37, 4) + "four" + second.substr(0, cut));
+        ACE_Message_Block* block = nullptr;
+        ASSERT_EQ(receive(link.handler, block), 36);
+        EXPECT_EQ(payloadOf(block), "four");
+        block->release();
+        // One read took the first message and the start of the second.
+        EXPECT_EQ(link.handler->bytes_received() - before, 36u + cut);
+        link.write(second.substr(cut));
+        // The call that ends the message counts all of it: the bytes read
+        // ahead before and those of its own read.
+        ASSERT_EQ(receive(link.handler, block), static_cast<int64_t>(second.size()));
+        EXPECT_EQ(static_cast<Message_Block*>(block)->getHeader()->getACT(), 38u);
+        EXPECT_EQ(payloadOf(block), "0123456789");
+        block->release();
+    }
+    // A header cut by the end of a read ahead is no header sent piecemeal:
+    // nothing to log.
+    EXPECT_TRUE(capture.lines().empty());
+}
+
 TEST(HandlerRecv, ReadsAtMostOneChunkPerCall) {
     ScratchCache cache;
     BlockLimit limit(1024);
@@ -429,13 +476,15 @@ TEST(HandlerRecv, ReadsAtMostOneChunkPerCall) {
     for (; calls < 100; ++calls) {
         errno = 0;
         result = link.handler->recv(block, &wait);
-        EXPECT_LE(link.handler->bytes_received() - before, 32u + 1024u);
+        EXPECT_LE(link.handler->bytes_received() - before, 1024u);
         before = link.handler->bytes_received();
         if (result != -1 || errno != EWOULDBLOCK)
             break;
     }
-    ASSERT_EQ(result, 100);  // the last chunk, no header bytes
-    EXPECT_EQ(calls, 3);     // three full chunks before it
+    // Every call reads one chunk of the stream, header bytes included: three
+    // full ones, then the 32 + 3172 - 3072 bytes left.
+    ASSERT_EQ(result, 132);
+    EXPECT_EQ(calls, 3);
     auto* received = static_cast<Message_Block*>(block);
     EXPECT_TRUE(received->isStoredOnDisk());
     EXPECT_EQ(fileContent(received->getFileName()), payload);
@@ -922,6 +971,62 @@ TEST(HandlerOutput, QueuedMessagesGoOutInOrderChunkByChunk) {
     first->release();
     second->release();
     third->release();
+}
+
+TEST(HandlerOutput, SmallMessagesGoOutTogetherWhateverPiecesTheReaderTakes) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    LogCapture capture;
+    Link link;
+    // Small socket buffers, so that writes end anywhere in a batch; the
+    // handler's socket doesn't block, as in an engine.
+    ASSERT_EQ(link.handler->peer().enable(ACE_NONBLOCK), 0);
+    int small = 4096;
+    link.handler->peer().set_option(SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    link.peer.set_option(SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ACE_Reactor reactor;
+    ASSERT_EQ(reactor.register_handler(link.handler, ACE_Event_Handler::WRITE_MASK), 0);
+
+    // Messages of 0 to 96 bytes, with one spilled payload and one message
+    // larger than a batch among them.
+    std::string expected;
+    std::vector<Message_Block*> blocks;
+    ACE_Time_Value no_wait(ACE_Time_Value::zero);
+    for (uint32_t i = 0; i < 600; ++i) {
+        std::string const payload = i == 300   ? pattern(3000, 'A')
+                                    : i == 450 ? pattern(Handler::Coalesce_Size, 'B')
+                                               : pattern(i % 97);
+        Message_Block* block = message(1000 + i, payload);
+        expected += header(1000 + i, static_cast<uint32_t>(payload.size())) + payload;
+        ASSERT_NE(link.handler->putq(block->duplicate(), &no_wait), -1);
+        blocks.push_back(block);
+    }
+    ASSERT_TRUE(blocks[300]->isStoredOnDisk());
+
+    // The reader takes 1 to 13 bytes at a time while the handler writes.
+    std::string got;
+    size_t piece = 1;
+    while (got.size() < expected.size()) {
+        ACE_Time_Value zero(ACE_Time_Value::zero);
+        reactor.handle_events(zero);
+        char buffer[16];
+        ACE_Time_Value wait(0, 200000);
+        ssize_t const count = link.peer.recv(buffer, piece, &wait);
+        if (count > 0)
+            got.append(buffer, static_cast<size_t>(count));
+        else if (count == 0 || errno != ETIME)
+            break;
+        piece = piece % 13 + 1;
+    }
+    EXPECT_EQ(got.size(), expected.size());
+    EXPECT_TRUE(got == expected) << "the bytes differ from the messages in order";
+    EXPECT_TRUE(link.handler->msg_queue()->is_empty());
+    EXPECT_TRUE(capture.lines().empty());
+
+    reactor.remove_handler(link.handler,
+                           ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL);
+    for (Message_Block* block : blocks)
+        block->release();
 }
 
 TEST(HandlerOutput, CloseAfterSendClosesTheConnectionAfterItsLastByte) {

@@ -45,12 +45,12 @@ public:
 };
 
 // One connected socket carrying whole messages in both directions. It reads
-// a message as a 32-byte header and then its payload, one chunk of
-// Data_Block_Size bytes per call, so that one slow peer never holds up the
-// reactor; it writes messages from an output queue of its own (the task's
-// message queue) in chunks too, so that a payload on disk never has to fit
-// in memory. It keeps who the peer is, how many bytes went each way, when
-// the peer was last heard, and the open completion tokens in each direction.
+// what the socket holds, up to one chunk of Data_Block_Size bytes per call, so
+// that one slow peer never holds up the reactor, and takes the messages in it
+// one by one (a chunk may hold many small ones); it writes messages from an output queue of its own
+// (the task's message queue) in chunks too, so that a payload on disk never has to fit in memory.
+// It keeps who the peer is, how many bytes went each way, when the peer was last heard, and the
+// open completion tokens in each direction.
 //
 // A Handler is reference counted: it is born with one reference, which
 // passes to the router; every Dispatch_Set entry holds its own. Only
@@ -70,10 +70,15 @@ public:
     // one connection's output queue, besides the 524288 bytes in memory. A
     // message always fits into a queue that holds no spilled payload.
     static std::atomic<uint64_t> Output_Disk_Limit;
+    // The most bytes of small messages that go out in one write.
+    static constexpr size_t Coalesce_Size = 65536;
 
     // Reads towards one whole message. Above 0: `block` receives a whole
-    // message (header decoded, read position 0), which the caller releases;
-    // 0: the peer closed; -1 with EWOULDBLOCK: call again; other -1: failure.
+    // message (header decoded, read position 0), which the caller releases,
+    // and the result counts the bytes of it that this call took, whether it
+    // read them now or an earlier call read them ahead; 0: the peer closed;
+    // -1 with EWOULDBLOCK: call again; other -1: failure. Bytes read beyond
+    // the message wait for the next call.
     int64_t recv(ACE_Message_Block*& block, const ACE_Time_Value* timeout);
     // Writes `block` on from where the last call stopped. The result of the
     // last write, 0 with EWOULDBLOCK while bytes remain, or -1 on failure
@@ -243,15 +248,37 @@ private:
     void overflow();
     // Logs why the reader refused the message under way; -1 with its errno.
     int64_t refused();
+    // recv(), with the choice to take only what was read ahead (no system
+    // call when `read_socket` is false).
+    int64_t receive(ACE_Message_Block*& block, const ACE_Time_Value* timeout, bool read_socket);
+    // Gives the reader the bytes read ahead; counts what it took into
+    // `taken`. The reader's result.
+    [[nodiscard]] int feedReadAhead(int64_t& taken);
+    bool readAhead() const { return m_ahead_begin < m_ahead_end; }
+    // Moves the small whole messages at the head of the output queue into
+    // one buffer, as the bytes they are on the wire.
+    void gatherSmallMessages();
+    // Writes what the buffer holds. 0 (m_socket_full when bytes remain), or
+    // -1 on a failure.
+    [[nodiscard]] int sendCoalesced();
     // The spilled payload bytes of `block`, 0 for a payload in memory.
     static uint64_t diskBytes(ACE_Message_Block* block);
 
     // Set by the engine when the router has taken the first reference.
     std::atomic<bool> m_in_router;
     std::atomic<bool> m_closed;
-    // The receive buffer, reused from call to call.
+    // The receive buffer, reused from call to call; the bytes from
+    // m_ahead_begin to m_ahead_end were read and not yet taken.
     std::unique_ptr<char[]> m_recv_buffer;
     size_t m_recv_buffer_size;
+    size_t m_ahead_begin;
+    size_t m_ahead_end;
+    // Small messages taken from the output queue to go out in one write:
+    // m_coalesced_begin to m_coalesced_end are still to be written, before
+    // anything else.
+    std::unique_ptr<char[]> m_coalesced;
+    size_t m_coalesced_begin;
+    size_t m_coalesced_end;
     // "Partial header received" is logged once per message.
     bool m_partial_logged;
     // The peer has closed its sending side; replies still go out.

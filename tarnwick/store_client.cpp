@@ -4,6 +4,7 @@
 #include <tarnwick/path_encoder.h>
 #include <tarnwick/utf8.h>
 
+#include <curl/curl.h>
 #include <openssl/evp.h>
 
 #include <dirent.h>
@@ -180,6 +181,7 @@ const size_t kMinChunk = 16 * 1024;
 const size_t kMaxChunk = 256 * 1024;
 const uint64_t kCutMask = 0xFFFF000000000000ull;
 const int kProtocolNumber = 17904;
+const char kStoreVersion[] = "tarnwick-store 1\n";
 
 struct GearTable {
     uint64_t values[256];
@@ -316,21 +318,221 @@ int atomicWrite(const std::string& root, const std::string& target, const void* 
     return statusOfErrno(error);
 }
 
+std::string chunkKey(int type, const std::string& hex) {
+    return "chunks/" + std::to_string(type) + "/" + hex.substr(0, 2) + "/" + hex;
+}
+
+std::string manifestKey(int dsid, const std::string& path) {
+    return "dsid/" + std::to_string(dsid) + "/files/" + sha256Hex(path) + ".manifest";
+}
+
 struct Connection {
-    std::string root;
+    std::string root;  // a directory store's directory; empty for S3
     int dsid;
     int fptype;
+    int flags;
     bool authenticated;
     std::wstring keyPath;
     std::wstring certPath;
+    // An S3 store: objects at <endpoint>/<bucket>/<prefix>/<key>, spoken
+    // through one reused libcurl handle, signed with SigV4.
+    std::string endpoint;
+    std::string bucket;
+    std::string prefix;
+    std::string login;
+    std::string password;
+    CURL* curl = nullptr;
+    ~Connection() {
+        if (curl != nullptr)
+            curl_easy_cleanup(curl);
+    }
 };
 
-std::string chunkPath(const std::string& root, int type, const std::string& hex) {
-    return root + "/chunks/" + std::to_string(type) + "/" + hex.substr(0, 2) + "/" + hex;
+size_t collectBody(char* data, size_t size, size_t count, void* out) {
+    static_cast<std::string*>(out)->append(data, size * count);
+    return size * count;
 }
 
-std::string manifestPath(const std::string& root, int dsid, const std::string& path) {
-    return root + "/dsid/" + std::to_string(dsid) + "/files/" + sha256Hex(path) + ".manifest";
+std::string urlEscaped(const std::string& text, bool keepSlash) {
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+            c == '-' || c == '.' || c == '_' || c == '~' || (keepSlash && c == '/')) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+std::string objectName(const Connection& c, const std::string& key) {
+    return c.prefix.empty() ? key : c.prefix + "/" + key;
+}
+
+// One S3 request: `method` on the object `key` (or, with `query`, on the
+// bucket). The HTTP status, or -1 with `status` set when there was no answer.
+long s3Request(Connection& c, const char* method, const std::string& key, const std::string& query,
+               const void* body, size_t length, std::string* out, int& status) {
+    std::string url = c.endpoint + "/" + urlEscaped(c.bucket, false);
+    url += query.empty() ? "/" + urlEscaped(objectName(c, key), true) : "?" + query;
+    curl_easy_reset(c.curl);
+    std::string const credentials = c.login + ":" + c.password;
+    curl_easy_setopt(c.curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c.curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(c.curl, CURLOPT_AWS_SIGV4, "aws:amz:us-east-1:s3");
+    curl_easy_setopt(c.curl, CURLOPT_USERPWD, credentials.c_str());
+    curl_easy_setopt(c.curl, CURLOPT_CONNECTTIMEOUT, 30L);
+    curl_easy_setopt(c.curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(c.curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    std::string key8, cert8;
+    if (!c.keyPath.empty() && wcstoutf8(c.keyPath.c_str(), key8) &&
+        ::access(key8.c_str(), R_OK) == 0 && wcstoutf8(c.certPath.c_str(), cert8) &&
+        ::access(cert8.c_str(), R_OK) == 0) {
+        curl_easy_setopt(c.curl, CURLOPT_SSLKEY, key8.c_str());
+        curl_easy_setopt(c.curl, CURLOPT_SSLCERT, cert8.c_str());
+    }
+    struct curl_slist* headers = nullptr;
+    std::string sink;
+    if (std::strcmp(method, "HEAD") == 0) {
+        curl_easy_setopt(c.curl, CURLOPT_NOBODY, 1L);
+    } else if (std::strcmp(method, "PUT") == 0) {
+        headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
+        curl_easy_setopt(c.curl, CURLOPT_CUSTOMREQUEST, "PUT");
+        curl_easy_setopt(c.curl, CURLOPT_POSTFIELDS, body != nullptr ? body : "");
+        curl_easy_setopt(c.curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length));
+    }
+    curl_easy_setopt(c.curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(c.curl, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(c.curl, CURLOPT_WRITEDATA, out != nullptr ? out : &sink);
+    CURLcode const result = curl_easy_perform(c.curl);
+    curl_slist_free_all(headers);
+    if (result != CURLE_OK) {
+        status = result == CURLE_OUT_OF_MEMORY ? CR_E_NOMEM : CR_E_IO;
+        return -1;
+    }
+    long code = 0;
+    curl_easy_getinfo(c.curl, CURLINFO_RESPONSE_CODE, &code);
+    return code;
+}
+
+int statusOfHttp(long code) {
+    if (code == 401 || code == 403)
+        return CR_E_AUTH;
+    if (code == 404)
+        return CR_E_NOENT;
+    if (code == 507)
+        return CR_E_NOSPACE;
+    return CR_E_IO;
+}
+
+// Whether the object `key` of `size` bytes is in the store: 1 yes, 0 no,
+// or -1 with `status`.
+int storeHas(Connection& c, const std::string& key, size_t size, int& status) {
+    if (c.curl == nullptr) {
+        struct stat existing;
+        return ::stat((c.root + "/" + key).c_str(), &existing) == 0 &&
+                       static_cast<size_t>(existing.st_size) == size
+                   ? 1
+                   : 0;
+    }
+    long const code = s3Request(c, "HEAD", key, "", nullptr, 0, nullptr, status);
+    if (code == 200) {
+        curl_off_t length = -1;
+        curl_easy_getinfo(c.curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+        return length == static_cast<curl_off_t>(size) ? 1 : 0;
+    }
+    if (code == 404)
+        return 0;
+    if (code > 0)
+        status = statusOfHttp(code);
+    return -1;
+}
+
+// Stores the object `key` whole; 0 or a status.
+int storePut(Connection& c, const std::string& key, const void* data, size_t length) {
+    if (c.curl == nullptr)
+        return atomicWrite(c.root, c.root + "/" + key, data, length);
+    int status = CR_E_IO;
+    long const code = s3Request(c, "PUT", key, "", data, length, nullptr, status);
+    if (code == 200)
+        return CR_OK;
+    return code > 0 ? statusOfHttp(code) : status;
+}
+
+// Reads the object `key`; 0 or a status.
+int storeGet(Connection& c, const std::string& key, std::string& out) {
+    out.clear();
+    if (c.curl == nullptr) {
+        std::ifstream in(c.root + "/" + key, std::ios::binary);
+        if (!in)
+            return CR_E_NOENT;
+        std::ostringstream text;
+        text << in.rdbuf();
+        out = text.str();
+        return in.bad() ? CR_E_IO : CR_OK;
+    }
+    int status = CR_E_IO;
+    long const code = s3Request(c, "GET", key, "", nullptr, 0, &out, status);
+    if (code == 200)
+        return CR_OK;
+    return code > 0 ? statusOfHttp(code) : status;
+}
+
+// The text of every <Key> element of a listing.
+void listedKeys(const std::string& xml, std::vector<std::string>& keys, std::string& next) {
+    next.clear();
+    for (size_t at = xml.find("<Key>"); at != std::string::npos; at = xml.find("<Key>", at)) {
+        size_t const end = xml.find("</Key>", at);
+        if (end == std::string::npos)
+            break;
+        keys.push_back(xml.substr(at + 5, end - at - 5));
+        at = end;
+    }
+    size_t const token = xml.find("<NextContinuationToken>");
+    if (token != std::string::npos &&
+        xml.find("<IsTruncated>true</IsTruncated>") != std::string::npos) {
+        size_t const end = xml.find("</NextContinuationToken>", token);
+        if (end != std::string::npos)
+            next = xml.substr(token + 23, end - token - 23);
+    }
+}
+
+// The names of the objects below `directory` (a key ending in '/'), relative
+// to it; 0 or a status.
+int storeList(Connection& c, const std::string& directory, std::vector<std::string>& names) {
+    names.clear();
+    if (c.curl == nullptr) {
+        DIR* const dir = ::opendir((c.root + "/" + directory).c_str());
+        if (dir == nullptr)
+            return errno == ENOENT ? CR_OK : statusOfErrno(errno);
+        while (const struct dirent* entry = ::readdir(dir))
+            if (entry->d_name[0] != '.')
+                names.push_back(entry->d_name);
+        ::closedir(dir);
+        return CR_OK;
+    }
+    std::string const prefix = objectName(c, directory);
+    std::string token;
+    do {
+        std::string query = "list-type=2&prefix=" + urlEscaped(prefix, false);
+        if (!token.empty())
+            query += "&continuation-token=" + urlEscaped(token, false);
+        std::string xml;
+        int status = CR_E_IO;
+        long const code = s3Request(c, "GET", "", query, nullptr, 0, &xml, status);
+        if (code != 200)
+            return code > 0 ? statusOfHttp(code) : status;
+        std::vector<std::string> keys;
+        listedKeys(xml, keys, token);
+        for (const std::string& key : keys)
+            if (key.compare(0, prefix.size(), prefix) == 0)
+                names.push_back(key.substr(prefix.size()));
+    } while (!token.empty());
+    return CR_OK;
 }
 
 // A tref: the DSID and context of one upload.
@@ -615,13 +817,53 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
         setStatus(CR_E_INVAL);
         return nullptr;
     }
-    std::string root;
+    int const saved = errno;
+    std::unique_ptr<Connection> connection(new (std::nothrow) Connection());
+    if (!connection) {
+        setStatus(CR_E_NOMEM);
+        return nullptr;
+    }
+    connection->dsid = dsid;
+    connection->fptype = 1;
+    connection->flags = flags;
+    connection->authenticated = false;
     Configuration* const configuration = getConfigSingleton();
     const wchar_t* const url =
         configuration != nullptr ? configuration->asString(L"storeurl") : nullptr;
-    if (url != nullptr && *url != L'\0') {
-        std::string text;
-        if (!wcstoutf8(url, text) || text.compare(0, 8, "file:///") != 0) {
+    std::string text;
+    if (url != nullptr && *url != L'\0' && !wcstoutf8(url, text)) {
+        setStatus(CR_E_URL);
+        return nullptr;
+    }
+    if (text.compare(0, 5, "s3://") == 0) {
+        const wchar_t* const endpoint = configuration->asString(L"storeendpoint");
+        std::string const rest = text.substr(5);
+        size_t const slash = rest.find('/');
+        connection->bucket = rest.substr(0, slash);
+        connection->prefix = slash == std::string::npos ? "" : rest.substr(slash + 1);
+        while (!connection->prefix.empty() && connection->prefix.back() == '/')
+            connection->prefix.pop_back();
+        if (endpoint == nullptr || *endpoint == L'\0' || connection->bucket.empty() ||
+            !wcstoutf8(endpoint, connection->endpoint) ||
+            (connection->endpoint.compare(0, 7, "http://") != 0 &&
+             connection->endpoint.compare(0, 8, "https://") != 0)) {
+            setStatus(CR_E_URL);
+            return nullptr;
+        }
+        while (!connection->endpoint.empty() && connection->endpoint.back() == '/')
+            connection->endpoint.pop_back();
+        connection->curl = curl_easy_init();
+        if (connection->curl == nullptr) {
+            setStatus(CR_E_NOMEM);
+            return nullptr;
+        }
+        // The store's objects are checked when the login is known.
+        errno = saved;
+        return connection.release();
+    }
+    std::string root;
+    if (!text.empty()) {
+        if (text.compare(0, 8, "file:///") != 0) {
             setStatus(CR_E_URL);
             return nullptr;
         }
@@ -642,9 +884,9 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
             return nullptr;
         }
         int status = makeTree(root + "/tmp");
-        static const char kVersion[] = "tarnwick-store 1\n";
         if (status == CR_OK)
-            status = atomicWrite(root, root + "/store.version", kVersion, sizeof kVersion - 1);
+            status =
+                atomicWrite(root, root + "/store.version", kStoreVersion, sizeof kStoreVersion - 1);
         if (status != CR_OK) {
             setStatus(status);
             return nullptr;
@@ -653,16 +895,9 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
         setStatus(status);
         return nullptr;
     }
-    Connection* const connection = new (std::nothrow) Connection();
-    if (connection == nullptr) {
-        setStatus(CR_E_NOMEM);
-        return nullptr;
-    }
     connection->root = root;
-    connection->dsid = dsid;
-    connection->fptype = 1;
-    connection->authenticated = false;
-    return connection;
+    errno = saved;
+    return connection.release();
 }
 
 int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* password) {
@@ -674,8 +909,32 @@ int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* pas
         errno = EACCES;
         return setStatus(CR_E_AUTH);
     }
-    std::string credentials;
     int const saved = errno;
+    if (connection->curl != nullptr) {
+        // S3 signs every request: a store that doesn't know the key refuses
+        // the first look at the store's version object.
+        connection->login = login;
+        connection->password = password;
+        int status = CR_E_IO;
+        int const present =
+            storeHas(*connection, "store.version", sizeof kStoreVersion - 1, status);
+        if (present == 0 && (connection->flags & 1024))
+            status =
+                storePut(*connection, "store.version", kStoreVersion, sizeof kStoreVersion - 1);
+        else if (present == 0)
+            status = CR_E_NOTINIT;
+        else if (present == 1)
+            status = CR_OK;
+        if (status != CR_OK) {
+            if (status == CR_E_AUTH)
+                errno = EACCES;
+            return setStatus(status);
+        }
+        errno = saved;
+        connection->authenticated = true;
+        return setStatus(CR_OK);
+    }
+    std::string credentials;
     if (readWhole(connection->root + "/credentials", credentials)) {
         std::string const wanted = std::string(login) + "\t" + sha256Hex(password);
         std::istringstream lines(credentials);
@@ -825,7 +1084,6 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
     if (!po)
         return setStatus(t_status == CR_E_NOENT ? CR_E_CHANGED : t_status);
 
-    std::string const& root = connection->root;
     std::ostringstream chunks;
     uint64_t written = 0, total = 0;
     std::vector<unsigned char> buffer(kMaxChunk);
@@ -848,11 +1106,13 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         std::string hex;
         if (!hexDigest(md, buffer.data(), cut, hex))
             return setStatus(CR_E_NOMEM);
-        std::string const target = chunkPath(root, connection->fptype, hex);
-        struct stat existing;
-        if (::stat(target.c_str(), &existing) != 0 ||
-            static_cast<size_t>(existing.st_size) != cut) {
-            int const status = atomicWrite(root, target, buffer.data(), cut);
+        std::string const key = chunkKey(connection->fptype, hex);
+        int status = CR_E_IO;
+        int const present = storeHas(*connection, key, cut, status);
+        if (present < 0)
+            return setStatus(status);
+        if (present == 0) {
+            status = storePut(*connection, key, buffer.data(), cut);
             if (status != CR_OK)
                 return setStatus(status);
             written += cut;
@@ -881,15 +1141,14 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
     POStringDestroy(text);
     TRef* const reference = static_cast<TRef*>(tref);
     int const dsid = reference != nullptr ? reference->dsid : connection->dsid;
-    int status =
-        atomicWrite(root, manifestPath(root, dsid, narrow), manifest.data(), manifest.size());
+    int status = storePut(*connection, manifestKey(dsid, narrow), manifest.data(), manifest.size());
     if (status == CR_OK && reference != nullptr) {
         std::string entry = narrow + "\n";
         entry.append(context != nullptr ? context : "", size);
-        status = atomicWrite(root,
-                             root + "/dsid/" + std::to_string(dsid) + "/trefs/" +
-                                 sha256Hex(reference->context) + "/" + sha256Hex(narrow),
-                             entry.data(), entry.size());
+        status = storePut(*connection,
+                          "dsid/" + std::to_string(dsid) + "/trefs/" +
+                              sha256Hex(reference->context) + "/" + sha256Hex(narrow),
+                          entry.data(), entry.size());
     }
     if (status != CR_OK)
         return setStatus(status);
@@ -920,6 +1179,8 @@ int CRSync(CRHandle handle) {
     Connection* const connection = static_cast<Connection*>(handle);
     if (connection == nullptr)
         return setStatus(CR_E_INVAL);
+    if (connection->curl != nullptr)  // an S3 store has its objects once PUT answered
+        return setStatus(CR_OK);
     int const fd = ::open(connection->root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         return setStatus(statusOfErrno(errno));
@@ -934,23 +1195,21 @@ int CRShutdown(CRHandle handle) {
     return setStatus(CR_OK);
 }
 
-const std::string* CRStoreRoot(CRHandle handle) {
-    return handle != nullptr ? &static_cast<Connection*>(handle)->root : nullptr;
-}
-
 // ---- the read side --------------------------------------------------------
 
-int CRFileList(const std::string& storeRoot, int dsid, std::vector<std::string>& paths) {
+int CRFileList(CRHandle handle, int dsid, std::vector<std::string>& paths) {
     paths.clear();
-    std::string const directory = storeRoot + "/dsid/" + std::to_string(dsid) + "/files";
-    DIR* const dir = ::opendir(directory.c_str());
-    if (dir == nullptr)
-        return errno == ENOENT ? CR_OK : statusOfErrno(errno);
-    while (const struct dirent* entry = ::readdir(dir)) {
+    Connection* const c = static_cast<Connection*>(handle);
+    if (c == nullptr)
+        return CR_E_INVAL;
+    std::string const directory = "dsid/" + std::to_string(dsid) + "/files/";
+    std::vector<std::string> names;
+    if (int const status = storeList(*c, directory, names); status != CR_OK)
+        return status;
+    for (const std::string& name : names) {
         std::string manifest;
-        std::string const name = entry->d_name;
         if (name.size() < 9 || name.compare(name.size() - 9, 9, ".manifest") != 0 ||
-            !readWhole(directory + "/" + name, manifest))
+            storeGet(*c, directory + name, manifest) != CR_OK)
             continue;
         std::istringstream lines(manifest);
         std::string magic, record;
@@ -964,16 +1223,17 @@ int CRFileList(const std::string& storeRoot, int dsid, std::vector<std::string>&
         paths.push_back(dirname == "/" ? "/" + std::string(po->basename)
                                        : dirname + "/" + po->basename);
     }
-    ::closedir(dir);
     std::sort(paths.begin(), paths.end());
     return CR_OK;
 }
 
-int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
-              const std::string& target) {
+int CRFileGet(CRHandle handle, int dsid, const std::string& path, const std::string& target) {
+    Connection* const c = static_cast<Connection*>(handle);
+    if (c == nullptr)
+        return CR_E_INVAL;
     std::string manifest;
-    if (!readWhole(manifestPath(storeRoot, dsid, path), manifest))
-        return CR_E_NOENT;
+    if (int const status = storeGet(*c, manifestKey(dsid, path), manifest); status != CR_OK)
+        return status;
     std::istringstream lines(manifest);
     std::string magic, record, typeLine, line;
     std::getline(lines, magic);
@@ -999,7 +1259,7 @@ int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
         size_t const space = line.find(' ');
         std::string chunk, hex;
         if (space == std::string::npos ||
-            !readWhole(chunkPath(storeRoot, type, line.substr(0, space)), chunk) ||
+            storeGet(*c, chunkKey(type, line.substr(0, space)), chunk) != CR_OK ||
             std::to_string(chunk.size()) != line.substr(space + 1) ||
             !hexDigest(digestOf(type), chunk.data(), chunk.size(), hex) ||
             hex != line.substr(0, space)) {
@@ -1032,6 +1292,19 @@ int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
     if (status != CR_OK)
         ::unlink(temporary.c_str());
     return status;
+}
+
+int CRFileList(const std::string& storeRoot, int dsid, std::vector<std::string>& paths) {
+    Connection connection;
+    connection.root = storeRoot;
+    return CRFileList(&connection, dsid, paths);
+}
+
+int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
+              const std::string& target) {
+    Connection connection;
+    connection.root = storeRoot;
+    return CRFileGet(&connection, dsid, path, target);
 }
 
 }  // namespace Tarnwick

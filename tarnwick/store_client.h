@@ -102,10 +102,11 @@ int CRShutdown(CRHandle handle);
 
 // The read side: the stored paths of a DSID (sorted), and one file restored
 // to `target` with its content, mode and times. 0, or a status.
+int CRFileList(CRHandle handle, int dsid, std::vector<std::string>& paths);
+int CRFileGet(CRHandle handle, int dsid, const std::string& path, const std::string& target);
+// The same on a directory store, by its directory.
 int CRFileList(const std::string& storeRoot, int dsid, std::vector<std::string>& paths);
 int CRFileGet(const std::string& storeRoot, int dsid, const std::string& path,
               const std::string& target);
-// The store root directory of a connection.
-const std::string* CRStoreRoot(CRHandle handle);
 
 }  // namespace Tarnwick

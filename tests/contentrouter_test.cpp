@@ -8,6 +8,7 @@
 
 #include "../tarnwick/store_client.h"
 #include "log_capture.h"
+#include "s3_server.h"
 #include "scratch_dir.h"
 
 #include <gtest/gtest.h>
@@ -75,8 +76,9 @@ uint64_t treeBytes(const std::string& path) {
     return total;
 }
 
-const wchar_t* const kSettings[] = {L"rtdir",  L"storagepoolid",   L"login",
-                                    L"passwd", L"FingerprintType", L"storeurl"};
+const wchar_t* const kSettings[] = {L"rtdir",        L"storagepoolid",   L"login",
+                                    L"passwd",       L"FingerprintType", L"storeurl",
+                                    L"storeendpoint"};
 
 // A scratch installation: the Agent's registry entry and configuration file
 // with a key directory, a runtime directory, and the settings of the upload.
@@ -432,6 +434,127 @@ TEST_F(ContentRouterTest, StoreCredentialsAcceptTheRightPassword) {
     EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
     EXPECT_EQ(1, router.count());
     EXPECT_EQ(0, router.errors());
+}
+
+}  // namespace
+
+namespace {
+
+// The same installation with an S3 store on a server of the test's own.
+class ContentRouterS3Test : public ContentRouterTest {
+protected:
+    void SetUp() override {
+        ContentRouterTest::SetUp();
+        ASSERT_FALSE(server_.endpoint().empty());
+        set(L"storeurl", "s3://backup/agents/one");
+        set(L"storeendpoint", server_.endpoint());
+    }
+
+    // A connection of the test's own, for the read side.
+    struct Store {
+        void* handle;
+        ~Store() {
+            if (handle != nullptr)
+                (void)Tarnwick::CRShutdown(handle);
+        }
+    };
+    void* open(int dsid) {
+        void* const handle = Tarnwick::CRInit(L"unused", wide(dir_.path()).c_str(), dsid, 1 | 1024,
+                                              "6.1.0.0", 17904);
+        if (handle != nullptr && Tarnwick::CRAuthenticate(handle, dsid, "agent", "secret") != 0) {
+            (void)Tarnwick::CRShutdown(handle);
+            return nullptr;
+        }
+        return handle;
+    }
+
+    TarnwickTest::S3Server server_{"backup", "agent", "secret"};
+};
+
+TEST_F(ContentRouterS3Test, TreeRoundTripsAndASecondUploadSendsAlmostNothing) {
+    ASSERT_EQ(0, ::mkdir((data_ + "/sub").c_str(), 0755));
+    std::vector<std::string> files = {file("big.bin", randomBytes(3 * 1024 * 1024 + 5, 7)),
+                                      file("empty", ""), file("sub/small.txt", "small\n")};
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 30));
+    EXPECT_EQ(3, router.count());
+    EXPECT_EQ(0, router.errors());
+    uint64_t const first = server_.bytesReceived();
+    EXPECT_GE(first, 3u * 1024 * 1024);
+    EXPECT_EQ(0, server_.refused());
+
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 30));
+    uint64_t const second = server_.bytesReceived() - first;
+    EXPECT_GT(second, 0u);
+    EXPECT_LE(second, first / 100);
+
+    Store store{open(30)};
+    ASSERT_NE(nullptr, store.handle);
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store.handle, 30, paths));
+    std::sort(files.begin(), files.end());
+    ASSERT_EQ(files, paths);
+    int n = 0;
+    for (const std::string& path : paths) {
+        std::string const target = dir_.path() + "/restored" + std::to_string(n++);
+        ASSERT_EQ(0, Tarnwick::CRFileGet(store.handle, 30, path, target)) << path;
+        EXPECT_EQ(readFile(path), readFile(target)) << path;
+    }
+}
+
+TEST_F(ContentRouterS3Test, AWrongSecretIsRefused) {
+    set(L"passwd", "not the secret");
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 31));
+    EXPECT_EQ(std::vector<std::string>{"%D ERROR (%t): Authentication failed.: Permission denied"},
+              capture.lines());
+    EXPECT_GT(server_.refused(), 0);
+}
+
+TEST_F(ContentRouterS3Test, AServerErrorFailsOneFileAndARepeatCompletesIt) {
+    std::string const path = file("a.bin", randomBytes(200000, 8));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(file("first", "1")).c_str(), 32));
+    server_.failPuts(1, 503);
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 32));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + path,
+                  "%D ERROR (%t): Can not upload file: " + path + ", input/output error"}),
+              capture.lines());
+    EXPECT_EQ(1, router.errors());
+    EXPECT_EQ(1u, server_.objectCount("agents/one/dsid/32/files/"));
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 32));
+    EXPECT_EQ(1, router.errors());
+    EXPECT_EQ(3, router.count());
+    EXPECT_EQ(2u, server_.objectCount("agents/one/dsid/32/files/"));
+    Store store{open(32)};
+    ASSERT_NE(nullptr, store.handle);
+    std::string const target = dir_.path() + "/restored";
+    ASSERT_EQ(0, Tarnwick::CRFileGet(store.handle, 32, path, target));
+    EXPECT_EQ(readFile(path), readFile(target));
+}
+
+TEST_F(ContentRouterS3Test, ACutConnectionFailsOneFileAndARepeatCompletesIt) {
+    std::string const path = file("a.bin", randomBytes(200000, 9));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(file("first", "1")).c_str(), 33));
+    // A request cut on a reused connection is sent once more on a fresh
+    // one; both are cut here.
+    server_.failPuts(2, 0);
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 33));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + path,
+                  "%D ERROR (%t): Can not upload file: " + path + ", input/output error"}),
+              capture.lines());
+    EXPECT_EQ(1, router.errors());
+    EXPECT_EQ(1u, server_.objectCount("agents/one/dsid/33/files/"));
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 33));
+    EXPECT_EQ(1, router.errors());
+    EXPECT_EQ(2u, server_.objectCount("agents/one/dsid/33/files/"));
 }
 
 }  // namespace

@@ -1,0 +1,350 @@
+#include "s3_server.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+namespace TarnwickTest {
+
+namespace {
+
+std::string hex(const unsigned char* data, size_t size) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < size; ++i) {
+        out += digits[data[i] >> 4];
+        out += digits[data[i] & 15];
+    }
+    return out;
+}
+
+std::string sha256Hex(const std::string& data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EVP_Digest(data.data(), data.size(), digest, &size, EVP_sha256(), nullptr);
+    return hex(digest, size);
+}
+
+std::string hmac(const std::string& key, const std::string& data) {
+    unsigned char out[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+         reinterpret_cast<const unsigned char*>(data.data()), data.size(), out, &size);
+    return std::string(reinterpret_cast<char*>(out), size);
+}
+
+std::string urlDecode(const std::string& text) {
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size()) {
+            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+std::string xmlEscape(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '&')
+            out += "&amp;";
+        else if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else
+            out += c;
+    }
+    return out;
+}
+
+std::string trim(const std::string& text) {
+    size_t const b = text.find_first_not_of(" \t");
+    size_t const e = text.find_last_not_of(" \t\r");
+    return b == std::string::npos ? std::string() : text.substr(b, e - b + 1);
+}
+
+bool sendAll(int fd, const std::string& data) {
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t const n = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::string reply(int status, const std::string& body, bool head = false, size_t length = 0) {
+    const char* const reason = status == 200   ? "OK"
+                               : status == 403 ? "Forbidden"
+                               : status == 404 ? "Not Found"
+                                               : "Error";
+    std::ostringstream out;
+    out << "HTTP/1.1 " << status << " " << reason
+        << "\r\nContent-Length: " << (head ? length : body.size())
+        << "\r\nContent-Type: application/xml\r\n\r\n";
+    if (!head)
+        out << body;
+    return out.str();
+}
+
+}  // namespace
+
+S3Server::S3Server(const std::string& bucket, const std::string& access, const std::string& secret)
+    : m_bucket(bucket),
+      m_access(access),
+      m_secret(secret),
+      m_listen(-1),
+      m_port(0),
+      m_stopping(false),
+      m_received(0),
+      m_refused(0),
+      m_failCount(0),
+      m_failStatus(0) {
+    m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (m_listen < 0 ||
+        ::bind(m_listen, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(m_listen, 16) != 0 ||
+        ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (m_listen >= 0)
+            ::close(m_listen);
+        m_listen = -1;
+        return;
+    }
+    m_port = ntohs(address.sin_port);
+    m_acceptor = std::thread(&S3Server::acceptLoop, this);
+}
+
+S3Server::~S3Server() {
+    m_stopping = true;
+    if (m_acceptor.joinable())
+        m_acceptor.join();
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (int fd : m_clients)
+            ::shutdown(fd, SHUT_RDWR);
+    }
+    for (std::thread& thread : m_threads)
+        thread.join();
+    for (int fd : m_clients)
+        ::close(fd);
+    if (m_listen >= 0)
+        ::close(m_listen);
+}
+
+std::string S3Server::endpoint() const {
+    return m_listen < 0 ? std::string() : "http://127.0.0.1:" + std::to_string(m_port);
+}
+
+void S3Server::failPuts(int count, int status) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_failCount = count;
+    m_failStatus = status;
+}
+
+size_t S3Server::objectCount(const std::string& prefix) const {
+    std::lock_guard<std::mutex> guard(m_lock);
+    size_t count = 0;
+    for (const auto& object : m_objects)
+        count += object.first.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    return count;
+}
+
+void S3Server::acceptLoop() {
+    while (!m_stopping) {
+        pollfd waiting{m_listen, POLLIN, 0};
+        if (::poll(&waiting, 1, 50) <= 0)
+            continue;
+        int const fd = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0)
+            continue;
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_clients.push_back(fd);
+        m_threads.emplace_back(&S3Server::serve, this, fd);
+    }
+}
+
+bool S3Server::signatureValid(const std::string& method, const std::string& target,
+                              const std::map<std::string, std::string>& headers,
+                              const std::string& body) const {
+    auto const found = headers.find("authorization");
+    auto const date = headers.find("x-amz-date");
+    if (found == headers.end() || date == headers.end())
+        return false;
+    std::string const& text = found->second;
+    std::string const prefix = "AWS4-HMAC-SHA256 Credential=" + m_access + "/";
+    size_t const signedAt = text.find("SignedHeaders=");
+    size_t const signatureAt = text.find("Signature=");
+    if (text.compare(0, prefix.size(), prefix) != 0 || signedAt == std::string::npos ||
+        signatureAt == std::string::npos)
+        return false;
+    std::string const scope =
+        text.substr(prefix.size(), text.find(',', prefix.size()) - prefix.size());
+    std::string const signedHeaders =
+        text.substr(signedAt + 14, text.find(',', signedAt) - signedAt - 14);
+    std::string const signature = trim(text.substr(signatureAt + 10));
+    // The canonical request.
+    size_t const question = target.find('?');
+    std::string const path = target.substr(0, question);
+    std::vector<std::string> parameters;
+    if (question != std::string::npos) {
+        std::string query = target.substr(question + 1);
+        std::istringstream parts(query);
+        std::string part;
+        while (std::getline(parts, part, '&'))
+            parameters.push_back(part.find('=') == std::string::npos ? part + "=" : part);
+        std::sort(parameters.begin(), parameters.end());
+    }
+    std::string canonicalQuery;
+    for (const std::string& parameter : parameters)
+        canonicalQuery += (canonicalQuery.empty() ? "" : "&") + parameter;
+    std::string canonicalHeaders;
+    std::istringstream names(signedHeaders);
+    std::string name;
+    while (std::getline(names, name, ';')) {
+        auto const header = headers.find(name);
+        if (header == headers.end())
+            return false;
+        canonicalHeaders += name + ":" + trim(header->second) + "\n";
+    }
+    auto const payload = headers.find("x-amz-content-sha256");
+    std::string const payloadHash = payload != headers.end() ? payload->second : sha256Hex(body);
+    if (payload != headers.end() && payload->second != "UNSIGNED-PAYLOAD" &&
+        payload->second != sha256Hex(body))
+        return false;
+    std::string const canonical = method + "\n" + path + "\n" + canonicalQuery + "\n" +
+                                  canonicalHeaders + "\n" + signedHeaders + "\n" + payloadHash;
+    std::string const toSign =
+        "AWS4-HMAC-SHA256\n" + date->second + "\n" + scope + "\n" + sha256Hex(canonical);
+    std::vector<std::string> parts;
+    std::istringstream scopeParts(scope);
+    std::string part;
+    while (std::getline(scopeParts, part, '/'))
+        parts.push_back(part);
+    if (parts.size() != 4)
+        return false;
+    std::string key = hmac("AWS4" + m_secret, parts[0]);
+    key = hmac(key, parts[1]);
+    key = hmac(key, parts[2]);
+    key = hmac(key, parts[3]);
+    std::string const expected = hmac(key, toSign);
+    return hex(reinterpret_cast<const unsigned char*>(expected.data()), expected.size()) ==
+           signature;
+}
+
+void S3Server::serve(int fd) {
+    // Whatever ends the exchange ends the connection; the descriptor is
+    // closed by the destructor, so that it can't be reused meanwhile.
+    struct Ender {
+        int fd;
+        ~Ender() { ::shutdown(fd, SHUT_RDWR); }
+    } ender{fd};
+    std::string buffer;
+    char chunk[65536];
+    for (;;) {
+        size_t headEnd;
+        while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
+            ssize_t const n = ::recv(fd, chunk, sizeof chunk, 0);
+            if (n <= 0)
+                return;
+            m_received += static_cast<uint64_t>(n);
+            buffer.append(chunk, static_cast<size_t>(n));
+        }
+        std::istringstream head(buffer.substr(0, headEnd));
+        std::string line, method, target;
+        std::getline(head, line);
+        std::istringstream(line) >> method >> target;
+        std::map<std::string, std::string> headers;
+        while (std::getline(head, line)) {
+            size_t const colon = line.find(':');
+            if (colon == std::string::npos)
+                continue;
+            std::string headerName = line.substr(0, colon);
+            std::transform(headerName.begin(), headerName.end(), headerName.begin(), ::tolower);
+            headers[headerName] = trim(line.substr(colon + 1));
+        }
+        size_t const length =
+            headers.count("content-length") ? std::stoul(headers["content-length"]) : 0;
+        buffer.erase(0, headEnd + 4);
+        while (buffer.size() < length) {
+            ssize_t const n = ::recv(fd, chunk, sizeof chunk, 0);
+            if (n <= 0)
+                return;
+            m_received += static_cast<uint64_t>(n);
+            buffer.append(chunk, static_cast<size_t>(n));
+        }
+        std::string const body = buffer.substr(0, length);
+        buffer.erase(0, length);
+
+        std::string answer;
+        std::string const bucketPath = "/" + m_bucket;
+        size_t const question = target.find('?');
+        std::string const path = target.substr(0, question);
+        if (!signatureValid(method, target, headers, body)) {
+            ++m_refused;
+            answer =
+                reply(403, "<Error><Code>SignatureDoesNotMatch</Code></Error>", method == "HEAD");
+        } else if ((path == bucketPath || path == bucketPath + "/") && method == "GET") {
+            std::string prefix;
+            std::istringstream parts(question == std::string::npos ? ""
+                                                                   : target.substr(question + 1));
+            std::string part;
+            while (std::getline(parts, part, '&'))
+                if (part.compare(0, 7, "prefix=") == 0)
+                    prefix = urlDecode(part.substr(7));
+            std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><ListBucketResult><Name>" +
+                              m_bucket + "</Name><IsTruncated>false</IsTruncated>";
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                for (const auto& object : m_objects)
+                    if (object.first.compare(0, prefix.size(), prefix) == 0)
+                        xml += "<Contents><Key>" + xmlEscape(object.first) + "</Key><Size>" +
+                               std::to_string(object.second.size()) + "</Size></Contents>";
+            }
+            answer = reply(200, xml + "</ListBucketResult>");
+        } else if (path.compare(0, bucketPath.size() + 1, bucketPath + "/") == 0) {
+            std::string const key = urlDecode(path.substr(bucketPath.size() + 1));
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (method == "PUT") {
+                if (m_failCount > 0) {
+                    --m_failCount;
+                    if (m_failStatus == 0)
+                        return;  // cut: the connection ends without an answer
+                    answer = reply(m_failStatus, "<Error><Code>ServiceUnavailable</Code></Error>");
+                } else {
+                    m_objects[key] = body;
+                    answer = reply(200, "");
+                }
+            } else {
+                auto const found = m_objects.find(key);
+                if (found == m_objects.end())
+                    answer = reply(404, "<Error><Code>NoSuchKey</Code></Error>", method == "HEAD");
+                else
+                    answer = reply(200, found->second, method == "HEAD", found->second.size());
+            }
+        } else {
+            answer = reply(404, "<Error><Code>NoSuchBucket</Code></Error>", method == "HEAD");
+        }
+        if (!sendAll(fd, answer))
+            return;
+    }
+}
+
+}  // namespace TarnwickTest

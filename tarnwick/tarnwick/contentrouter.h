@@ -11,7 +11,7 @@ namespace Tarnwick {
 // One connection to the store, made by the first upload and reused by the
 // following ones with the same DSID; a different DSID replaces it. The
 // connection reads the settings "rtdir", "storagepoolid", "login", "passwd",
-// "FingerprintType" and "storeurl", and the key directory ("KeyDir" of
+// "FingerprintType", "storeurl" and "storeendpoint", and the key directory ("KeyDir" of
 // "[Paths]") of the Agent's configuration file. An object belongs to one
 // thread at a time; nothing here throws.
 class TARNWICK_EXPORT ContentRouter {

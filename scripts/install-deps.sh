@@ -16,6 +16,8 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     # tools used by tests: capabilities (setcap/getcap), ps/pgrep, file(1)
     libcap2-bin procps file
+    # systemd-analyze, which checks the unit file that a service installs
+    systemd
 )
 
 # Prints the packages of the arguments that are not installed.

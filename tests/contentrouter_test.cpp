@@ -17,6 +17,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <random>
@@ -270,6 +272,31 @@ TEST_F(ContentRouterTest, TreeRoundTripsByteForByteWithModesAndTimes) {
         EXPECT_EQ(original.st_mtim.tv_sec, restored.st_mtim.tv_sec) << path;
         EXPECT_EQ(original.st_mtim.tv_nsec, restored.st_mtim.tv_nsec) << path;
     }
+}
+
+TEST_F(ContentRouterTest, NothingHalfWrittenStaysInTheStore) {
+    file("a.bin", randomBytes(600000, 10));
+    file("b.txt", "b");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 13));
+    EXPECT_EQ(0, router.errors());
+    EXPECT_EQ(0, TarnwickTest::countEntries(store_ + "/tmp"));
+}
+
+TEST_F(ContentRouterTest, AFifoInATreeIsPassedOverWithoutAnError) {
+    std::string const fifo = data_ + "/fifo";
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    std::string const a = file("a.txt", "a");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 14));
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(0, router.errors());
+    std::vector<std::string> const lines = capture.lines();
+    auto const at = std::find(lines.begin(), lines.end(), "%D DEBUG (%t): Uploading " + fifo);
+    ASSERT_NE(lines.end(), at);
+    ASSERT_NE(lines.end(), at + 1);
+    EXPECT_EQ("%D ERROR (%t): File Type not supported.", *(at + 1));
 }
 
 TEST_F(ContentRouterTest, SecondUploadWritesNothingAndAChangeWritesLittle) {

@@ -283,6 +283,24 @@ TEST_F(ContentRouterTest, NothingHalfWrittenStaysInTheStore) {
     EXPECT_EQ(0, TarnwickTest::countEntries(store_ + "/tmp"));
 }
 
+// A file whose content doesn't match what stat told when the read began
+// (/proc files tell the size 0 and hold text) isn't recorded.
+TEST_F(ContentRouterTest, AFileThatChangesWhileItIsReadFails) {
+    std::string const path = "/proc/self/status";
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 15));
+    EXPECT_EQ((std::vector<std::string>{"%D DEBUG (%t): Uploading " + path,
+                                        "%D ERROR (%t): Can not upload file: " + path +
+                                            ", file changed while it was read"}),
+              capture.lines());
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(1, router.errors());
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 15, paths));
+    EXPECT_TRUE(paths.empty());
+}
+
 TEST_F(ContentRouterTest, AFifoInATreeIsPassedOverWithoutAnError) {
     std::string const fifo = data_ + "/fifo";
     ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));

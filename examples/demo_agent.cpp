@@ -15,6 +15,18 @@
 // SIGINT or SIGTERM stop it: the engine shuts down, which closes every
 // connection, and the program ends with status 0.
 //
+// It is a DaemonApplication, so one binary also hosts itself under systemd:
+//   demo_agent --install -c /etc/demo_agent.conf   writes demo_agent.service
+//                  (into $TARNWICK_SYSTEMD_UNIT_DIR, else /etc/systemd/system)
+//                  and enables it; the unit runs the agent with that file
+//   demo_agent --start | --stop | --restart | --check | --isinstalled |
+//              --remove                            the other service actions
+//   demo_agent --debug ...                         runs in the foreground
+// Without an action it runs as the service and tells systemd when it is
+// ready. SIGHUP reloads the configuration file and logs each setting of the
+// agent that changed ("Setting port changed from 7000 to 7001"); a new port
+// or thread count takes effect at the next start.
+//
 // Usage:
 //   demo_agent --port=PORT --keydir=DIR [--nossl] [--threads=N] [--agentid=ID]
 //              [--portfile=PATH] [--root=DIR]
@@ -58,6 +70,7 @@
 #include <tarnwick/event_factory.h>
 #include <tarnwick/identity.h>
 #include <tarnwick/log.h>
+#include <tarnwick/pidfile.h>
 #include <tarnwick/router.h>
 #include <tarnwick/security.h>
 
@@ -401,13 +414,52 @@ u_short freePort() {
     return local.get_port_number();
 }
 
-class DemoAgent : public Tarnwick::Application {
+// Reloads the configuration on SIGHUP and logs what changed among the
+// agent's own settings.
+class SettingsTask : public Tarnwick::Task {
+public:
+    const wchar_t* name() override { return L"settings"; }
+    int reload() override {
+        Tarnwick::Configuration* config = Tarnwick::getConfigSingleton();
+        std::vector<std::string> const before = values();
+        if (config->reload() == -1) {
+            TW_LOG("%D ERROR (%t): Can not reload the configuration\n");
+            return -1;
+        }
+        std::vector<std::string> const after = values();
+        for (size_t i = 0; i < kKeys.size(); ++i) {
+            if (before[i] != after[i])
+                TW_LOG("%D INFO  (%t): Setting %C changed from %C to %C\n",
+                       narrow(kKeys[i]).c_str(), before[i].c_str(), after[i].c_str());
+        }
+        TW_LOG("%D INFO  (%t): Configuration reloaded\n");
+        return 0;
+    }
+
+private:
+    const std::vector<const wchar_t*> kKeys{L"port", L"threads", L"agentid", L"root"};
+
+    std::vector<std::string> values() {
+        std::vector<std::string> out;
+        for (const wchar_t* key : kKeys) {
+            const wchar_t* const value = Tarnwick::getConfigSingleton()->asString(key);
+            out.push_back(value != nullptr ? "'" + narrow(value) + "'" : "(none)");
+        }
+        return out;
+    }
+};
+
+class DemoAgent : public Tarnwick::DaemonApplication {
 public:
     DemoAgent() {
         Tarnwick::getConfigSingleton()->import(AGENT_SETTINGS);
         // keydir and nossl.
         Tarnwick::Security::initSecurityOptions();
+        register_task(new SettingsTask(), 1);
     }
+
+    // A stop marks the program stopped and closes its tasks.
+    int close() override { return Application::close(); }
 
     const wchar_t* name() override { return L"demo_agent"; }
     const wchar_t* description() override { return L"Tarnwick demo agent"; }
@@ -416,6 +468,9 @@ public:
     }
 
     int main() override {
+        // The reload task (SIGHUP) and the settings task.
+        if (start_all_tasks() == -1)
+            return 1;
         Tarnwick::Configuration* config = Tarnwick::getConfigSingleton();
         int port = -1;
         int threads = 2;

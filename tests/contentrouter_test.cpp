@@ -108,8 +108,10 @@ protected:
         store_ = dir_.path() + "/store";
         set(L"rtdir", dir_.path() + "/rt");
         set(L"storagepoolid", "3");
-        set(L"login", "agent");
-        set(L"passwd", "secret");
+        if (setCredentials_) {
+            set(L"login", "agent");
+            set(L"passwd", "secret");
+        }
         set(L"FingerprintType", "1");
         set(L"storeurl", "file://" + store_);
         data_ = dir_.path() + "/data";
@@ -130,6 +132,7 @@ protected:
 
     std::string chunkDir() const { return store_ + "/chunks"; }
 
+    bool setCredentials_ = true;
     ScratchDir dir_{"contentrouter"};
     std::string registry_, agentConfig_, store_, data_;
 };
@@ -600,6 +603,40 @@ TEST_F(ContentRouterS3Test, ACutConnectionFailsOneFileAndARepeatCompletesIt) {
     EXPECT_EQ(-1, router.upload(wide(path).c_str(), 33));
     EXPECT_EQ(1, router.errors());
     EXPECT_EQ(2u, server_.objectCount("agents/one/dsid/33/files/"));
+}
+
+}  // namespace
+
+namespace {
+
+// An installation where nothing gave a login. Settings can't be made absent
+// again once given, so this runs only in a process where no other test gave
+// one (ctest runs each test alone).
+class ContentRouterNoLoginTest : public ContentRouterTest {
+protected:
+    ContentRouterNoLoginTest() { setCredentials_ = false; }
+};
+
+TEST_F(ContentRouterNoLoginTest, MissingLoginIsLoggedAndKeepsTheConnection) {
+    if (Tarnwick::getConfigSingleton()->hasKey(L"login"))
+        GTEST_SKIP() << "another test of this process gave a login";
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    LogCapture capture;
+    errno = 0;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{"%D WARN  (%t): Can not find 'login' in configuration",
+                                        "%D ERROR (%t): Authentication failure: login not set."}),
+              capture.lines());
+    // The half-prepared connection stays: the next upload with this DSID
+    // goes on with it, without authenticating.
+    capture.clear();
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 7));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + path,
+                  "%D ERROR (%t): Can not upload file: " + path + ", authentication refused"}),
+              capture.lines());
+    EXPECT_EQ(1, router.errors());
 }
 
 }  // namespace

@@ -25,6 +25,7 @@
 #include <mutex>
 #include <new>
 #include <random>
+#include <set>
 #include <sstream>
 
 namespace Tarnwick {
@@ -287,36 +288,84 @@ bool fullWrite(int fd, const void* data, size_t length) {
 
 // Writes `data` to `target` through a unique name in `<root>/tmp`, flushed
 // before the rename, so that nobody sees half of it. 0 or a status.
-int atomicWrite(const std::string& root, const std::string& target, const void* data,
-                size_t length) {
+// Writes `data` to a new unique name in `<root>/tmp`, flushed to the disk
+// when `flush`. 0 or a status; `temporary` names the file on success.
+int writeTemporary(const std::string& root, const void* data, size_t length, bool flush,
+                   std::string& temporary) {
     static std::atomic<unsigned> counter(0);
     char name[96];
     std::snprintf(name, sizeof name, "/tmp/w.%ld.%u.%u", static_cast<long>(::getpid()),
                   static_cast<unsigned>(std::random_device()()), counter.fetch_add(1));
-    std::string const temporary = root + name;
+    temporary = root + name;
     int const fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0)
         return statusOfErrno(errno);
-    bool ok = fullWrite(fd, data, length) && ::fsync(fd) == 0;
+    bool ok = fullWrite(fd, data, length) && (!flush || ::fsync(fd) == 0);
     int error = errno;
     if (::close(fd) != 0 && ok) {
         ok = false;
         error = errno;
     }
-    if (ok) {
-        size_t const slash = target.rfind('/');
-        int const status = makeTree(target.substr(0, slash));
-        if (status != CR_OK) {
-            ::unlink(temporary.c_str());
-            return status;
-        }
-        if (::rename(temporary.c_str(), target.c_str()) == 0)
-            return CR_OK;
-        error = errno;
-    }
+    if (ok)
+        return CR_OK;
     ::unlink(temporary.c_str());
     return statusOfErrno(error);
 }
+
+// Gives the written file `temporary` its place `target`; on failure it is
+// removed. 0 or a status.
+int moveIntoPlace(const std::string& temporary, const std::string& target) {
+    size_t const slash = target.rfind('/');
+    int status = makeTree(target.substr(0, slash));
+    if (status == CR_OK && ::rename(temporary.c_str(), target.c_str()) != 0)
+        status = statusOfErrno(errno);
+    if (status != CR_OK)
+        ::unlink(temporary.c_str());
+    return status;
+}
+
+// Writes `data` to `target` through a unique name in `<root>/tmp`, flushed
+// before the rename, so that nobody sees half of it. 0 or a status.
+int atomicWrite(const std::string& root, const std::string& target, const void* data,
+                size_t length) {
+    std::string temporary;
+    int const status = writeTemporary(root, data, length, true, temporary);
+    return status != CR_OK ? status : moveIntoPlace(temporary, target);
+}
+
+// Chunks of one file written to temporary names and not yet flushed: one
+// syncfs(2) flushes them all before they take their places, instead of one
+// fsync each. What is left at destruction is removed.
+struct PendingChunks {
+    std::vector<std::pair<std::string, std::string>> files;  // temporary, target
+    std::set<std::string> targets;
+    PendingChunks() = default;
+    PendingChunks(const PendingChunks&) = delete;
+    PendingChunks& operator=(const PendingChunks&) = delete;
+    ~PendingChunks() {
+        for (const auto& file : files)
+            ::unlink(file.first.c_str());
+    }
+    int commit(const std::string& root) {
+        if (files.empty())
+            return CR_OK;
+        int const fd = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0)
+            return statusOfErrno(errno);
+        int const result = ::syncfs(fd);
+        int const error = errno;
+        ::close(fd);
+        if (result != 0)
+            return statusOfErrno(error);
+        while (!files.empty()) {
+            int const status = moveIntoPlace(files.back().first, files.back().second);
+            files.pop_back();
+            if (status != CR_OK)
+                return status;
+        }
+        return CR_OK;
+    }
+};
 
 std::string chunkKey(int type, const std::string& hex) {
     return "chunks/" + std::to_string(type) + "/" + hex.substr(0, 2) + "/" + hex;
@@ -1085,6 +1134,7 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         return setStatus(t_status == CR_E_NOENT ? CR_E_CHANGED : t_status);
 
     std::ostringstream chunks;
+    PendingChunks pending;
     uint64_t written = 0, total = 0;
     std::vector<unsigned char> buffer(kMaxChunk);
     size_t have = 0;
@@ -1108,11 +1158,22 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
             return setStatus(CR_E_NOMEM);
         std::string const key = chunkKey(connection->fptype, hex);
         int status = CR_E_IO;
-        int const present = storeHas(*connection, key, cut, status);
+        int const present = pending.targets.count(connection->root + "/" + key) != 0
+                                ? 1
+                                : storeHas(*connection, key, cut, status);
         if (present < 0)
             return setStatus(status);
         if (present == 0) {
-            status = storePut(*connection, key, buffer.data(), cut);
+            if (connection->curl == nullptr) {
+                std::string temporary;
+                status = writeTemporary(connection->root, buffer.data(), cut, false, temporary);
+                if (status == CR_OK) {
+                    pending.files.emplace_back(temporary, connection->root + "/" + key);
+                    pending.targets.insert(connection->root + "/" + key);
+                }
+            } else {
+                status = storePut(*connection, key, buffer.data(), cut);
+            }
             if (status != CR_OK)
                 return setStatus(status);
             written += cut;
@@ -1132,6 +1193,9 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         now.st_ino != before.st_ino)
         return setStatus(CR_E_CHANGED);
 
+    // The chunks are in place and on the disk before the manifest names them.
+    if (int const status = pending.commit(connection->root); status != CR_OK)
+        return setStatus(status);
     char* const text = POToStringMalloced(po.get());
     if (text == nullptr)
         return setStatus(CR_E_NOMEM);

@@ -3,7 +3,7 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/, each
 # built whole and run with ctest; then the threaded tests (engine, routing,
 # connections, tokens, signals, typed configuration, child processes, log
-# rotation) under ThreadSanitizer in build-tsan/.
+# rotation, web service calls) under ThreadSanitizer in build-tsan/.
 #
 #   scripts/test.sh            all runs
 #   scripts/test.sh --fast     the normal run only
@@ -75,16 +75,17 @@ if [[ $run_tsan -eq 1 ]]; then
     tsan_targets=(engine_test engine_dispatch_test engine_connection_test engine_relay_test
         engine_hostile_test router_test handler_test handler_t_test act_cache_test
         message_codec_test application_test twconfiguration_test process_test twprocess_test
-        logfile_rotate_test)
+        logfile_rotate_test webservice_test)
     # Parameterised suites are instantiated as Workers/SUITE. The application
     # tests that run here are those of the signal thread.
     tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'
     tsan_tests+='|^ProgramTest\.(Signal|Terminate|Interrupt|Hangup|SecondTerminate|Segmentation)'
     tsan_tests+='|^RunTest\.(Signal|RunReturns|HandleSignal)'
     # Typed configuration reloads racing with readers, child processes killed
-    # from another thread while waited for, and rotation under logging threads.
+    # from another thread while waited for, rotation under logging threads,
+    # and web service calls shut down from another thread.
     tsan_tests+='|^(TWConfArgumentTest|TWSubConfigurationTest|TWConfigurationTest|TWSubConfigurationReloadRaceTest)\.'
-    tsan_tests+='|^(ProcessTest|TWProcessTest|RotateTest)\.'
+    tsan_tests+='|^(ProcessTest|TWProcessTest|RotateTest)\.|^WebService'
     echo "==== threads: configure (build-tsan)"
     if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
             -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&

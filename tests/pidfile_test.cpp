@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <log_lines.h>
 #include <scratch_dir.h>
+#include <unprivileged.h>
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -172,6 +173,21 @@ TEST_F(PidFileTest, FileThatCanNotBeOpenedIsLogged) {
         << log.text();
 }
 
+TEST_F(PidFileTest, ReadOnlyDirectoryIsLogged) {
+    // Root writes into any directory: the check runs as "nobody" then.
+    ASSERT_EQ(0, ::chmod(dir_.path().c_str(), 0555));
+    std::string const expected =
+        "%D ERROR (%t): Can not open pid file " + file("agent") + ": Permission denied";
+    TarnwickTest::asUnprivilegedUser([&expected]() {
+        LogLines log;
+        Tarnwick::PidFile pid(L"agent");
+        EXPECT_EQ(-1, pid.setPid(0));
+        EXPECT_TRUE(log.has(expected)) << log.text();
+    });
+    ::chmod(dir_.path().c_str(), 0700);
+    EXPECT_FALSE(exists(file("agent")));
+}
+
 TEST_F(PidFileTest, WithoutPidKeyThePathIsEmpty) {
     Tarnwick::getConfigSingleton()->setKeyVal(L"pid", nullptr);
     LogLines log;
@@ -310,6 +326,17 @@ TEST_F(DaemonProcessTest, TaskThatFailsToOpenGivesMinusOne) {
     EXPECT_EQ("", result.out);
     EXPECT_NE(std::string::npos,
               result.err.find("%D ERROR (%t): An error while initializing task: broken\n"))
+        << result.err;
+}
+
+TEST_F(DaemonProcessTest, UnknownOptionEndsTheStartWithOne) {
+    TarnwickTest::DaemonResult const result =
+        TarnwickTest::runDaemon(TWDAEMON_PATH, "twdaemon", args({"--frobnicate"}), env());
+    EXPECT_EQ(1, result.exitCode());
+    EXPECT_EQ("", result.out);
+    EXPECT_NE(
+        std::string::npos,
+        result.err.find("%D ERROR (%t): Error while parsing command line: Invalid argument\n"))
         << result.err;
 }
 

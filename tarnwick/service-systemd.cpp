@@ -259,7 +259,7 @@ int SystemdService::open(Application* application) {
 }
 
 bool SystemdService::isServing() const {
-    return __atomic_load_n(&m_serving, __ATOMIC_ACQUIRE);
+    return m_serving.load();
 }
 
 int SystemdService::report(const std::string& state) {
@@ -682,18 +682,18 @@ int SystemdService::isinstalled() {
 }
 
 int SystemdService::serve() {
-    __atomic_store_n(&m_serving, true, __ATOMIC_RELEASE);
+    m_serving = true;
     errno = 0;
-    int result = 0;
     if (Notify("READY=1\nSTATUS=The service is running.") == -1) {
         TW_LOG("%D ERROR (%t): Could not start service.\n");
     } else {
-        result = svc();
+        // main()'s result is not the exit status of a service: the two
+        // lines tell how it went.
+        svc();
         report("STOPPING=1\nSTATUS=The service is stopped.");
         TW_LOG("%D ERROR (%t): Service stopped.\n");
     }
-    __atomic_store_n(&m_serving, false, __ATOMIC_RELEASE);
-    (void)result;
+    m_serving = false;
     return 0;
 }
 

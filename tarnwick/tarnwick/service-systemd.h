@@ -5,6 +5,7 @@
 #include <tarnwick/application.h>
 #include <tarnwick/export.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -79,7 +80,7 @@ private:
     int isinstalled();
     int serve();
 
-    bool m_serving;
+    std::atomic<bool> m_serving;
 };
 
 // Queries about the agent's service, from any process.

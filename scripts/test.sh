@@ -3,7 +3,8 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/, each
 # built whole and run with ctest; then the threaded tests (engine, routing,
 # connections, tokens, signals, typed configuration, child processes, log
-# rotation, web service calls) under ThreadSanitizer in build-tsan/.
+# rotation, web service calls, scheduler and daemons, store uploads) under
+# ThreadSanitizer in build-tsan/.
 #
 #   scripts/test.sh            all runs
 #   scripts/test.sh --fast     the normal run only
@@ -75,7 +76,8 @@ if [[ $run_tsan -eq 1 ]]; then
     tsan_targets=(engine_test engine_dispatch_test engine_connection_test engine_relay_test
         engine_hostile_test router_test handler_test handler_t_test act_cache_test
         message_codec_test application_test twconfiguration_test process_test twprocess_test
-        logfile_rotate_test webservice_test)
+        logfile_rotate_test webservice_test scheduler_test pidfile_test service_systemd_test
+        contentrouter_test)
     # Parameterised suites are instantiated as Workers/SUITE. The application
     # tests that run here are those of the signal thread.
     tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'
@@ -86,6 +88,9 @@ if [[ $run_tsan -eq 1 ]]; then
     # and web service calls shut down from another thread.
     tsan_tests+='|^(TWConfArgumentTest|TWSubConfigurationTest|TWConfigurationTest|TWSubConfigurationReloadRaceTest)\.'
     tsan_tests+='|^(ProcessTest|TWProcessTest|RotateTest)\.|^WebService'
+    # The scheduler's and the reload task's threads, daemons under signals,
+    # and uploads to the threaded test store.
+    tsan_tests+='|^(SchedulerTest|ReloadTaskTest|DaemonProcessTest|NotifyTest)\.|^ContentRouter'
     echo "==== threads: configure (build-tsan)"
     if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
             -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&

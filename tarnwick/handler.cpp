@@ -101,6 +101,8 @@ Handler::Handler()
       m_recv_buffer_size(0),
       m_ahead_begin(0),
       m_ahead_end(0),
+      m_socket_reads(0),
+      m_last_read_full(false),
       m_coalesced(),
       m_coalesced_begin(0),
       m_coalesced_end(0),
@@ -445,6 +447,7 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
     ssize_t const count = recv_bytes(buffer, m_recv_buffer_size, timeout);
     if (count < 1) {
         int const error = errno;
+        m_last_read_full = false;
         if (count < 0 && error == EWOULDBLOCK)
             return -1;
         if (in_header) {
@@ -462,6 +465,8 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
     }
     m_ahead_begin = 0;
     m_ahead_end = static_cast<size_t>(count);
+    ++m_socket_reads;
+    m_last_read_full = m_ahead_end == m_recv_buffer_size;
     int const status = feedReadAhead(taken);
     if (status == 1) {
         block = m_reader.take();
@@ -470,8 +475,9 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
     if (status == -1)
         return refused();
     // Once per message: a peer that sends its header a byte at a time
-    // doesn't get to write a line per byte into our log.
-    if (!m_reader.headerComplete() && !m_partial_logged) {
+    // doesn't get to write a line per byte into our log. A header cut by
+    // the end of a full buffer is no sign of that.
+    if (!m_reader.headerComplete() && !m_partial_logged && !m_last_read_full) {
         m_partial_logged = true;
         TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
                static_cast<int>(m_reader.headerBytes()), static_cast<int>(HEADER_SIZE));
@@ -513,16 +519,22 @@ int Handler::handle_input(ACE_HANDLE) {
     if (m_peer_closed)
         return 0;
 
-    // One read from the socket, then every whole message that it brought:
-    // bytes already read are no readiness event, so they are taken now.
-    bool read_socket = true;
-    do {
+    // Every whole message that a read brought is taken now (bytes already
+    // read are no readiness event). A read that filled the buffer is
+    // followed by another, up to Reads_Per_Input reads, so that a large
+    // payload doesn't cost a reactor pass per chunk; then the other
+    // connections have their turn.
+    uint64_t const reads_before = m_socket_reads;
+    for (;;) {
+        uint64_t const reads = m_socket_reads - reads_before;
+        bool const may_read = reads == 0 || (m_last_read_full && reads < Reads_Per_Input);
+        if (!may_read && !readAhead())
+            return 0;
         ACE_Message_Block* block = nullptr;
-        int64_t const result = receive(block, nullptr, read_socket);
-        read_socket = false;
+        int64_t const result = receive(block, nullptr, may_read);
         if (result == -1) {
             if (errno == EWOULDBLOCK)
-                return 0;
+                continue;
             TW_LOG("%D ERROR (%t): Peer has failed unexpectedly.\n");
             return -1;
         }
@@ -540,8 +552,9 @@ int Handler::handle_input(ACE_HANDLE) {
 
         if (m_engine != nullptr)
             m_owner->forward(block);
-    } while (readAhead() && !m_closed && !m_peer_closed);
-    return 0;
+        if (m_closed || m_peer_closed)
+            return 0;
+    }
 }
 
 int Handler::halfClosed() {

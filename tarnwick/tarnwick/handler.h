@@ -70,6 +70,9 @@ public:
     // one connection's output queue, besides the 524288 bytes in memory. A
     // message always fits into a queue that holds no spilled payload.
     static std::atomic<uint64_t> Output_Disk_Limit;
+    // The most reads of the socket in one readiness event, while each fills
+    // the receive buffer.
+    static constexpr int Reads_Per_Input = 16;
     // The most bytes of small messages that go out in one write.
     static constexpr size_t Coalesce_Size = 65536;
 
@@ -273,6 +276,10 @@ private:
     size_t m_recv_buffer_size;
     size_t m_ahead_begin;
     size_t m_ahead_end;
+    // Reads of the socket so far, and whether the last one filled the buffer
+    // (more bytes are likely waiting).
+    uint64_t m_socket_reads;
+    bool m_last_read_full;
     // Small messages taken from the output queue to go out in one write:
     // m_coalesced_begin to m_coalesced_end are still to be written, before
     // anything else.

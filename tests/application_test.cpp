@@ -287,6 +287,16 @@ public:
         return true;
     }
 
+    // Waits until the log (standard error) holds `text`.
+    bool waitForLog(const std::string& text) {
+        auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+        while (err.find(text) == std::string::npos) {
+            if (!readSome(deadline))
+                return false;
+        }
+        return true;
+    }
+
     void send(int signum) { ::kill(pid_, signum); }
 
     // Reads both outputs to their end and waits for the program's exit.
@@ -747,6 +757,9 @@ TEST_F(ProgramTest, SecondTerminateFindsNoHandler) {
     ASSERT_TRUE(program.waitFor("ready")) << program.err;
     program.send(SIGTERM);
     ASSERT_TRUE(program.waitFor("stopped")) << program.err;
+    // The program sees itself stopped before its tasks are closed: the
+    // second signal waits for the last of them.
+    ASSERT_TRUE(program.waitForLog("alpha: close\n")) << program.err;
     program.send(SIGTERM);
     ProgramResult const result = program.finish();
     EXPECT_FALSE(result.exited());

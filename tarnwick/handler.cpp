@@ -443,6 +443,9 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
 
     bool const in_header = !m_reader.headerComplete();
     size_t const wanted = m_reader.wanted();
+    // Every attempt counts, also one that finds nothing (an SSL record not
+    // yet whole), so that a readiness event reads a bounded number of times.
+    ++m_socket_reads;
     errno = 0;
     ssize_t const count = recv_bytes(buffer, m_recv_buffer_size, timeout);
     if (count < 1) {
@@ -465,7 +468,6 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
     }
     m_ahead_begin = 0;
     m_ahead_end = static_cast<size_t>(count);
-    ++m_socket_reads;
     m_last_read_full = m_ahead_end == m_recv_buffer_size;
     int const status = feedReadAhead(taken);
     if (status == 1) {

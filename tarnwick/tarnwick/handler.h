@@ -276,8 +276,8 @@ private:
     size_t m_recv_buffer_size;
     size_t m_ahead_begin;
     size_t m_ahead_end;
-    // Reads of the socket so far, and whether the last one filled the buffer
-    // (more bytes are likely waiting).
+    // Attempts to read the socket so far, and whether the last one filled
+    // the buffer (more bytes are likely waiting).
     uint64_t m_socket_reads;
     bool m_last_read_full;
     // Small messages taken from the output queue to go out in one write:

@@ -88,9 +88,9 @@ if [[ $run_tsan -eq 1 ]]; then
     # and web service calls shut down from another thread.
     tsan_tests+='|^(TWConfArgumentTest|TWSubConfigurationTest|TWConfigurationTest|TWSubConfigurationReloadRaceTest)\.'
     tsan_tests+='|^(ProcessTest|TWProcessTest|RotateTest)\.|^WebService'
-    # The scheduler's and the reload task's threads, daemons under signals,
+    # The scheduler's and the reload task's threads, service notifications
     # and uploads to the threaded test store.
-    tsan_tests+='|^(SchedulerTest|ReloadTaskTest|DaemonProcessTest|NotifyTest)\.|^ContentRouter'
+    tsan_tests+='|^(SchedulerTest|ReloadTaskTest|NotifyTest)\.|^ContentRouter'
     echo "==== threads: configure (build-tsan)"
     if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
             -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&

@@ -375,13 +375,6 @@ private:
     ACE_hthread_t handle_{};
 };
 
-// UTF-8 form of wide text; empty for null or text that can't be converted.
-std::string narrow(const wchar_t* text) {
-    std::string out;
-    wcstoutf8(text, out);
-    return out;
-}
-
 // The log file that the configuration names: the value of "logfile" when it
 // has one, else <log>/<name>.log when "log" names a directory. With
 // `needName`, a null name means there is none. 0 with `out` set, or -1.
@@ -410,14 +403,14 @@ int chooseLogFile(const wchar_t* name, bool needName, std::string& out) {
         }
     }
     if (hasLogfile) {
-        out = narrow(logfile.c_str());
+        out = utf8String(logfile.c_str());
         return 0;
     }
     if (!hasDirectory || (needName && name == nullptr) || !Path::IsDirectory(directory))
         return -1;
     Path::Join(directory, name);
     directory += L".log";
-    out = narrow(directory.c_str());
+    out = utf8String(directory.c_str());
     return 0;
 }
 
@@ -625,7 +618,7 @@ int Application::open(int argc, wchar_t** const argv) {
         // ACE_Log_Msg owns the stream from here on.
         log->msg_ostream(stream, true);
         TW_LOG("%D DEBUG (%t): Logging output to %C\n", file.c_str());
-        std::string const program = narrow(name());
+        std::string const program = utf8String(name());
         log->open(program.c_str(), ACE_Log_Msg::STDERR | ACE_Log_Msg::OSTREAM, nullptr);
     }
 

@@ -34,12 +34,6 @@ const size_t kReloadStackSize = 0x80000;
 const int kPollTicks = 2;
 const int kCloseTicks = 60;
 
-std::string narrow(const wchar_t* text) {
-    std::string out;
-    wcstoutf8(text, out);
-    return out;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -61,7 +55,7 @@ PidFile::~PidFile() {
     // Only the holder of the lock removes the file: a second instance that
     // failed at the lock leaves the first one's file alone.
     if (m_written)
-        ::unlink(narrow(m_path.c_str()).c_str());
+        ::unlink(utf8String(m_path.c_str()).c_str());
     if (get_handle() != ACE_INVALID_HANDLE)
         ACE_File_Lock::remove(false);
 }
@@ -69,7 +63,7 @@ PidFile::~PidFile() {
 int PidFile::setPid(long pid) {
     if (get_handle() != ACE_INVALID_HANDLE)
         return 0;
-    std::string const file = narrow(m_path.c_str());
+    std::string const file = utf8String(m_path.c_str());
     if (ACE_File_Lock::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kPidFileMode) ==
         -1) {
         TW_LOG("%D ERROR (%t): Can not open pid file %W: %m\n", m_path.c_str());
@@ -95,7 +89,7 @@ int PidFile::setPid(long pid) {
 }
 
 long PidFile::getPid() {
-    std::string const file = narrow(m_path.c_str());
+    std::string const file = utf8String(m_path.c_str());
     int const descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (descriptor < 0)
         return -1;
@@ -124,24 +118,11 @@ bool PidFile::isRunning() {
 // DaemonApplicationReloadTask
 
 DaemonApplicationReloadTask::DaemonApplicationReloadTask(DaemonApplication* application)
-    : m_application(application),
-      m_stop(false),
-      m_stopped(false),
-      m_tick(1, 0),
-      m_lock(),
-      m_wake(m_lock),
-      m_started(false) {}
+    : m_application(application), m_thread() {}
 
 DaemonApplicationReloadTask::~DaemonApplicationReloadTask() {
-    if (m_started) {
-        {
-            ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-            m_stop = true;
-            m_wake.broadcast();
-        }
-        // The thread may be in a reload; it names this object.
-        wait();
-    }
+    // The thread may be in a reload; it names this object.
+    m_thread.join(this);
 }
 
 const wchar_t* DaemonApplicationReloadTask::name() {
@@ -149,53 +130,22 @@ const wchar_t* DaemonApplicationReloadTask::name() {
 }
 
 int DaemonApplicationReloadTask::open() {
-    m_stop = false;
-    m_stopped = false;
+    m_thread.reset();
     return 0;
 }
 
 int DaemonApplicationReloadTask::run() {
-    // Joinable, so that the thread is known to be gone before the task is.
-    int const result = startThread(this, 1, kReloadStackSize, true);
-    if (result == 0)
-        m_started = true;
-    return result;
+    return m_thread.start(this, kReloadStackSize);
 }
 
 int DaemonApplicationReloadTask::close() {
-    {
-        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-        m_stop = true;
-        m_wake.broadcast();
-    }
-    for (int i = 0; i < kCloseTicks; ++i) {
-        if (m_stopped) {
-            if (m_started) {
-                wait();
-                m_started = false;
-            }
-            return 0;
-        }
-        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-        ACE_Time_Value const until = ACE_OS::gettimeofday() + m_tick;
-        while (!m_stopped && ACE_OS::gettimeofday() < until)
-            m_wake.wait(&until);
-    }
-    return -1;
-}
-
-bool DaemonApplicationReloadTask::pause(int ticks) {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    ACE_Time_Value const until = ACE_OS::gettimeofday() + m_tick * static_cast<double>(ticks);
-    while (!m_stop && ACE_OS::gettimeofday() < until)
-        m_wake.wait(&until);
-    return m_stop;
+    return m_thread.close(this, kCloseTicks);
 }
 
 int DaemonApplicationReloadTask::svc() {
     // Signal handlers never run in the middle of a reload.
     ACE_Sig_Guard const blocked;
-    while (!m_stop) {
+    while (!m_thread.stopRequested()) {
         if (m_application != nullptr && m_application->reload_pending()) {
             SystemdService* const service = SystemdService::instance();
             if (service != nullptr)
@@ -205,17 +155,15 @@ int DaemonApplicationReloadTask::svc() {
             if (service != nullptr)
                 service->report("READY=1\nSTATUS=The service is running.");
         }
-        if (pause(kPollTicks))
+        if (m_thread.pause(kPollTicks))
             break;
     }
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    m_stopped = true;
-    m_wake.broadcast();
+    m_thread.finished();
     return 0;
 }
 
 void DaemonApplicationReloadTask::setTick(const ACE_Time_Value& tick) {
-    m_tick = tick;
+    m_thread.setTick(tick);
 }
 
 // ---------------------------------------------------------------------------

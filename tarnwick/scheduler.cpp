@@ -37,17 +37,7 @@ Scheduled_Task::~Scheduled_Task() {}
 // Scheduler
 
 Scheduler::Scheduler()
-    : m_stop(false),
-      m_stopped(false),
-      m_schedules(),
-      m_slotsUsed(0),
-      m_scheduleCount(0),
-      m_step(0),
-      m_passes(0),
-      m_tick(1, 0),
-      m_lock(),
-      m_wake(m_lock),
-      m_started(false) {
+    : m_thread(), m_schedules(), m_slotsUsed(0), m_scheduleCount(0), m_step(0), m_passes(0) {
     for (Entry& entry : m_schedules) {
         entry.job = nullptr;
         entry.left = 0;
@@ -55,16 +45,9 @@ Scheduler::Scheduler()
 }
 
 Scheduler::~Scheduler() {
-    if (m_started) {
-        {
-            ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-            m_stop = true;
-            m_wake.broadcast();
-        }
-        // The thread may still be in a job: it is waited for, since it
-        // reads the table that goes now.
-        wait();
-    }
+    // The thread may still be in a job: it is waited for, since it reads
+    // the table that goes now.
+    m_thread.join(this);
     for (int i = 0; i < m_slotsUsed; ++i)
         delete m_schedules[i].job;
 }
@@ -88,47 +71,16 @@ int Scheduler::register_task(Scheduled_Task* job) {
 }
 
 int Scheduler::open() {
-    m_stop = false;
-    m_stopped = false;
+    m_thread.reset();
     return 0;
 }
 
 int Scheduler::run() {
-    // Joinable, so that the thread is known to be gone before the table is.
-    int const result = startThread(this, 1, kStackSize, true);
-    if (result == 0)
-        m_started = true;
-    return result;
+    return m_thread.start(this, kStackSize);
 }
 
 int Scheduler::close() {
-    {
-        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-        m_stop = true;
-        m_wake.broadcast();
-    }
-    for (int i = 0; i < kCloseTicks; ++i) {
-        if (m_stopped) {
-            if (m_started) {
-                wait();
-                m_started = false;
-            }
-            return 0;
-        }
-        ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-        ACE_Time_Value const until = ACE_OS::gettimeofday() + m_tick;
-        while (!m_stopped && ACE_OS::gettimeofday() < until)
-            m_wake.wait(&until);
-    }
-    return -1;
-}
-
-bool Scheduler::waitTick() {
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    ACE_Time_Value const until = ACE_OS::gettimeofday() + m_tick;
-    while (!m_stop && ACE_OS::gettimeofday() < until)
-        m_wake.wait(&until);
-    return m_stop;
+    return m_thread.close(this, kCloseTicks);
 }
 
 int Scheduler::svc() {
@@ -141,7 +93,7 @@ int Scheduler::svc() {
     // The step only shrinks: it is the smallest number of seconds left that
     // any pass has seen.
     uint32_t step = 0;
-    while (!m_stop) {
+    while (!m_thread.stopRequested()) {
         for (int i = 0; i < m_scheduleCount; ++i) {
             if (m_schedules[i].left < step || step == 0)
                 step = m_schedules[i].left;
@@ -149,14 +101,14 @@ int Scheduler::svc() {
         m_step = step;
         if (step != 0) {
             for (uint32_t second = 0; second < step; ++second) {
-                if (waitTick())
+                if (m_thread.pause(1))
                     break;
             }
         } else if (m_scheduleCount == 0) {
             ACE_OS::thr_yield();
         }
         for (int i = 0; i < m_scheduleCount; ++i) {
-            if (m_stop)
+            if (m_thread.stopRequested())
                 break;
             Entry& entry = m_schedules[i];
             uint32_t const left = entry.left;
@@ -170,14 +122,12 @@ int Scheduler::svc() {
         ++m_passes;
     }
 
-    ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
-    m_stopped = true;
-    m_wake.broadcast();
+    m_thread.finished();
     return 0;
 }
 
 void Scheduler::setTick(const ACE_Time_Value& tick) {
-    m_tick = tick;
+    m_thread.setTick(tick);
 }
 
 unsigned int Scheduler::step() const {

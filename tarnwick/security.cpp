@@ -36,20 +36,6 @@ bool configurationLoaded(Configuration* config) {
     return guard.locked() && config->isOk();
 }
 
-// A narrow (UTF-8) copy of a wide path; empty for null or text that can't be
-// converted.
-std::string narrow(const wchar_t* text) {
-    std::string result;
-    if (text == nullptr)
-        return result;
-    char* const converted = wcstoutf8_malloced(text);
-    if (converted != nullptr) {
-        result = converted;
-        utf8free(converted);
-    }
-    return result;
-}
-
 // Sends what OpenSSL has to say about the last failure to the log, and
 // leaves the error queue empty, so that it can't confuse later calls. errno
 // is kept.
@@ -135,7 +121,7 @@ int Security::SetupSSL(const wchar_t* certificate, const wchar_t* key, const wch
 
     if (m_ssl_strict_mode != 0) {
         int loaded = -1;
-        std::string const caFile = narrow(ca);
+        std::string const caFile = utf8String(ca);
         if (ctx != nullptr && !caFile.empty()) {
             X509_STORE* const store = X509_STORE_new();
             if (store != nullptr) {
@@ -152,7 +138,7 @@ int Security::SetupSSL(const wchar_t* certificate, const wchar_t* key, const wch
     }
 
     TW_LOG("%D DEBUG (%t): Loading certificate: %W\n", certificate);
-    std::string const certificateFile = narrow(certificate);
+    std::string const certificateFile = utf8String(certificate);
     if (context->certificate(certificateFile.c_str(), SSL_FILETYPE_PEM) == -1) {
         reportSSLError();
         TW_LOG("%D ERROR (%t): Can not load SSL certificate: %m\n");
@@ -160,7 +146,7 @@ int Security::SetupSSL(const wchar_t* certificate, const wchar_t* key, const wch
     }
 
     TW_LOG("%D DEBUG (%t): Loading private key: %W\n", key);
-    std::string const keyFile = narrow(key);
+    std::string const keyFile = utf8String(key);
     if (context->private_key(keyFile.c_str(), SSL_FILETYPE_PEM) == -1) {
         reportSSLError();
         TW_LOG("%D ERROR (%t): Can not load SSL private key: %m\n");

@@ -45,13 +45,6 @@ const char* const kDefaultUnitDirectory = "/etc/systemd/system";
 // The service that ServiceControl reports on, whatever name it is given.
 const char* const kAgentUnit = "twagent.service";
 
-std::string narrow(const wchar_t* text) {
-    std::string out;
-    if (text != nullptr)
-        wcstoutf8(text, out);
-    return out;
-}
-
 // Whether `name` may stand before ".service" in a unit's name.
 bool validUnitStem(const std::string& name) {
     if (name.empty() || name.size() > 200)
@@ -406,22 +399,22 @@ int SystemdService::Systemctl(const std::vector<std::string>& args, std::string*
 }
 
 std::string SystemdService::unitText() {
-    std::string description = narrow(long_description());
+    std::string description = utf8String(long_description());
     if (description.empty())
-        description = narrow(Service::description());
+        description = utf8String(Service::description());
     // Cut to 4095 characters, not bytes: the text is UTF-8.
     std::wstring characters;
     utf8towcs(description.c_str(), characters);
     if (characters.size() > kDescriptionLimit)
         characters.resize(kDescriptionLimit);
-    description = narrow(characters.c_str());
+    description = utf8String(characters.c_str());
 
     std::string start = unitWord(programPath());
     Configuration* config = getConfigSingleton();
     if (config != nullptr) {
         const wchar_t* const file = config->asString(L"configfile");
         if (file != nullptr && *file != L'\0') {
-            std::string path = narrow(file);
+            std::string path = utf8String(file);
             if (!path.empty() && path[0] != '/') {
                 char here[4096];
                 if (::getcwd(here, sizeof here) != nullptr)
@@ -482,7 +475,7 @@ namespace {
 // The service's unit name, or empty (errno EINVAL) when the application's
 // name can't be one.
 std::string unitOf(Application* application) {
-    std::string const stem = narrow(application != nullptr ? application->name() : nullptr);
+    std::string const stem = utf8String(application != nullptr ? application->name() : nullptr);
     if (!validUnitStem(stem)) {
         errno = EINVAL;
         return std::string();

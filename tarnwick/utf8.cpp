@@ -305,4 +305,11 @@ size_t xmlTextCharLength(const char* text, size_t length) {
     return size;
 }
 
+std::string utf8String(const wchar_t* text) {
+    std::string out;
+    if (text != nullptr)
+        wcstoutf8(text, out);
+    return out;
+}
+
 }  // namespace Tarnwick

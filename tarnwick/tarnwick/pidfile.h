@@ -4,6 +4,7 @@
 
 #include <tarnwick/application.h>
 #include <tarnwick/export.h>
+#include <tarnwick/ticked_thread.h>
 
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/File_Lock.h>
@@ -69,16 +70,8 @@ public:
     void setTick(const ACE_Time_Value& tick);
 
 private:
-    // Waits `ticks` ticks or until stop is asked for. True when stop is set.
-    bool pause(int ticks);
-
     DaemonApplication* m_application;
-    std::atomic<bool> m_stop;
-    std::atomic<bool> m_stopped;
-    ACE_Time_Value m_tick;
-    ACE_Thread_Mutex m_lock;
-    ACE_Condition_Thread_Mutex m_wake;
-    bool m_started;
+    Ticked_Thread m_thread;
 };
 
 // The Application of a daemon: it has the actions "stop", "reload" and

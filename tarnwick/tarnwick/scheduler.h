@@ -3,6 +3,7 @@
 
 #include <tarnwick/application.h>
 #include <tarnwick/export.h>
+#include <tarnwick/ticked_thread.h>
 
 #include <ace/Condition_Thread_Mutex.h>
 #include <ace/Thread_Mutex.h>
@@ -75,11 +76,7 @@ public:
     int count() const;
 
 private:
-    // Waits one tick, or less when stop is asked for. True when stop is set.
-    bool waitTick();
-
-    std::atomic<bool> m_stop;
-    std::atomic<bool> m_stopped;
+    Ticked_Thread m_thread;
     struct Entry {
         Scheduled_Task* job;
         uint32_t left;
@@ -89,10 +86,6 @@ private:
     int m_scheduleCount;
     std::atomic<unsigned int> m_step;
     std::atomic<unsigned long> m_passes;
-    ACE_Time_Value m_tick;
-    ACE_Thread_Mutex m_lock;
-    ACE_Condition_Thread_Mutex m_wake;
-    bool m_started;
 };
 
 }  // namespace Tarnwick

@@ -30,6 +30,9 @@ TARNWICK_EXPORT int utf8towcs_buf(wchar_t* target, const char* source, size_t si
 // True when the first `size` bytes of `text` (or up to its terminator, which
 // ever comes first) are valid UTF-8.
 TARNWICK_EXPORT bool isValidUTF8(const char* text, size_t size);
+// The UTF-8 form of `text` as a string; empty for null and for text that
+// doesn't convert.
+TARNWICK_EXPORT std::string utf8String(const wchar_t* text);
 
 // The length in bytes (1 to 4) of the UTF-8 sequence at the start of `text`,
 // of at most `length` bytes, when it is one character that XML 1.0 allows:

@@ -90,13 +90,13 @@ public:
     // Each returns 0, or -1 when the writer isn't open or libxml2 fails.
     // Names that are no XML names, and a namespace or attribute value that is
     // not XML text (see isXMLText), write nothing and return -1.
-    [[nodiscard]] int startElement(const char* prefix, const char* namespaceUri, const char* name);
-    [[nodiscard]] int writeAttribute(const char* name, const char* value);
+    int startElement(const char* prefix, const char* namespaceUri, const char* name);
+    int writeAttribute(const char* name, const char* value);
     // Writes escaped text. Text that doesn't convert from the writer's
     // encoding or isn't XML text once converted (see convertInput) writes
     // nothing and returns -1.
-    [[nodiscard]] int writeString(const char* text);
-    [[nodiscard]] int endElement();
+    int writeString(const char* text);
+    int endElement();
 
 protected:
     xmlTextWriterPtr writer;

@@ -18,6 +18,8 @@ packages=(
     libcap2-bin procps file
     # systemd-analyze, which checks the unit file that a service installs
     systemd
+    # the Wireshark dissector test: capture on loopback, decode with tshark
+    tcpdump tshark
 )
 
 # Prints the packages of the arguments that are not installed.

@@ -39,6 +39,63 @@ namespace {
 // printing callbacks. Entity substitution and DTD loading stay off.
 const int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
 
+// Appends `text` as element content, escaped as libxml2's text writer
+// escapes it: the five characters below become references, every other
+// byte stays. Checks on the way that the text is XML text (see isXMLText);
+// false, with `out` in no defined state, when it isn't.
+bool appendEscapedText(const char* text, size_t length, std::string& out) {
+    // What a byte asks for: 0 nothing, 1 a reference, 2 the full check of
+    // the character it begins (controls and all of non-ASCII).
+    static const struct ByteClasses {
+        unsigned char of[256];
+        ByteClasses() {
+            for (int c = 0; c < 256; ++c)
+                of[c] = (c >= 0x20 && c < 0x80) ? 0 : 2;
+            for (unsigned char c : {'<', '>', '&', '"', '\r'})
+                of[c] = 1;
+        }
+    } classes;
+    out.reserve(out.size() + length + length / 8);
+    size_t run = 0;
+    size_t i = 0;
+    while (i < length) {
+        unsigned char const c = static_cast<unsigned char>(text[i]);
+        unsigned char const what = classes.of[c];
+        if (what == 0) {
+            ++i;
+            continue;
+        }
+        if (what == 2) {
+            size_t const step = xmlTextCharLength(text + i, length - i);
+            if (step == 0)
+                return false;
+            i += step;
+            continue;
+        }
+        out.append(text + run, i - run);
+        switch (c) {
+            case '<':
+                out.append("&lt;", 4);
+                break;
+            case '>':
+                out.append("&gt;", 4);
+                break;
+            case '&':
+                out.append("&amp;", 5);
+                break;
+            case '"':
+                out.append("&quot;", 6);
+                break;
+            default:
+                out.append("&#13;", 5);
+                break;
+        }
+        run = ++i;
+    }
+    out.append(text + run, length - run);
+    return true;
+}
+
 // What libxml2 reported during one routed call.
 struct ErrorCollector {
     std::string first;
@@ -125,8 +182,21 @@ public:
     static const int MAX_NAMESPACES = 256;
 
     void feed(const char* data, size_t length) {
-        for (size_t i = 0; i < length && m_refusal == nullptr; ++i)
-            step(data[i]);
+        const char* position = data;
+        const char* const end = data + length;
+        while (position < end && m_refusal == nullptr) {
+            // Character data, most of a payload, counts for nothing: skip to
+            // the next markup.
+            if (m_state == TEXT) {
+                const void* const open = std::memchr(position, '<', end - position);
+                if (open == nullptr)
+                    return;
+                position = static_cast<const char*>(open) + 1;
+                m_state = OPEN;
+                continue;
+            }
+            step(*position++);
+        }
     }
     // Null while the payload is within bounds, else what it exceeded.
     const char* refusal() const { return m_refusal; }
@@ -543,7 +613,7 @@ int XMLDocument::queryParameterMap(const char* name, std::map<std::string, std::
 // ---------------------------------------------------------------------------
 // XMLWriter
 
-XMLWriter::XMLWriter() : writer(nullptr), encoding(nullptr), ended(false) {}
+XMLWriter::XMLWriter() : writer(nullptr), encoding(nullptr), ended(false), depth(0) {}
 
 XMLWriter::~XMLWriter() {
     finishWriter(writer, ended);
@@ -575,7 +645,10 @@ int XMLWriter::startElement(const char* prefix, const char* namespaceUri, const 
         rc = xmlTextWriterStartElementNS(writer, BAD_CAST prefix, BAD_CAST name,
                                          BAD_CAST namespaceUri);
     }
-    return rc < 0 ? -1 : 0;
+    if (rc < 0)
+        return -1;
+    ++depth;
+    return 0;
 }
 
 int XMLWriter::writeAttribute(const char* name, const char* value) {
@@ -593,6 +666,22 @@ int XMLWriter::writeString(const char* text) {
     if (writer == nullptr) {
         return -1;
     }
+    // UTF-8 text inside an element, the common case, needs no conversion:
+    // it is checked in place and escaped here, as libxml2 would escape it,
+    // without the copies and allocations of the general path.
+    if (encoding == nullptr && depth > 0) {
+        if (text == nullptr)
+            return -1;
+        escaped.clear();
+        if (!appendEscapedText(text, std::strlen(text), escaped))
+            return -1;
+        if (escaped.size() > static_cast<size_t>(INT_MAX))
+            return -1;
+        return xmlTextWriterWriteRawLen(writer, reinterpret_cast<const xmlChar*>(escaped.data()),
+                                        static_cast<int>(escaped.size())) < 0
+                   ? -1
+                   : 0;
+    }
     // Text that doesn't convert comes back null, and libxml2 refuses null
     // content: nothing is written and the call fails.
     xmlChar* converted = convertInput(text, encodingName());
@@ -607,7 +696,11 @@ int XMLWriter::endElement() {
     if (writer == nullptr) {
         return -1;
     }
-    return xmlTextWriterEndElement(writer) < 0 ? -1 : 0;
+    if (xmlTextWriterEndElement(writer) < 0)
+        return -1;
+    if (depth > 0)
+        --depth;
+    return 0;
 }
 
 // ---------------------------------------------------------------------------
@@ -720,6 +813,13 @@ xmlChar* convertInput(const char* text, const char* encoding) {
 bool isXMLText(const char* text, size_t length) {
     size_t position = 0;
     while (position < length) {
+        // Runs of printable ASCII, most of any text, are passed in a tight
+        // loop; everything else goes through the full check.
+        unsigned char const c = static_cast<unsigned char>(text[position]);
+        if (c >= 0x20 && c < 0x80) {
+            ++position;
+            continue;
+        }
         size_t const step = xmlTextCharLength(text + position, length - position);
         if (step == 0)
             return false;

@@ -611,6 +611,53 @@ TEST(XMLWriterTest, AttributeValueIsEscaped) {
               std::string(kDeclaration) + "<a v=\"1 &lt; 2 &amp; &quot;q&quot; %d\"/>");
 }
 
+// Element text in UTF-8 is escaped by the writer itself; the result must be
+// the bytes that libxml2's own escaping (the path of any other encoding)
+// gives, for every character that may appear in XML text.
+TEST(XMLWriterTest, Utf8TextIsEscapedAsLibxml2EscapesIt) {
+    std::string text("\t\n\r");
+    for (int c = 0x20; c < 0x80; ++c)
+        text += static_cast<char>(c);
+    text += "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \r\n<&>\"'";
+    const char* const texts[] = {"", "plain", "&&&", "<<>>", "\r", text.c_str()};
+    for (const char* item : texts) {
+        XMLMemoryWriter fast;
+        EncodedWriter general("UTF-8");
+        for (XMLMemoryWriter* writer :
+             {static_cast<XMLMemoryWriter*>(&fast), static_cast<XMLMemoryWriter*>(&general)}) {
+            ASSERT_EQ(writer->open(0), 0);
+            EXPECT_EQ(writer->startElement(nullptr, nullptr, "a"), 0);
+            EXPECT_EQ(writer->writeString(item), 0);
+            EXPECT_EQ(writer->startElement(nullptr, nullptr, "b"), 0);
+            EXPECT_EQ(writer->writeString(item), 0);
+            EXPECT_EQ(writer->endElement(), 0);
+            EXPECT_EQ(writer->writeString(item), 0);
+            EXPECT_EQ(writer->endElement(), 0);
+        }
+        EXPECT_EQ(std::string(fast.content()), std::string(general.content())) << item;
+    }
+    XMLMemoryWriter writer;
+    ASSERT_EQ(writer.open(0), 0);
+    EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+    EXPECT_EQ(writer.writeString("1 < 2 & \"q\" \r"), 0);
+    EXPECT_EQ(writer.endElement(), 0);
+    EXPECT_EQ(std::string(writer.content()),
+              std::string(kDeclaration) + "<a>1 &lt; 2 &amp; &quot;q&quot; &#13;</a>");
+}
+
+// Text that is not XML text writes nothing on either path.
+TEST(XMLWriterTest, Utf8TextThatIsNotXmlTextWritesNothing) {
+    const char* const bad[] = {"bell \x07", "broken \xc3", "overlong \xc0\xaf", "\xff"};
+    for (const char* item : bad) {
+        XMLMemoryWriter writer;
+        ASSERT_EQ(writer.open(0), 0);
+        EXPECT_EQ(writer.startElement(nullptr, nullptr, "a"), 0);
+        EXPECT_EQ(writer.writeString(item), -1) << item;
+        EXPECT_EQ(writer.endElement(), 0);
+        EXPECT_EQ(std::string(writer.content()), std::string(kDeclaration) + "<a/>") << item;
+    }
+}
+
 TEST(XMLWriterTest, WriteStringInvalidInEncodingWritesNothing) {
     EncodedWriter writer("ASCII");
     ASSERT_EQ(writer.open(0), 0);

@@ -102,6 +102,8 @@ protected:
     xmlTextWriterPtr writer;
     char* encoding;  // owned, null means "UTF-8"
     bool ended;
+    int depth;            // elements started and not yet ended
+    std::string escaped;  // writeString's work buffer, kept for its capacity
 
     const char* encodingName() const;
 };

@@ -1,0 +1,428 @@
+-- Wireshark dissector for the tarnwick message protocol.
+--
+-- Every message is a 32-byte header of eight unsigned 32-bit words in
+-- network order (agentid, ACT, size, type, flags, magic, state, reserved),
+-- followed by `size` bytes of payload: an XML "message" document and one
+-- zero byte when the message is formatted, opaque bytes when the binary
+-- flag is set.
+--
+-- Use it with
+--   wireshark -X lua_script:tools/wireshark/tarnwick.lua
+--   tshark -2 -X lua_script:tools/wireshark/tarnwick.lua -r CAPTURE
+-- or copy it into the personal Lua plugins folder
+-- (~/.local/lib/wireshark/plugins/).
+--
+-- It decodes TCP port 7777 (the port of the demo agent in the README; the
+-- preference "tarnwick.tcp_port" changes it) and any TCP conversation whose
+-- first segment starts with a header that carries the magic (a heuristic
+-- dissector, "tarnwick_tcp"). A message that spans segments is reassembled
+-- before it is shown; several messages in one segment are all shown.
+--
+-- A request (result flag clear) and its reply (result flag set) carry the
+-- same token (ACT); the dissector matches them within a TCP connection and
+-- shows "Reply in" on the request and "Request in" on the reply. tshark
+-- shows "Reply in" only with two passes (-2).
+--
+-- Fields (for display filters and tshark -T fields -e ...):
+--   tarnwick.agentid, tarnwick.act, tarnwick.size, tarnwick.type,
+--   tarnwick.flags (tarnwick.flags.result, .binary, .error, .broadcast,
+--   .unused), tarnwick.magic, tarnwick.state, tarnwick.reserved,
+--   tarnwick.event (the event type's name), tarnwick.kind ("request" or
+--   "reply"), tarnwick.arg (an argument's name), tarnwick.arg.value,
+--   tarnwick.payload (binary payload), tarnwick.reply_in,
+--   tarnwick.request_in.
+
+local MAGIC = 0x00060201
+local HEADER_SIZE = 32
+local DEFAULT_PORT = 7777
+-- The largest payload the library accepts by default (2 GiB); a header
+-- that announces more is not reassembled.
+local MAX_SIZE = 0x80000000
+
+-- The event types by number, named as the library's event classes.
+local EVENT_NAMES = {
+    [1] = "IdentityEvent",
+    [2] = "ErrorEvent",
+    [3] = "DirListEvent",
+    [4] = "DownloadEvent",
+    [5] = "UploadEvent",
+    [6] = "StartProcessEvent",
+    [7] = "StopProcessEvent",
+    [8] = "StatusProcessEvent",
+    [9] = "OutputProcessEvent",
+    [10] = "ListSessionsEvent",
+    [11] = "KickEvent",
+    [12] = "GetJobLogEvent",
+    [13] = "StopJobEvent",
+    [14] = "ReloadEvent",
+    [15] = "HeartBeatEvent",
+    [16] = "WorkflowActionEvent",
+    [17] = "GetVersionEvent",
+    [18] = "SetDebugEvent",
+    [19] = "JobStepProgressEvent",
+}
+
+local FLAG_UNUSED = 0x01
+local FLAG_RESULT = 0x02
+local FLAG_BINARY = 0x04
+local FLAG_ERROR = 0x08
+local FLAG_BROADCAST = 0x10
+
+local tarnwick = Proto("tarnwick", "Tarnwick message protocol")
+
+local pf = {
+    agentid = ProtoField.uint32("tarnwick.agentid", "Agent ID", base.DEC),
+    act = ProtoField.uint32("tarnwick.act", "Token (ACT)", base.DEC_HEX),
+    size = ProtoField.uint32("tarnwick.size", "Payload size", base.DEC),
+    type = ProtoField.uint32("tarnwick.type", "Event type", base.DEC, EVENT_NAMES),
+    flags = ProtoField.uint32("tarnwick.flags", "Flags", base.HEX),
+    flag_unused = ProtoField.bool("tarnwick.flags.unused", "Unused", 32, nil, FLAG_UNUSED),
+    flag_result = ProtoField.bool("tarnwick.flags.result", "Result", 32,
+                                  {"Reply", "Request"}, FLAG_RESULT),
+    flag_binary = ProtoField.bool("tarnwick.flags.binary", "Binary", 32,
+                                  {"Binary payload", "Formatted (XML) payload"}, FLAG_BINARY),
+    flag_error = ProtoField.bool("tarnwick.flags.error", "Error", 32, nil, FLAG_ERROR),
+    flag_broadcast = ProtoField.bool("tarnwick.flags.broadcast", "Broadcast", 32, nil,
+                                     FLAG_BROADCAST),
+    magic = ProtoField.uint32("tarnwick.magic", "Magic", base.HEX),
+    state = ProtoField.uint32("tarnwick.state", "State", base.DEC),
+    reserved = ProtoField.uint32("tarnwick.reserved", "Reserved", base.HEX),
+    event = ProtoField.string("tarnwick.event", "Event"),
+    kind = ProtoField.string("tarnwick.kind", "Kind"),
+    payload = ProtoField.bytes("tarnwick.payload", "Binary payload"),
+    xml = ProtoField.string("tarnwick.xml", "XML payload"),
+    terminator = ProtoField.uint8("tarnwick.terminator", "Terminating zero byte", base.HEX),
+    args = ProtoField.none("tarnwick.args", "Arguments"),
+    arg = ProtoField.string("tarnwick.arg", "Argument"),
+    arg_value = ProtoField.string("tarnwick.arg.value", "Value"),
+    reply_in = ProtoField.framenum("tarnwick.reply_in", "Reply in", base.NONE, frametype.RESPONSE),
+    request_in = ProtoField.framenum("tarnwick.request_in", "Request in", base.NONE,
+                                     frametype.REQUEST),
+}
+tarnwick.fields = {
+    pf.agentid, pf.act, pf.size, pf.type, pf.flags, pf.flag_unused, pf.flag_result,
+    pf.flag_binary, pf.flag_error, pf.flag_broadcast, pf.magic, pf.state, pf.reserved,
+    pf.event, pf.kind, pf.payload, pf.xml, pf.terminator, pf.args, pf.arg, pf.arg_value,
+    pf.reply_in, pf.request_in,
+}
+
+local ef = {
+    bad_magic = ProtoExpert.new("tarnwick.bad_magic", "Invalid message header (wrong magic)",
+                                expert.group.MALFORMED, expert.severity.ERROR),
+    too_large = ProtoExpert.new("tarnwick.too_large", "Payload size over the 2 GiB limit",
+                                expert.group.MALFORMED, expert.severity.ERROR),
+    no_terminator = ProtoExpert.new("tarnwick.no_terminator",
+                                    "Formatted payload does not end with a zero byte",
+                                    expert.group.PROTOCOL, expert.severity.WARN),
+}
+tarnwick.experts = {ef.bad_magic, ef.too_large, ef.no_terminator}
+
+tarnwick.prefs.tcp_port = Pref.uint("TCP port", DEFAULT_PORT,
+                                    "The TCP port that is decoded as this protocol")
+
+local tcp_stream_field = Field.new("tcp.stream")
+local xml_dissector = Dissector.get("xml")
+
+-- Requests and replies by connection and token, filled on the first pass:
+-- transactions["STREAM/TOKEN"] is the exchange under way for that token,
+-- and by_frame["FRAME/TOKEN/KIND"] the exchange that a message of a frame
+-- belongs to, so that later passes show the same pairs.
+local transactions = {}
+local by_frame = {}
+
+function tarnwick.init()
+    transactions = {}
+    by_frame = {}
+end
+
+local function event_name(type_number)
+    return EVENT_NAMES[type_number] or ("type " .. type_number)
+end
+
+local function stream_key()
+    local stream = tcp_stream_field()
+    return stream and tostring(stream.value) or "?"
+end
+
+-- The exchange (a table with `request` and `reply` frame numbers) that the
+-- message belongs to.
+local function track(pinfo, token, is_reply)
+    local frame_key = pinfo.number .. "/" .. token .. "/" .. (is_reply and "r" or "q")
+    local exchange = by_frame[frame_key]
+    if exchange ~= nil or pinfo.visited then
+        return exchange
+    end
+    local key = stream_key() .. "/" .. token
+    exchange = transactions[key]
+    if is_reply then
+        if exchange == nil or exchange.reply ~= nil then
+            exchange = {}
+            transactions[key] = exchange
+        end
+        exchange.reply = pinfo.number
+    else
+        -- A token used again after its reply starts a new exchange.
+        if exchange == nil or exchange.request ~= nil or exchange.reply ~= nil then
+            exchange = {}
+            transactions[key] = exchange
+        end
+        exchange.request = pinfo.number
+    end
+    by_frame[frame_key] = exchange
+    return exchange
+end
+
+local ENTITIES = {lt = "<", gt = ">", amp = "&", quot = '"', apos = "'"}
+
+local function utf8_char(code)
+    if code < 0x80 then
+        return string.char(code)
+    elseif code < 0x800 then
+        return string.char(0xC0 + math.floor(code / 0x40), 0x80 + code % 0x40)
+    elseif code < 0x10000 then
+        return string.char(0xE0 + math.floor(code / 0x1000), 0x80 + math.floor(code / 0x40) % 0x40,
+                           0x80 + code % 0x40)
+    end
+    return string.char(0xF0 + math.floor(code / 0x40000), 0x80 + math.floor(code / 0x1000) % 0x40,
+                       0x80 + math.floor(code / 0x40) % 0x40, 0x80 + code % 0x40)
+end
+
+local function unescape(text)
+    return (text:gsub("&(#?x?)(%w+);", function(kind, body)
+        if kind == "" then
+            return ENTITIES[body]
+        end
+        local code = tonumber(body, kind == "#x" and 16 or 10)
+        if code == nil then
+            return nil
+        end
+        return utf8_char(code)
+    end))
+end
+
+-- The top-level "param" elements of a "message" document: a list of
+-- {name, value, first, last}, with first and last the 1-based positions of
+-- the element in `xml`. A parameter with nested parameters has no value.
+local function top_level_params(xml)
+    local params = {}
+    local depth = 0
+    local current
+    local pos = 1
+    while true do
+        local s, e, closing, attrs = xml:find("<(/?)param([^>]*)>", pos)
+        if s == nil then
+            break
+        end
+        local empty = closing == "" and attrs:sub(-1) == "/"
+        if attrs ~= "" and not attrs:find("^[%s/]") then
+            -- Another element whose name begins with "param".
+        elseif closing == "/" then
+            depth = depth - 1
+            if depth == 0 and current ~= nil then
+                if current.value_start ~= nil then
+                    current.value = unescape(xml:sub(current.value_start, s - 1))
+                end
+                current.last = e
+                params[#params + 1] = current
+                current = nil
+            end
+        else
+            local name = attrs:match('name%s*=%s*"([^"]*)"') or attrs:match("name%s*=%s*'([^']*)'")
+            if depth == 0 then
+                current = {name = unescape(name or ""), first = s}
+                if empty then
+                    current.value = ""
+                    current.last = e
+                    params[#params + 1] = current
+                    current = nil
+                else
+                    current.value_start = e + 1
+                end
+            elseif current ~= nil then
+                -- Nested parameters: the top-level one is a group.
+                current.value_start = nil
+            end
+            if not empty then
+                depth = depth + 1
+            end
+        end
+        pos = e + 1
+    end
+    return params
+end
+
+local function add_payload(tvb, pinfo, tree, offset, size, binary)
+    if size == 0 then
+        return
+    end
+    local payload = tvb(offset, size)
+    if binary then
+        tree:add(pf.payload, payload)
+        return
+    end
+    -- Formatted: the XML text, then one zero byte that the size counts.
+    local text_len = size
+    if tvb(offset + size - 1, 1):uint() == 0 then
+        text_len = size - 1
+    end
+    if text_len > 0 then
+        local xml_range = tvb(offset, text_len)
+        local raw = xml_range:raw()
+        local params = top_level_params(raw)
+        local args_tree = tree:add(pf.args, xml_range)
+        args_tree:append_text(": " .. #params)
+        for _, param in ipairs(params) do
+            local range = tvb(offset + param.first - 1, param.last - param.first + 1)
+            local item = args_tree:add(pf.arg, range, param.name)
+            if param.value ~= nil then
+                item:append_text(" = " .. param.value)
+                item:add(pf.arg_value, range, param.value)
+            end
+        end
+        xml_dissector:call(xml_range:tvb(), pinfo, tree)
+    end
+    if text_len == size then
+        tree:add_proto_expert_info(ef.no_terminator)
+    else
+        tree:add(pf.terminator, tvb(offset + text_len, 1))
+    end
+end
+
+-- Shows the message whose header starts at `offset` (whole in `tvb`).
+-- Returns a line for the Info column.
+local function dissect_message(tvb, pinfo, tree, offset)
+    local token = tvb(offset + 4, 4):uint()
+    local size = tvb(offset + 8, 4):uint()
+    local type_number = tvb(offset + 12, 4):uint()
+    local flags = tvb(offset + 16, 4):uint()
+    local is_reply = bit.band(flags, FLAG_RESULT) ~= 0
+    local binary = bit.band(flags, FLAG_BINARY) ~= 0
+    local name = event_name(type_number)
+    local kind = is_reply and "reply" or "request"
+
+    local msg = tree:add(tarnwick, tvb(offset, HEADER_SIZE + size))
+    msg:append_text(string.format(", %s %s, token %u", name, kind, token))
+
+    msg:add(pf.agentid, tvb(offset, 4))
+    msg:add(pf.act, tvb(offset + 4, 4))
+    msg:add(pf.size, tvb(offset + 8, 4))
+    msg:add(pf.type, tvb(offset + 12, 4))
+    local flags_item = msg:add(pf.flags, tvb(offset + 16, 4))
+    local flag_names = {}
+    if is_reply then
+        flag_names[#flag_names + 1] = "result"
+    end
+    if binary then
+        flag_names[#flag_names + 1] = "binary"
+    end
+    if bit.band(flags, FLAG_ERROR) ~= 0 then
+        flag_names[#flag_names + 1] = "error"
+    end
+    if bit.band(flags, FLAG_BROADCAST) ~= 0 then
+        flag_names[#flag_names + 1] = "broadcast"
+    end
+    if #flag_names > 0 then
+        flags_item:append_text(" (" .. table.concat(flag_names, ", ") .. ")")
+    end
+    flags_item:add(pf.flag_result, tvb(offset + 16, 4))
+    flags_item:add(pf.flag_binary, tvb(offset + 16, 4))
+    flags_item:add(pf.flag_error, tvb(offset + 16, 4))
+    flags_item:add(pf.flag_broadcast, tvb(offset + 16, 4))
+    flags_item:add(pf.flag_unused, tvb(offset + 16, 4))
+    msg:add(pf.magic, tvb(offset + 20, 4))
+    msg:add(pf.state, tvb(offset + 24, 4))
+    msg:add(pf.reserved, tvb(offset + 28, 4))
+    msg:add(pf.event, tvb(offset + 12, 4), name):set_generated()
+    msg:add(pf.kind, tvb(offset + 16, 4), kind):set_generated()
+
+    local exchange = track(pinfo, token, is_reply)
+    if exchange ~= nil then
+        if is_reply then
+            if exchange.request ~= nil then
+                msg:add(pf.request_in, exchange.request):set_generated()
+            end
+        elseif exchange.reply ~= nil then
+            msg:add(pf.reply_in, exchange.reply):set_generated()
+        end
+    end
+
+    add_payload(tvb, pinfo, msg, offset + HEADER_SIZE, size, binary)
+    return string.format("%s %s token=%u", name, kind, token)
+end
+
+function tarnwick.dissector(tvb, pinfo, tree)
+    local length = tvb:len()
+    local offset = 0
+    local infos = {}
+    while offset < length do
+        local remaining = length - offset
+        if remaining < HEADER_SIZE then
+            pinfo.desegment_offset = offset
+            pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
+            break
+        end
+        if tvb(offset + 20, 4):uint() ~= MAGIC then
+            if offset == 0 then
+                -- Not the start of a message: leave the bytes to others.
+                return 0
+            end
+            local item = tree:add(tarnwick, tvb(offset))
+            item:add_proto_expert_info(ef.bad_magic)
+            infos[#infos + 1] = "invalid header"
+            offset = length
+            break
+        end
+        local size = tvb(offset + 8, 4):uint()
+        if size > MAX_SIZE then
+            local item = tree:add(tarnwick, tvb(offset))
+            item:add(pf.size, tvb(offset + 8, 4))
+            item:add_proto_expert_info(ef.too_large)
+            infos[#infos + 1] = "payload size over the limit"
+            offset = length
+            break
+        end
+        if remaining < HEADER_SIZE + size then
+            pinfo.desegment_offset = offset
+            pinfo.desegment_len = HEADER_SIZE + size - remaining
+            break
+        end
+        infos[#infos + 1] = dissect_message(tvb, pinfo, tree, offset)
+        offset = offset + HEADER_SIZE + size
+    end
+    if #infos > 0 then
+        pinfo.cols.protocol:set("Tarnwick")
+        pinfo.cols.info:set(table.concat(infos, ", "))
+    end
+    return length
+end
+
+local function heuristic(tvb, pinfo, tree)
+    if tvb:len() < 24 or tvb(20, 4):uint() ~= MAGIC then
+        return false
+    end
+    pinfo.conversation = tarnwick
+    tarnwick.dissector(tvb, pinfo, tree)
+    return true
+end
+tarnwick:register_heuristic("tcp", heuristic)
+
+local tcp_port_table = DissectorTable.get("tcp.port")
+local registered_port = 0
+
+local function register_port()
+    if registered_port ~= 0 then
+        tcp_port_table:remove(registered_port, tarnwick)
+    end
+    registered_port = tarnwick.prefs.tcp_port
+    if registered_port ~= 0 then
+        tcp_port_table:add(registered_port, tarnwick)
+    end
+end
+
+function tarnwick.prefs_changed()
+    if registered_port ~= tarnwick.prefs.tcp_port then
+        register_port()
+    end
+end
+
+register_port()

@@ -12,7 +12,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../tarnwick"
 util='log|path|ticked_thread|strings|utf8|base64|password|random|system|url|commands|registry|replacement_file|temporary_file|directory_iterator|path_encoder|logfile_rotate|process|process_termination|export'
 msg='message_header|message_block|message_codec|xml|abstract_event|event_factory|exception|act_cache|progressinformation'
 cfg='configfile|configuration|configuration_t|configuration_paths|twconfiguration|twsubconfiguration'
-upper='handler|handler_t|engine|router|router_base|acceptor|application|recordset|webservice|logparser|cleanup|twprocess|tarnwick|pathobject|contentrouter|store_client|pidfile|scheduler|service-systemd'
+upper='handler|handler_t|engine|router|router_base|acceptor|application|recordset|webservice|logparser|cleanup|twprocess|tarnwick|pathobject|contentrouter|store_client|store_reader|pidfile|scheduler|service-systemd'
 
 includes() { grep -H '^#include <tarnwick/' "$1.cpp" "tarnwick/$1.h" 2>/dev/null; }
 

@@ -867,6 +867,35 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
         return nullptr;
     }
     int const saved = errno;
+    Configuration* const configuration = getConfigSingleton();
+    const wchar_t* const url =
+        configuration != nullptr ? configuration->asString(L"storeurl") : nullptr;
+    const wchar_t* const endpoint =
+        configuration != nullptr ? configuration->asString(L"storeendpoint") : nullptr;
+    std::string text, endpointText, runtime;
+    if ((url != nullptr && !wcstoutf8(url, text)) ||
+        (endpoint != nullptr && !wcstoutf8(endpoint, endpointText))) {
+        setStatus(CR_E_URL);
+        return nullptr;
+    }
+    if (!wcstoutf8(runtimedir, runtime)) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    CRHandle const handle =
+        CROpen(text.c_str(), endpointText.c_str(), runtime.c_str(), dsid, flags);
+    if (handle != nullptr)
+        errno = saved;
+    return handle;
+}
+
+CRHandle CROpen(const char* url, const char* endpoint, const char* runtimedir, int dsid,
+                int flags) {
+    if (url == nullptr || endpoint == nullptr || runtimedir == nullptr) {
+        setStatus(CR_E_INVAL);
+        return nullptr;
+    }
+    int const saved = errno;
     std::unique_ptr<Connection> connection(new (std::nothrow) Connection());
     if (!connection) {
         setStatus(CR_E_NOMEM);
@@ -876,26 +905,17 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
     connection->fptype = 1;
     connection->flags = flags;
     connection->authenticated = false;
-    Configuration* const configuration = getConfigSingleton();
-    const wchar_t* const url =
-        configuration != nullptr ? configuration->asString(L"storeurl") : nullptr;
-    std::string text;
-    if (url != nullptr && *url != L'\0' && !wcstoutf8(url, text)) {
-        setStatus(CR_E_URL);
-        return nullptr;
-    }
+    std::string const text(url);
     if (text.compare(0, 5, "s3://") == 0) {
-        const wchar_t* const endpoint = configuration->asString(L"storeendpoint");
         std::string const rest = text.substr(5);
         size_t const slash = rest.find('/');
         connection->bucket = rest.substr(0, slash);
         connection->prefix = slash == std::string::npos ? "" : rest.substr(slash + 1);
         while (!connection->prefix.empty() && connection->prefix.back() == '/')
             connection->prefix.pop_back();
-        if (endpoint == nullptr || *endpoint == L'\0' || connection->bucket.empty() ||
-            !wcstoutf8(endpoint, connection->endpoint) ||
-            (connection->endpoint.compare(0, 7, "http://") != 0 &&
-             connection->endpoint.compare(0, 8, "https://") != 0)) {
+        connection->endpoint = endpoint;
+        if (connection->bucket.empty() || (connection->endpoint.compare(0, 7, "http://") != 0 &&
+                                           connection->endpoint.compare(0, 8, "https://") != 0)) {
             setStatus(CR_E_URL);
             return nullptr;
         }
@@ -918,11 +938,11 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
         }
         root = text.substr(7);
     } else {
-        if (!wcstoutf8(runtimedir, root)) {
+        if (*runtimedir == '\0') {
             setStatus(CR_E_INVAL);
             return nullptr;
         }
-        root += "/store";
+        root = std::string(runtimedir) + "/store";
     }
     while (root.size() > 1 && root.back() == '/')
         root.pop_back();
@@ -940,9 +960,11 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
             setStatus(status);
             return nullptr;
         }
-    } else if (int const status = makeTree(root + "/tmp"); status != CR_OK) {
-        setStatus(status);
-        return nullptr;
+    } else if (flags & 1024) {
+        if (int const status = makeTree(root + "/tmp"); status != CR_OK) {
+            setStatus(status);
+            return nullptr;
+        }
     }
     connection->root = root;
     errno = saved;
@@ -1309,8 +1331,12 @@ int CRFileGet(CRHandle handle, int dsid, const std::string& path, const std::str
     if (magic != "TWMANIFEST 1" || !po || typeLine.compare(0, 2, "T ") != 0 ||
         (type = std::atoi(typeLine.c_str() + 2), digestOf(type) == nullptr))
         return CR_E_PARSE;
+    // A stale name of an earlier restore is replaced; a link there is not
+    // followed.
     std::string const temporary = target + ".restoring";
-    int const fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    (void)::unlink(temporary.c_str());
+    int const fd =
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0)
         return statusOfErrno(errno);
     int status = CR_E_PARSE;

@@ -84,6 +84,10 @@ struct POFields {
 typedef void* CRHandle;
 CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, int flags,
                 const char* version, int number);
+// The same with the store named directly: `url` "file:///PATH", "s3://BUCKET/PREFIX"
+// (with `endpoint` "http[s]://HOST:PORT") or empty for `runtimedir`/store.
+// Without 1024 in `flags` a missing store is status 15 and nothing is made.
+CRHandle CROpen(const char* url, const char* endpoint, const char* runtimedir, int dsid, int flags);
 int CRAuthenticate(CRHandle handle, int dsid, const char* login, const char* password);
 int CRFPTypeIsValid(int type);
 int CRConfigLocateW(const wchar_t* product, wchar_t* buffer, size_t size);

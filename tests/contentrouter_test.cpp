@@ -5,8 +5,10 @@
 #include <tarnwick/configuration.h>
 #include <tarnwick/contentrouter.h>
 #include <tarnwick/registry.h>
+#include <tarnwick/store_reader.h>
 
 #include "../tarnwick/store_client.h"
+#include "child.h"
 #include "log_capture.h"
 #include "s3_server.h"
 #include "scratch_dir.h"
@@ -15,12 +17,14 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -29,6 +33,7 @@
 using Tarnwick::Configuration;
 using Tarnwick::ContentRouter;
 using Tarnwick::Setting;
+using Tarnwick::StoreReader;
 using TarnwickTest::LogCapture;
 using TarnwickTest::ScratchDir;
 
@@ -637,6 +642,257 @@ TEST_F(ContentRouterNoLoginTest, MissingLoginIsLoggedAndKeepsTheConnection) {
                   "%D ERROR (%t): Can not upload file: " + path + ", authentication refused"}),
               capture.lines());
     EXPECT_EQ(1, router.errors());
+}
+
+}  // namespace
+
+namespace {
+
+// What a restore must give back: for each uploaded file, the restored copy
+// at `root` + its path with the same bytes, mode and modification time.
+void expectRestored(const std::vector<std::string>& files, const std::string& root) {
+    for (const std::string& path : files) {
+        std::string const target = root + path;
+        EXPECT_EQ(readFile(path), readFile(target)) << path;
+        struct stat original, restored;
+        ASSERT_EQ(0, ::stat(path.c_str(), &original)) << path;
+        ASSERT_EQ(0, ::stat(target.c_str(), &restored)) << target;
+        EXPECT_EQ(original.st_mode, restored.st_mode) << path;
+        EXPECT_EQ(original.st_size, restored.st_size) << path;
+        EXPECT_EQ(original.st_mtim.tv_sec, restored.st_mtim.tv_sec) << path;
+        EXPECT_EQ(original.st_mtim.tv_nsec, restored.st_mtim.tv_nsec) << path;
+    }
+}
+
+// A tree of a few files with different sizes, modes and times.
+std::vector<std::string> makeTree(
+    const std::string& data,
+    const std::function<std::string(const std::string&, const std::string&)>& file) {
+    EXPECT_EQ(0, ::mkdir((data + "/sub").c_str(), 0750));
+    std::vector<std::string> files = {file("big.bin", randomBytes(2 * 1024 * 1024 + 33, 41)),
+                                      file("empty", ""), file("sub/small.txt", "small\n"),
+                                      file("sub/tab\tname", randomBytes(70000, 42))};
+    EXPECT_EQ(0, ::chmod(files[2].c_str(), 0600));
+    EXPECT_EQ(0, ::chmod(files[3].c_str(), 0751));
+    struct timespec times[2] = {{1000000000, 123456789}, {1500000000, 987654321}};
+    EXPECT_EQ(0, ::utimensat(AT_FDCWD, files[1].c_str(), times, 0));
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// Runs store_restore with `arguments`; its exit code and output.
+TarnwickTest::ChildResult runRestoreProgram(const std::vector<std::string>& arguments) {
+#ifdef STORE_RESTORE_PATH
+    return TarnwickTest::runInChild([&arguments]() {
+        std::vector<char*> argv;
+        std::string program = STORE_RESTORE_PATH;
+        argv.push_back(&program[0]);
+        std::vector<std::string> copies = arguments;
+        for (std::string& argument : copies)
+            argv.push_back(&argument[0]);
+        argv.push_back(nullptr);
+        ::execv(program.c_str(), argv.data());
+        return 127;
+    });
+#else
+    (void)arguments;
+    return TarnwickTest::ChildResult();
+#endif
+}
+
+bool restoreProgramBuilt() {
+#ifdef STORE_RESTORE_PATH
+    return true;
+#else
+    return false;
+#endif
+}
+
+std::string lines(const std::vector<std::string>& paths) {
+    std::string out;
+    for (const std::string& path : paths)
+        out += path + "\n";
+    return out;
+}
+
+TEST_F(ContentRouterTest, ReaderListsAndRestoresATreeFromADirectoryStore) {
+    std::vector<std::string> const files =
+        makeTree(data_, [this](const std::string& n, const std::string& c) { return file(n, c); });
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 40));
+    EXPECT_EQ(4, router.count());
+    EXPECT_EQ(0, router.errors());
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("file://" + store_, "", "agent", "secret")) << reader.status();
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, reader.list(40, paths));
+    EXPECT_EQ(files, paths);
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(4, reader.restoreAll(40, restore));
+    expectRestored(files, restore);
+
+    // One file, to a name of the caller's choice, replacing what is there.
+    std::string const one = dir_.path() + "/one";
+    writeFile(one, "old content, longer than the new one");
+    ASSERT_EQ(0, reader.restore(40, files[2], one));
+    EXPECT_EQ(readFile(files[2]), readFile(one));
+    EXPECT_EQ(0, TarnwickTest::countEntries(store_ + "/tmp"));
+}
+
+TEST_F(ContentRouterTest, ReaderOpensTheStoreOfTheUploadSettings) {
+    std::string const path = file("a.txt", "by the settings");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 41));
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open()) << reader.status();
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, reader.list(41, paths));
+    EXPECT_EQ(std::vector<std::string>{path}, paths);
+    // Nothing was stored under another DSID.
+    ASSERT_EQ(0, reader.list(42, paths));
+    EXPECT_TRUE(paths.empty());
+}
+
+TEST_F(ContentRouterTest, ReaderFailuresHaveTheirStatusTexts) {
+    StoreReader reader;
+    EXPECT_EQ(-1, reader.open("file://" + dir_.path() + "/nothing", "", "agent", "secret"));
+    EXPECT_EQ(15, reader.status());
+    EXPECT_STREQ(L"store not initialised", reader.statusText());
+    struct stat st;
+    EXPECT_NE(0, ::stat((dir_.path() + "/nothing").c_str(), &st));
+    EXPECT_EQ(-1, reader.open("ftp://host/x", "", "agent", "secret"));
+    EXPECT_STREQ(L"unsupported store URL", reader.statusText());
+    std::vector<std::string> none;
+    EXPECT_EQ(-1, reader.list(1, none));
+    EXPECT_STREQ(L"store not initialised", reader.statusText());
+
+    std::string const path = file("a.txt", "x");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 43));
+    ASSERT_EQ(0, reader.open("file://" + store_, "", "agent", "secret"));
+    EXPECT_EQ(-1, reader.restore(43, data_ + "/not-stored", dir_.path() + "/t"));
+    EXPECT_STREQ(L"no such file or directory", reader.statusText());
+    EXPECT_NE(0, ::stat((dir_.path() + "/t").c_str(), &st));
+    // A store with credentials refuses another password.
+    writeFile(store_ + "/credentials", "agent\t" + std::string(64, '0') + "\n");
+    EXPECT_EQ(-1, reader.open("file://" + store_, "", "agent", "secret"));
+    EXPECT_EQ(6, reader.status());
+    EXPECT_STREQ(L"authentication refused", reader.statusText());
+    EXPECT_FALSE(reader.isOpen());
+}
+
+TEST_F(ContentRouterTest, ReaderRestoresNothingOutsideItsDirectory) {
+    std::string const path = file("a.txt", "escape");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 44));
+    // A manifest whose recorded directory climbs out with "..".
+    std::string const files = store_ + "/dsid/44/files/";
+    std::vector<std::string> names;
+    DIR* const dir = ::opendir(files.c_str());
+    ASSERT_NE(nullptr, dir);
+    while (const struct dirent* entry = ::readdir(dir))
+        if (entry->d_name[0] != '.')
+            names.push_back(entry->d_name);
+    ::closedir(dir);
+    ASSERT_EQ(1u, names.size());
+    std::string manifest = readFile(files + names[0]);
+    std::string escapedDir = dir_.path();
+    for (size_t at = escapedDir.find('/'); at != std::string::npos; at = escapedDir.find('/', at))
+        escapedDir.replace(at, 1, "%2F");
+    size_t const at = manifest.find("\t" + escapedDir + "%2Fdata\ta.txt");
+    ASSERT_NE(std::string::npos, at) << manifest;
+    manifest.insert(at + 1 + escapedDir.size() + 7, "%2F..%2F..");
+    writeFile(files + "0.manifest", manifest);
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("file://" + store_, "", "agent", "secret"));
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, reader.list(44, paths));
+    ASSERT_EQ(2u, paths.size());
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(-1, reader.restoreAll(44, restore));
+    EXPECT_EQ(2, reader.status());
+    EXPECT_STREQ(L"invalid argument", reader.statusText());
+    struct stat st;
+    EXPECT_NE(0, ::stat((restore + dir_.path() + "/a.txt").c_str(), &st));
+}
+
+TEST_F(ContentRouterTest, RestoreProgramListsAndRestoresFromADirectoryStore) {
+    if (!restoreProgramBuilt())
+        GTEST_SKIP() << "store_restore is not built (TARNWICK_BUILD_EXAMPLES=OFF)";
+    std::vector<std::string> const files =
+        makeTree(data_, [this](const std::string& n, const std::string& c) { return file(n, c); });
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 45));
+    std::string const url = "--store=file://" + store_;
+
+    TarnwickTest::ChildResult listed =
+        runRestoreProgram({url, "--login=agent", "--dsid=45", "--list"});
+    EXPECT_EQ(0, listed.exitCode()) << listed.errors;
+    EXPECT_EQ(lines(files), listed.output);
+
+    std::string const restore = dir_.path() + "/restore";
+    TarnwickTest::ChildResult all =
+        runRestoreProgram({url, "--login=agent", "--dsid=45", "--target=" + restore});
+    EXPECT_EQ(0, all.exitCode()) << all.errors;
+    EXPECT_EQ("restored 4 files below " + restore + "\n", all.output);
+    expectRestored(files, restore);
+
+    std::string const one = dir_.path() + "/one";
+    TarnwickTest::ChildResult single = runRestoreProgram(
+        {url, "--login=agent", "--dsid=45", "--file=" + files[0], "--target=" + one});
+    EXPECT_EQ(0, single.exitCode()) << single.errors;
+    EXPECT_EQ("restored " + files[0] + " to " + one + "\n", single.output);
+    EXPECT_EQ(readFile(files[0]), readFile(one));
+
+    TarnwickTest::ChildResult missing = runRestoreProgram(
+        {url, "--login=agent", "--dsid=45", "--file=/not/stored", "--target=" + one + "x"});
+    EXPECT_EQ(1, missing.exitCode());
+    EXPECT_EQ("store_restore: cannot restore /not/stored: no such file or directory\n",
+              missing.errors);
+}
+
+TEST_F(ContentRouterS3Test, ReaderAndRestoreProgramRestoreATreeFromS3) {
+    std::vector<std::string> const files =
+        makeTree(data_, [this](const std::string& n, const std::string& c) { return file(n, c); });
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 46));
+    EXPECT_EQ(4, router.count());
+    EXPECT_EQ(0, router.errors());
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("s3://backup/agents/one", server_.endpoint(), "agent", "secret"))
+        << reader.status();
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, reader.list(46, paths));
+    EXPECT_EQ(files, paths);
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(4, reader.restoreAll(46, restore));
+    expectRestored(files, restore);
+
+    EXPECT_EQ(-1, reader.open("s3://backup/agents/one", server_.endpoint(), "agent", "wrong"));
+    EXPECT_STREQ(L"authentication refused", reader.statusText());
+    EXPECT_EQ(-1, reader.open("s3://backup/agents/none", server_.endpoint(), "agent", "secret"));
+    EXPECT_STREQ(L"store not initialised", reader.statusText());
+
+    if (!restoreProgramBuilt())
+        GTEST_SKIP() << "store_restore is not built (TARNWICK_BUILD_EXAMPLES=OFF)";
+    std::vector<std::string> const common = {"--store=s3://backup/agents/one",
+                                             "--endpoint=" + server_.endpoint(), "--login=agent",
+                                             "--passwd=secret", "--dsid=46"};
+    std::vector<std::string> arguments = common;
+    arguments.push_back("--list");
+    TarnwickTest::ChildResult listed = runRestoreProgram(arguments);
+    EXPECT_EQ(0, listed.exitCode()) << listed.errors;
+    EXPECT_EQ(lines(files), listed.output);
+    std::string const again = dir_.path() + "/again";
+    arguments = common;
+    arguments.push_back("--target=" + again);
+    TarnwickTest::ChildResult all = runRestoreProgram(arguments);
+    EXPECT_EQ(0, all.exitCode()) << all.errors;
+    EXPECT_EQ("restored 4 files below " + again + "\n", all.output);
+    expectRestored(files, again);
 }
 
 }  // namespace

@@ -15,7 +15,8 @@
 -- It decodes TCP port 7777 (the port of the demo agent in the README; the
 -- preference "tarnwick.tcp_port" changes it) and any TCP conversation whose
 -- first segment starts with a header that carries the magic (a heuristic
--- dissector, "tarnwick_tcp"). A message that spans segments is reassembled
+-- dissector, "tarnwick_tcp"; also of decrypted TLS data, "tarnwick_tls").
+-- A message that spans segments is reassembled
 -- before it is shown; several messages in one segment are all shown.
 --
 -- A request (result flag clear) and its reply (result flag set) carry the
@@ -405,6 +406,8 @@ local function heuristic(tvb, pinfo, tree)
     return true
 end
 tarnwick:register_heuristic("tcp", heuristic)
+-- Decrypted TLS data, when Wireshark has the session keys.
+tarnwick:register_heuristic("tls", heuristic)
 
 local tcp_port_table = DissectorTable.get("tcp.port")
 local registered_port = 0

@@ -18,6 +18,8 @@ packages=(
     libcap2-bin procps file
     # systemd-analyze, which checks the unit file that a service installs
     systemd
+    # Debian packages: dpkg-shlibdeps for their dependencies, lintian to check them
+    dpkg-dev lintian
     # the Wireshark dissector test: capture on loopback, decode with tshark
     tcpdump tshark
 )

@@ -11,7 +11,8 @@
 #     GetVersionEvent in one write, so that one segment holds two messages,
 #     and then a KickEvent with a binary payload of 16 MiB, which reaches
 #     tshark in many segments. It chooses their tokens: 1, 168496141 and
-#     4294967295.
+#     4294967295; and last a header with a wrong magic, after which the
+#     agent ends the connection.
 # Then tshark decodes the capture with the dissector, once on the port given
 # by the preference and once by the heuristic alone, and the test compares
 # the event names, kinds, tokens, flags, argument names and values and the
@@ -129,6 +130,10 @@ word() {
     printf '\\x%02x\\x%02x\\x%02x\\x%02x' $((($1 >> 24) & 255)) $((($1 >> 16) & 255)) \
         $((($1 >> 8) & 255)) $(($1 & 255))
 }
+le() {
+    printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $((($1 >> 8) & 255)) \
+        $((($1 >> 16) & 255)) $((($1 >> 24) & 255))
+}
 header() {
     printf "$(word "$1")$(word "$2")$(word "$3")$(word "$4")$(word "$5")$(word 393729)$(word 0)$(word 0)"
 }
@@ -149,8 +154,19 @@ wait_for 10 grep -qa "demo_agent" raw.out || fail "no reply to the raw GetVersio
 cat big.bin >&3 || fail "the raw client could not write 16 MiB"
 wait_for 10 grep -qa "Unsupported command: Kick." raw.out ||
     fail "no reply to the raw KickEvent"
+# A GetVersionEvent whose header is in little-endian order: the agent, on a
+# little-endian host, takes it in and replies in network order.
+if [[ $(printf '\001\000' | od -An -tu2 | tr -d ' ') == 1 ]]; then
+    little_endian=1
+    printf "$(le 0)$(le 168496142)$(le 0)$(le 17)$(le 0)$(le 393729)$(le 0)$(le 0)" >&3
+    wait_for 10 eval '[[ $(grep -ac "demo_agent" raw.out) -ge 2 ]]' ||
+        fail "no reply to the little-endian GetVersionEvent"
+fi
+# Last, a header with a wrong magic: the agent ends the connection.
+printf "$(word 0)$(word 7)$(word 0)$(word 17)$(word 0)$(word 3735928559)$(word 0)$(word 0)" >&3
+wait_for 10 eval '! kill -0 $reader_pid 2>/dev/null' ||
+    fail "the agent did not end the connection after an invalid header"
 exec 3>&-
-kill "$reader_pid" 2>/dev/null
 wait "$reader_pid" 2>/dev/null
 reader_pid=
 
@@ -172,7 +188,8 @@ fi
 # field that occurs more than once (several messages in a frame, several
 # arguments) are joined by ';'.
 fields=(frame.number tcp.segment.count tarnwick.event tarnwick.kind tarnwick.act tarnwick.flags
-    tarnwick.size tarnwick.arg tarnwick.arg.value tarnwick.reply_in tarnwick.request_in)
+    tarnwick.size tarnwick.arg tarnwick.arg.value tarnwick.reply_in tarnwick.request_in
+    tarnwick.bad_magic tarnwick.little_endian)
 decode() {
     local name=$1
     shift
@@ -221,7 +238,7 @@ messages=$(awk -F'\t' '
         split($6, flags, ";"); split($7, size, ";")
         for (i = 1; i <= n; i++) {
             token = act[i]
-            if (token != 1 && token != 168496141 && token != 4294967295) {
+            if (token != 1 && token != 168496141 && token != 168496142 && token != 4294967295) {
                 if (!(token in names))
                     names[token] = "T" (++count)
                 token = names[token]
@@ -243,6 +260,11 @@ GetVersionEvent request 168496141 0x00000000 0
 GetVersionEvent reply 168496141 0x00000002 -
 KickEvent request 4294967295 0x00000004 16777216
 ErrorEvent reply 4294967295 0x00000006 -"
+if [[ -n ${little_endian:-} ]]; then
+    expected_messages+="
+GetVersionEvent request 168496142 0x00000000 0
+GetVersionEvent reply 168496142 0x00000002 -"
+fi
 check "the messages" "$expected_messages" "$messages"
 
 # The arguments of all messages in capture order, name=value. The error reply
@@ -270,6 +292,11 @@ errormsg=Unsupported command: Kick.
 errornr=38
 name=demo_agent
 version=$version"
+if [[ -n ${little_endian:-} ]]; then
+    expected_arguments+="
+name=demo_agent
+version=$version"
+fi
 check "the arguments" "$expected_arguments" "$arguments"
 
 # Requests and replies: each reply names the frame of its request, and that
@@ -297,9 +324,10 @@ pairs=$(awk -F'\t' '
     }' by_port)
 expected_pairs=$(awk -F'\t' '$11 != "" { split($5, t, ";"); print t[1], "after", "matched" }' by_port)
 check "the request/reply pairs" "$expected_pairs" "$pairs"
-[[ $(wc -l <<<"$pairs") -eq 5 ]] || fail "expected 5 replies, got: $pairs"
-[[ $(awk -F'\t' '$10 != ""' by_port | wc -l) -eq 5 ]] ||
-    fail "expected 5 requests with a reply: $(cat by_port)"
+replies=$((5 + ${little_endian:-0}))
+[[ $(wc -l <<<"$pairs") -eq $replies ]] || fail "expected $replies replies, got: $pairs"
+[[ $(awk -F'\t' '$10 != ""' by_port | wc -l) -eq $replies ]] ||
+    fail "expected $replies requests with a reply: $(cat by_port)"
 
 # The 16 MiB message: one message, reassembled from many segments.
 segments=$(awk -F'\t' '$7 == "16777216" { print $2 }' by_port)
@@ -308,5 +336,13 @@ segments=$(awk -F'\t' '$7 == "16777216" { print $2 }' by_port)
 # Two messages in the raw client's first segment.
 grep -qF $'\tHeartBeatEvent;GetVersionEvent\t' by_port ||
     fail "the raw client's two messages are not shown in one frame"
+
+# The invalid header: flagged, in the last frame of the raw client's
+# connection, and nothing after it.
+invalid=$(awk -F'\t' '$12 != "" { print NR ":" $3 ":" $12 }' by_port)
+check "the invalid header" "$(wc -l <by_port)::1" "$invalid"
+# The little-endian header: shown with its warning, and no other.
+warned=$(awk -F'\t' '$13 != "" { print $3 ":" $5 ":" $13 }' by_port)
+check "the little-endian warnings" "${little_endian:+GetVersionEvent:168496142:1}" "$warned"
 
 echo "ok: $(wc -l <<<"$messages") messages in $(wc -l <by_port) frames; the 16 MiB message from $segments segments"

@@ -4,7 +4,9 @@
 -- network order (agentid, ACT, size, type, flags, magic, state, reserved),
 -- followed by `size` bytes of payload: an XML "message" document and one
 -- zero byte when the message is formatted, opaque bytes when the binary
--- flag is set.
+-- flag is set. A header whose words are all in little-endian order (the
+-- magic reads 01 02 06 00) is shown too, with a warning: the library's
+-- receiver on a little-endian host accepts it.
 --
 -- Use it with
 --   wireshark -X lua_script:tools/wireshark/tarnwick.lua
@@ -112,11 +114,14 @@ local ef = {
                                 expert.group.MALFORMED, expert.severity.ERROR),
     too_large = ProtoExpert.new("tarnwick.too_large", "Payload size over the 2 GiB limit",
                                 expert.group.MALFORMED, expert.severity.ERROR),
+    little_endian = ProtoExpert.new("tarnwick.little_endian",
+                                    "Header in little-endian order, not network order",
+                                    expert.group.PROTOCOL, expert.severity.WARN),
     no_terminator = ProtoExpert.new("tarnwick.no_terminator",
                                     "Formatted payload does not end with a zero byte",
                                     expert.group.PROTOCOL, expert.severity.WARN),
 }
-tarnwick.experts = {ef.bad_magic, ef.too_large, ef.no_terminator}
+tarnwick.experts = {ef.bad_magic, ef.too_large, ef.little_endian, ef.no_terminator}
 
 tarnwick.prefs.tcp_port = Pref.uint("TCP port", DEFAULT_PORT,
                                     "The TCP port that is decoded as this protocol")
@@ -130,10 +135,15 @@ local xml_dissector = Dissector.get("xml")
 -- belongs to, so that later passes show the same pairs.
 local transactions = {}
 local by_frame = {}
+-- The frame of the first message of each TCP connection: a segment after it
+-- that starts without the magic is an invalid header, one before it (a
+-- capture that began in the middle of a message) is left alone.
+local first_message = {}
 
 function tarnwick.init()
     transactions = {}
     by_frame = {}
+    first_message = {}
 end
 
 local function event_name(type_number)
@@ -289,13 +299,31 @@ local function add_payload(tvb, pinfo, tree, offset, size, binary)
     end
 end
 
+-- The byte order of the header at `offset`: false for network order (the
+-- magic reads 00 06 02 01), true for little-endian order (01 02 06 00: the
+-- library's receiver on a little-endian host takes such a header as one in
+-- its own order), nil for no header.
+local function byte_order(tvb, offset)
+    local magic = tvb(offset + 20, 4)
+    if magic:uint() == MAGIC then
+        return false
+    elseif magic:le_uint() == MAGIC then
+        return true
+    end
+    return nil
+end
+
 -- Shows the message whose header starts at `offset` (whole in `tvb`).
 -- Returns a line for the Info column.
-local function dissect_message(tvb, pinfo, tree, offset)
-    local token = tvb(offset + 4, 4):uint()
-    local size = tvb(offset + 8, 4):uint()
-    local type_number = tvb(offset + 12, 4):uint()
-    local flags = tvb(offset + 16, 4):uint()
+local function dissect_message(tvb, pinfo, tree, offset, little_endian)
+    local function word(at)
+        local range = tvb(offset + at, 4)
+        return little_endian and range:le_uint() or range:uint()
+    end
+    local token = word(4)
+    local size = word(8)
+    local type_number = word(12)
+    local flags = word(16)
     local is_reply = bit.band(flags, FLAG_RESULT) ~= 0
     local binary = bit.band(flags, FLAG_BINARY) ~= 0
     local name = event_name(type_number)
@@ -304,11 +332,21 @@ local function dissect_message(tvb, pinfo, tree, offset)
     local msg = tree:add(tarnwick, tvb(offset, HEADER_SIZE + size))
     msg:append_text(string.format(", %s %s, token %u", name, kind, token))
 
-    msg:add(pf.agentid, tvb(offset, 4))
-    msg:add(pf.act, tvb(offset + 4, 4))
-    msg:add(pf.size, tvb(offset + 8, 4))
-    msg:add(pf.type, tvb(offset + 12, 4))
-    local flags_item = msg:add(pf.flags, tvb(offset + 16, 4))
+    -- Adds a header word in the message's byte order.
+    local function add_word(parent, field, at)
+        if little_endian then
+            return parent:add_le(field, tvb(offset + at, 4))
+        end
+        return parent:add(field, tvb(offset + at, 4))
+    end
+    if little_endian then
+        msg:add_proto_expert_info(ef.little_endian)
+    end
+    add_word(msg, pf.agentid, 0)
+    add_word(msg, pf.act, 4)
+    add_word(msg, pf.size, 8)
+    add_word(msg, pf.type, 12)
+    local flags_item = add_word(msg, pf.flags, 16)
     local flag_names = {}
     if is_reply then
         flag_names[#flag_names + 1] = "result"
@@ -325,14 +363,14 @@ local function dissect_message(tvb, pinfo, tree, offset)
     if #flag_names > 0 then
         flags_item:append_text(" (" .. table.concat(flag_names, ", ") .. ")")
     end
-    flags_item:add(pf.flag_result, tvb(offset + 16, 4))
-    flags_item:add(pf.flag_binary, tvb(offset + 16, 4))
-    flags_item:add(pf.flag_error, tvb(offset + 16, 4))
-    flags_item:add(pf.flag_broadcast, tvb(offset + 16, 4))
-    flags_item:add(pf.flag_unused, tvb(offset + 16, 4))
-    msg:add(pf.magic, tvb(offset + 20, 4))
-    msg:add(pf.state, tvb(offset + 24, 4))
-    msg:add(pf.reserved, tvb(offset + 28, 4))
+    add_word(flags_item, pf.flag_result, 16)
+    add_word(flags_item, pf.flag_binary, 16)
+    add_word(flags_item, pf.flag_error, 16)
+    add_word(flags_item, pf.flag_broadcast, 16)
+    add_word(flags_item, pf.flag_unused, 16)
+    add_word(msg, pf.magic, 20)
+    add_word(msg, pf.state, 24)
+    add_word(msg, pf.reserved, 28)
     msg:add(pf.event, tvb(offset + 12, 4), name):set_generated()
     msg:add(pf.kind, tvb(offset + 16, 4), kind):set_generated()
 
@@ -362,8 +400,10 @@ function tarnwick.dissector(tvb, pinfo, tree)
             pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
             break
         end
-        if tvb(offset + 20, 4):uint() ~= MAGIC then
-            if offset == 0 then
+        local little_endian = byte_order(tvb, offset)
+        if little_endian == nil then
+            local first = first_message[stream_key()]
+            if offset == 0 and (first == nil or pinfo.number <= first) then
                 -- Not the start of a message: leave the bytes to others.
                 return 0
             end
@@ -373,10 +413,11 @@ function tarnwick.dissector(tvb, pinfo, tree)
             offset = length
             break
         end
-        local size = tvb(offset + 8, 4):uint()
+        local size_range = tvb(offset + 8, 4)
+        local size = little_endian and size_range:le_uint() or size_range:uint()
         if size > MAX_SIZE then
             local item = tree:add(tarnwick, tvb(offset))
-            item:add(pf.size, tvb(offset + 8, 4))
+            item:add(pf.size, size_range, size)
             item:add_proto_expert_info(ef.too_large)
             infos[#infos + 1] = "payload size over the limit"
             offset = length
@@ -387,7 +428,13 @@ function tarnwick.dissector(tvb, pinfo, tree)
             pinfo.desegment_len = HEADER_SIZE + size - remaining
             break
         end
-        infos[#infos + 1] = dissect_message(tvb, pinfo, tree, offset)
+        infos[#infos + 1] = dissect_message(tvb, pinfo, tree, offset, little_endian)
+        if not pinfo.visited then
+            local stream = stream_key()
+            if first_message[stream] == nil then
+                first_message[stream] = pinfo.number
+            end
+        end
         offset = offset + HEADER_SIZE + size
     end
     if #infos > 0 then
@@ -398,7 +445,7 @@ function tarnwick.dissector(tvb, pinfo, tree)
 end
 
 local function heuristic(tvb, pinfo, tree)
-    if tvb:len() < 24 or tvb(20, 4):uint() ~= MAGIC then
+    if tvb:len() < 24 or byte_order(tvb, 0) == nil then
         return false
     end
     pinfo.conversation = tarnwick

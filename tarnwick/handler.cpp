@@ -10,9 +10,12 @@
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Reactor.h>
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -112,9 +115,61 @@ Handler::Handler()
       m_queued_disk_bytes(0),
       m_socket_full(false),
       m_blocked_since(0),
-      m_overflow_reported(false) {}
+      m_overflow_reported(false),
+      m_pipe{-1, -1},
+      m_pipe_size(0),
+      m_copy_sent(false),
+      m_copy_received(false) {}
 
-Handler::~Handler() = default;
+Handler::~Handler() {
+    closePipe();
+}
+
+Handler::Sendfile_Call Handler::File_To_Socket = &::sendfile;
+Message_Block::Splice_Call Handler::Socket_To_Pipe = &::splice;
+
+ssize_t Handler::send_parts(const iovec* parts, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (parts[i].iov_len > 0)
+            return send_bytes(parts[i].iov_base, parts[i].iov_len, nullptr);
+    }
+    return 0;
+}
+
+ssize_t Handler::send_file(ACE_HANDLE, uint64_t, size_t) {
+    errno = ENOSYS;
+    return -1;
+}
+
+ssize_t Handler::recv_to_pipe(int, size_t) {
+    errno = ENOSYS;
+    return -1;
+}
+
+bool Handler::openPipe() {
+    if (m_pipe[0] != -1)
+        return true;
+    if (::pipe2(m_pipe, O_CLOEXEC | O_NONBLOCK) == -1) {
+        m_pipe[0] = m_pipe[1] = -1;
+        return false;
+    }
+    // A larger pipe moves more per system call; the default serves too.
+    int const wanted = 1 << 20;
+    if (::fcntl(m_pipe[1], F_SETPIPE_SZ, wanted) == -1)
+        ::fcntl(m_pipe[1], F_SETPIPE_SZ, 256 << 10);
+    int const size = ::fcntl(m_pipe[1], F_GETPIPE_SZ);
+    m_pipe_size = size > 0 ? static_cast<size_t>(size) : 65536;
+    return true;
+}
+
+void Handler::closePipe() {
+    for (int& end : m_pipe) {
+        if (end != -1)
+            ::close(end);
+        end = -1;
+    }
+    m_pipe_size = 0;
+}
 
 ACE_Reactor* Handler::engineReactor() {
     if (m_engine != nullptr && m_owner->getReactor() != nullptr)
@@ -441,6 +496,17 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
         return -1;
     }
 
+    // The payload of a message that goes to a spill file anyway is moved
+    // from the socket into the file through a pipe: the bytes don't cross
+    // user space.
+    if (!m_copy_received && m_reader.spilling()) {
+        int const status = receiveSpliced(block, taken);
+        if (status == 1)
+            return taken;
+        if (status != 2)
+            return status;
+    }
+
     bool const in_header = !m_reader.headerComplete();
     size_t const wanted = m_reader.wanted();
     // Every attempt counts, also one that finds nothing (an SSL record not
@@ -483,6 +549,47 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
         m_partial_logged = true;
         TW_LOG("%D INFO  (%t): Partial header received: only %d of %d bytes received\n",
                static_cast<int>(m_reader.headerBytes()), static_cast<int>(HEADER_SIZE));
+    }
+    errno = EWOULDBLOCK;
+    return -1;
+}
+
+int Handler::receiveSpliced(ACE_Message_Block*& block, int64_t& taken) {
+    if (!openPipe())
+        return 2;
+    size_t const ask =
+        static_cast<size_t>(std::min<uint64_t>(m_reader.payloadWanted(), m_pipe_size));
+    errno = 0;
+    ssize_t const count = recv_to_pipe(m_pipe[1], ask);
+    if (count < 1) {
+        int const error = errno;
+        m_last_read_full = false;
+        if (count < 0 && (error == EINVAL || error == ENOSYS)) {
+            m_copy_received = true;
+            return 2;
+        }
+        ++m_socket_reads;
+        if (count < 0 && error == EWOULDBLOCK)
+            return -1;
+        // A failure inside a payload ends the message like a close.
+        m_reader.reset();
+        errno = error;
+        return 0;
+    }
+    ++m_socket_reads;
+    m_last_read_full = static_cast<size_t>(count) == ask;
+    int const status = m_reader.feedFromPipe(m_pipe[0], static_cast<size_t>(count));
+    if (status == -1) {
+        // Bytes may be left in the pipe: a new one serves a next message.
+        int const error = errno;
+        closePipe();
+        errno = error;
+        return static_cast<int>(refused());
+    }
+    taken += count;
+    if (status == 1) {
+        block = m_reader.take();
+        return 1;
     }
     errno = EWOULDBLOCK;
     return -1;
@@ -604,26 +711,39 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
     }
 
     int64_t result = 0;
-    const char* data = nullptr;
-    size_t length = 0;
     if (block->length() > 0) {
-        if (m_writer->next(data, length) != 1) {
+        // The rest of the header, and behind it the first payload chunk of
+        // a payload in memory: one write (writev) where the stream allows,
+        // so that a small message leaves in one segment.
+        const char* head = nullptr;
+        size_t head_length = 0;
+        const char* chunk = nullptr;
+        size_t chunk_length = 0;
+        if (m_writer->nextWithHeader(head, head_length, chunk, chunk_length) != 1) {
             endWrite();
             errno = EINVAL;
             return -1;
         }
+        iovec parts[2];
+        parts[0].iov_base = const_cast<char*>(head);
+        parts[0].iov_len = std::min(head_length, block->length());
+        parts[1].iov_base = const_cast<char*>(chunk);
+        parts[1].iov_len = parts[0].iov_len == head_length ? chunk_length : 0;
         errno = 0;
-        ssize_t const count = send_bytes(data, std::min(length, block->length()), timeout);
+        ssize_t const count = send_parts(parts, parts[1].iov_len > 0 ? 2 : 1);
         if (count < 1) {
             if (errno != EWOULDBLOCK) {
+                int const error = errno;
                 endWrite();
+                errno = error;
                 return count;
             }
             m_socket_full = true;
             return 0;
         }
+        size_t const header_part = std::min(static_cast<size_t>(count), parts[0].iov_len);
         m_writer->advance(static_cast<size_t>(count));
-        block->rd_ptr(static_cast<size_t>(count));
+        block->rd_ptr(header_part);
         result = count;
         // Header bytes left over: the payload must not overtake them.
         if (block->length() > 0) {
@@ -631,10 +751,78 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
             errno = EWOULDBLOCK;
             return 0;
         }
+        if (static_cast<size_t>(count) > header_part) {
+            // Payload went with the header: on with the rest of it, if any.
+            if (static_cast<size_t>(count) - header_part < parts[1].iov_len) {
+                m_socket_full = true;
+                errno = EWOULDBLOCK;
+                return 0;
+            }
+            const char* data = nullptr;
+            size_t length = 0;
+            int const status = m_writer->next(data, length);
+            if (status == 1 || (status == -1 && errno == EWOULDBLOCK)) {
+                errno = EWOULDBLOCK;
+                return 0;
+            }
+            endWrite();
+            if (status == -1)
+                return -1;
+            return finished(block, result);
+        }
+    }
+    return sendPayload(block, result, timeout);
+}
+
+int64_t Handler::finished(ACE_Message_Block* block, int64_t result) {
+    if (block->data_block()->msg_type() == ACE_Message_Block::MB_HANGUP) {
+        TW_LOG("%D INFO  (%t): Connection shutdown requested.\n");
+        return -1;
+    }
+    return result;
+}
+
+int64_t Handler::sendPayload(ACE_Message_Block* block, int64_t result,
+                             const ACE_Time_Value* timeout) {
+    // A spilled payload goes from its file to the socket by sendfile, as
+    // much as the socket takes, where the stream and the file allow it.
+    ACE_HANDLE file = ACE_INVALID_HANDLE;
+    uint64_t offset = 0;
+    uint64_t left = 0;
+    if (!m_copy_sent && m_writer->spilledRange(file, offset, left)) {
+        size_t const ask = static_cast<size_t>(std::min<uint64_t>(left, Sendfile_Limit));
+        errno = 0;
+        ssize_t const count = send_file(file, offset, ask);
+        if (count > 0) {
+            m_writer->advanceSpilled(static_cast<uint64_t>(count));
+            result += count;
+            if (static_cast<uint64_t>(count) < left) {
+                if (static_cast<size_t>(count) < ask)
+                    m_socket_full = true;
+                errno = EWOULDBLOCK;
+                return 0;
+            }
+            endWrite();
+            return finished(block, result);
+        }
+        int const error = errno;
+        if (count < 0 && (error == EINVAL || error == ENOSYS)) {
+            m_copy_sent = true;
+        } else if (count < 0 && error == EWOULDBLOCK) {
+            m_socket_full = true;
+            return 0;
+        } else {
+            // The file ended before its size (0), or the socket failed.
+            endWrite();
+            errno = count == 0 ? EIO : error;
+            return -1;
+        }
     }
 
     // One chunk of payload per call, so that one large message doesn't keep
     // the reactor from the other connections.
+    const char* data = nullptr;
+    size_t length = 0;
     int status = m_writer->next(data, length);
     if (status == -1 && errno == EWOULDBLOCK)
         return 0;
@@ -668,12 +856,7 @@ int64_t Handler::send(ACE_Message_Block* block, const ACE_Time_Value* timeout) {
     endWrite();
     if (status == -1)
         return -1;
-
-    if (block->data_block()->msg_type() == ACE_Message_Block::MB_HANGUP) {
-        TW_LOG("%D INFO  (%t): Connection shutdown requested.\n");
-        return -1;
-    }
-    return result;
+    return finished(block, result);
 }
 
 void Handler::endWrite() {

@@ -9,6 +9,9 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
+#include <fcntl.h>
+#include <sys/uio.h>
+
 #include <cerrno>
 #include <new>
 
@@ -187,6 +190,50 @@ void readAgainIfPending(ACE_SSL_SOCK_Stream& stream, Handler* handler, ACE_React
     pending->remove_reference();
 }
 
+// The zero-copy and gathered writes of a plain socket: the system calls
+// themselves. -1 with ENOSYS for an SSL stream, whose bytes must pass
+// through its session.
+ssize_t writeParts(ACE_SOCK_Stream& stream, const iovec* parts, int count) {
+    ssize_t result;
+    do {
+        result = ::writev(stream.get_handle(), parts, count);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+ssize_t writeParts(ACE_SSL_SOCK_Stream&, const iovec*, int) {
+    errno = ENOSYS;
+    return -1;
+}
+
+ssize_t fileToSocket(ACE_SOCK_Stream& stream, ACE_HANDLE file, uint64_t offset, size_t length) {
+    off_t at = static_cast<off_t>(offset);
+    ssize_t result;
+    do {
+        result = Handler::File_To_Socket(stream.get_handle(), file, &at, length);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+ssize_t fileToSocket(ACE_SSL_SOCK_Stream&, ACE_HANDLE, uint64_t, size_t) {
+    errno = ENOSYS;
+    return -1;
+}
+
+ssize_t socketToPipe(ACE_SOCK_Stream& stream, int pipe, size_t length) {
+    ssize_t result;
+    do {
+        result = Handler::Socket_To_Pipe(stream.get_handle(), nullptr, pipe, nullptr, length,
+                                         SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+ssize_t socketToPipe(ACE_SSL_SOCK_Stream&, int, size_t) {
+    errno = ENOSYS;
+    return -1;
+}
+
 }  // namespace
 
 template <typename Stream, typename Connector>
@@ -248,6 +295,46 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_bytes(void* buffer, size
             m_last_recv_activity = now;
         if (m_registered && m_engine != nullptr)
             readAgainIfPending(m_stream, this, m_owner->getReactor());
+    }
+    return count;
+}
+
+template <typename Stream, typename Connector>
+void Handler_Implementation<Stream, Connector>::sentActivity(ssize_t count) {
+    if (count > 0) {
+        bytes_sent(static_cast<uint64_t>(count));
+        updateTimestamps();
+    }
+}
+
+template <typename Stream, typename Connector>
+ssize_t Handler_Implementation<Stream, Connector>::send_parts(const iovec* parts, int count) {
+    errno = 0;
+    ssize_t const result = writeParts(m_stream, parts, count);
+    if (result < 0 && errno == ENOSYS)
+        return Handler::send_parts(parts, count);
+    sentActivity(result);
+    return result;
+}
+
+template <typename Stream, typename Connector>
+ssize_t Handler_Implementation<Stream, Connector>::send_file(ACE_HANDLE file, uint64_t offset,
+                                                             size_t length) {
+    ssize_t const result = fileToSocket(m_stream, file, offset, length);
+    sentActivity(result);
+    return result;
+}
+
+template <typename Stream, typename Connector>
+ssize_t Handler_Implementation<Stream, Connector>::recv_to_pipe(int pipe, size_t length) {
+    ssize_t const count = socketToPipe(m_stream, pipe, length);
+    if (count > 0) {
+        bytes_received(static_cast<uint64_t>(count));
+        ACE_Time_Value const now = ACE_OS::gettimeofday();
+        if (m_last_activity != ACE_Time_Value::zero)
+            m_last_activity = now;
+        if (m_last_recv_activity != ACE_Time_Value::zero)
+            m_last_recv_activity = now;
     }
     return count;
 }

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -304,7 +305,7 @@ int64_t Message_Block::write(const char* data, uint64_t length) {
     return static_cast<int64_t>(length);
 }
 
-int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
+int Message_Block::beginSpill(uint64_t length, ACE_HANDLE& fd, uint64_t& needed) {
     Data_Block* block = dataBlock();
     ACT_Cache* const cache = ACT_Cache::instance();
     if (cache == nullptr)
@@ -324,13 +325,13 @@ int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
     // Everything that goes to disk now is taken from the quota first, so
     // that a refused write leaves no byte and no file behind.
     uint64_t const moved = cont_ != nullptr ? cont_->length() : 0;
-    uint64_t const needed = moved + length;
+    needed = moved + length;
     if (cache->charge(needed) == -1)
         return -1;
 
     // The file is opened once, at the first spill, and written through the
     // same descriptor from then on.
-    ACE_HANDLE fd = block->writeHandle();
+    fd = block->writeHandle();
     if (fd == ACE_INVALID_HANDLE) {
         if (!block->isStoredOnDisk()) {
             std::string name;
@@ -363,30 +364,124 @@ int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
 
     // What was held in memory goes first, so that the file holds the whole
     // payload in order; from now on every write appends to the file.
-    size_t done = 0;
-    int result = 0;
     if (cont_ != nullptr) {
-        result = writeAll(fd, cont_->rd_ptr(), cont_->length(), done);
+        size_t done = 0;
+        int const result = writeAll(fd, cont_->rd_ptr(), cont_->length(), done);
         block->m_size += done;
         block->m_charged += done;
-        if (result == 0) {
-            cont_->release();
-            cont_ = nullptr;
+        needed -= done;
+        if (result == -1) {
+            int const error = errno;
+            cache->refund(needed);
+            errno = error;
+            return -1;
         }
+        cont_->release();
+        cont_ = nullptr;
     }
-    size_t written = done;
-    if (result == 0) {
-        result = writeAll(fd, data, static_cast<size_t>(length), done);
-        block->m_size += done;
-        block->m_charged += done;
-        written += done;
-    }
-    if (written < needed) {
+    return 0;
+}
+
+int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
+    ACE_HANDLE fd = ACE_INVALID_HANDLE;
+    uint64_t needed = 0;
+    if (beginSpill(length, fd, needed) == -1)
+        return -1;
+    Data_Block* block = dataBlock();
+    size_t done = 0;
+    int const result = writeAll(fd, data, static_cast<size_t>(length), done);
+    block->m_size += done;
+    block->m_charged += done;
+    if (done < needed) {
         int const error = errno;
-        cache->refund(needed - written);
+        ACT_Cache::instance()->refund(needed - done);
         errno = error;
     }
     return result == -1 ? -1 : static_cast<int64_t>(length);
+}
+
+Message_Block::Splice_Call Message_Block::Pipe_To_File = &::splice;
+
+int64_t Message_Block::writeFromPipe(int pipe, uint64_t length) {
+    if (length == 0)
+        return 0;
+    Data_Block* block = dataBlock();
+    if (block == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    ACE_HANDLE fd = ACE_INVALID_HANDLE;
+    uint64_t needed = 0;
+    if (beginSpill(length, fd, needed) == -1)
+        return -1;
+
+    // The pipe's pages go into the file's page cache without a pass through
+    // user space, at the file's end. A file system that refuses splice
+    // (EINVAL, ENOSYS) gets the same bytes by read and write.
+    uint64_t done = 0;
+    bool copy = false;
+    int result = 0;
+    while (done < length && !copy) {
+        ssize_t const n = Pipe_To_File(pipe, nullptr, fd, nullptr,
+                                       static_cast<size_t>(length - done), SPLICE_F_MOVE);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
+            copy = true;
+            break;
+        }
+        if (n <= 0) {
+            if (done == 0 && n < 0) {
+                TW_LOG_ERRNO("%D ERROR (%t): Can not write payload data: write error.");
+            } else {
+                TW_LOG_ERRNO(
+                    "%D ERROR (%t): Can not write payload data: only partially succeeded.");
+            }
+            result = -1;
+            break;
+        }
+        done += static_cast<uint64_t>(n);
+        block->m_size += static_cast<uint64_t>(n);
+        block->m_charged += static_cast<uint64_t>(n);
+    }
+    if (copy) {
+        char buffer[16384];
+        while (done < length && result == 0) {
+            ssize_t const n =
+                ::read(pipe, buffer,
+                       static_cast<size_t>(std::min<uint64_t>(sizeof buffer, length - done)));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0) {
+                if (n == 0)
+                    errno = EIO;
+                TW_LOG_ERRNO(
+                    "%D ERROR (%t): Can not write payload data: only partially succeeded.");
+                result = -1;
+                break;
+            }
+            size_t written = 0;
+            result = writeAll(fd, buffer, static_cast<size_t>(n), written);
+            done += written;
+            block->m_size += written;
+            block->m_charged += written;
+        }
+    }
+    if (done < needed) {
+        int const error = errno;
+        ACT_Cache::instance()->refund(needed - done);
+        errno = error;
+    }
+    return result == -1 ? -1 : static_cast<int64_t>(length);
+}
+
+ACE_HANDLE Message_Block::spillHandle() {
+    Data_Block* block = dataBlock();
+    return block != nullptr && block->isStoredOnDisk() ? block->get_handle() : ACE_INVALID_HANDLE;
+}
+
+void Message_Block::skipSpilled(uint64_t count) {
+    m_file_offset += count;
 }
 
 int64_t Message_Block::read(ACE_Message_Block*& out) {

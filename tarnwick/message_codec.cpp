@@ -163,6 +163,33 @@ int Message_Reader::feed(const char* bytes, size_t size, size_t& used) {
     }
 }
 
+uint64_t Message_Reader::payloadWanted() const {
+    if (m_ready || !headerComplete() || !m_block->getHeader()->isReadable())
+        return 0;
+    uint64_t const size = m_block->getHeader()->getSize();
+    uint64_t const have = m_block->getLength();
+    return size > have && have != 0xFFFFFFFFu ? size - have : 0;
+}
+
+bool Message_Reader::spilling() const {
+    return payloadWanted() > 0 && m_block->getHeader()->getSize() > Message_Block::Chunk_Size;
+}
+
+int Message_Reader::feedFromPipe(int pipe, size_t size) {
+    uint64_t const wanted = payloadWanted();
+    if (wanted == 0 || size > wanted) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (m_block->writeFromPipe(pipe, size) == -1)
+        return -1;
+    if (size == wanted) {
+        m_ready = true;
+        return 1;
+    }
+    return 0;
+}
+
 ACE_Message_Block* Message_Reader::take() {
     if (!m_ready || m_block == nullptr)
         return nullptr;
@@ -242,17 +269,63 @@ int Message_Writer::next(const char*& data, size_t& length) {
     return 1;
 }
 
+int Message_Writer::nextWithHeader(const char*& head, size_t& head_length, const char*& chunk,
+                                   size_t& chunk_length) {
+    chunk = nullptr;
+    chunk_length = 0;
+    if (!m_valid || m_header_sent >= HEADER_SIZE)
+        return next(head, head_length);
+    head = m_header + m_header_sent;
+    head_length = HEADER_SIZE - m_header_sent;
+    auto* const message = static_cast<Message_Block*>(m_block);
+    if (m_chunk == nullptr && !message->isStoredOnDisk() && message->getActualLength() > 0) {
+        ACE_Message_Block* piece = nullptr;
+        if (message->read(piece) > 0)
+            m_chunk = piece;
+        else if (piece != nullptr)
+            piece->release();
+    }
+    if (m_chunk != nullptr && m_chunk->length() > 0) {
+        chunk = m_chunk->rd_ptr();
+        chunk_length = m_chunk->length();
+    }
+    return 1;
+}
+
 void Message_Writer::advance(size_t count) {
     if (m_header_sent < HEADER_SIZE) {
-        m_header_sent += std::min(count, HEADER_SIZE - m_header_sent);
-        return;
+        size_t const header = std::min(count, HEADER_SIZE - m_header_sent);
+        m_header_sent += header;
+        count -= header;
     }
-    if (m_chunk != nullptr)
+    if (count > 0 && m_chunk != nullptr)
         m_chunk->rd_ptr(std::min(count, m_chunk->length()));
 }
 
 size_t Message_Writer::buffered() const {
     return m_chunk != nullptr ? m_chunk->length() : 0;
+}
+
+bool Message_Writer::spilledRange(ACE_HANDLE& fd, uint64_t& offset, uint64_t& length) {
+    if (!m_valid || m_header_sent < HEADER_SIZE || buffered() > 0)
+        return false;
+    auto* const message = static_cast<Message_Block*>(m_block);
+    if (!message->isStoredOnDisk())
+        return false;
+    fd = message->spillHandle();  // opens the file, which tells its size
+    if (fd == ACE_INVALID_HANDLE)
+        return false;
+    uint64_t const size = message->getDiskLength();
+    offset = message->spilledOffset();
+    if (offset >= size)
+        return false;
+    length = size - offset;
+    return true;
+}
+
+void Message_Writer::advanceSpilled(uint64_t count) {
+    if (m_valid)
+        static_cast<Message_Block*>(m_block)->skipSpilled(count);
 }
 
 std::string Message_Writer::Bytes(ACE_Message_Block* block) {

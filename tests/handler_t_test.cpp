@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -19,6 +21,7 @@
 #include "log_capture.h"
 #include "log_lines.h"
 #include "loopback.h"
+#include "zero_copy.h"
 
 using Tarnwick::Handler;
 using Tarnwick::PlainHandler;
@@ -28,6 +31,21 @@ using TarnwickTest::Lines;
 using TarnwickTest::Listener;
 using TarnwickTest::LogCapture;
 using TarnwickTest::startsWith;
+using TarnwickTest::ZeroCopyCalls;
+
+namespace {
+
+// An SSLHandler with its zero-copy operations in reach.
+class SSLProbe : public SSLHandler {
+public:
+    using SSLHandler::recv_to_pipe;
+    using SSLHandler::send_file;
+
+protected:
+    ~SSLProbe() override = default;
+};
+
+}  // namespace
 
 TEST(PlainHandler, ConnectToOpensWithoutAnEngine) {
     LogCapture capture;
@@ -130,5 +148,26 @@ TEST(SSLHandler, ConnectToAPeerThatDropsTheHandshakeFails) {
     ASSERT_FALSE(lines.empty());
     EXPECT_TRUE(startsWith(lines.back(), "%D ERROR (%t): Active connection failed."))
         << lines.back();
+    EXPECT_EQ(handler->release(), nullptr);
+}
+
+// The bytes of an SSL connection pass through its session: it never sends
+// from a file or splices from its socket, and so never asks the system to.
+TEST(SSLHandler, KeepsTheReadAndWritePath) {
+    ZeroCopyCalls refusing(ZeroCopyCalls::REFUSE_ALL);
+    SSLProbe* handler = new SSLProbe();
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    errno = 0;
+    EXPECT_EQ(handler->send_file(fds[0], 0, 100), -1);
+    EXPECT_EQ(errno, ENOSYS);
+    errno = 0;
+    EXPECT_EQ(handler->recv_to_pipe(fds[1], 100), -1);
+    EXPECT_EQ(errno, ENOSYS);
+    EXPECT_EQ(refusing.refusals(), 0);
+    EXPECT_EQ(handler->bytes_sent(), 0u);
+    EXPECT_EQ(handler->bytes_received(), 0u);
+    ::close(fds[0]);
+    ::close(fds[1]);
     EXPECT_EQ(handler->release(), nullptr);
 }

@@ -33,6 +33,7 @@
 #include "log_lines.h"
 #include "loopback.h"
 #include "scratch_cache.h"
+#include "zero_copy.h"
 
 using Tarnwick::Handler;
 using Tarnwick::Message_Block;
@@ -44,6 +45,7 @@ using TarnwickTest::Lines;
 using TarnwickTest::Listener;
 using TarnwickTest::LogCapture;
 using TarnwickTest::ScratchCache;
+using TarnwickTest::ZeroCopyCalls;
 
 namespace {
 
@@ -461,9 +463,10 @@ TEST(HandlerRecv, ReadAheadOfOneAndAHalfMessages) {
     EXPECT_TRUE(capture.lines().empty());
 }
 
-TEST(HandlerRecv, ReadsAtMostOneChunkPerCall) {
+TEST(HandlerRecv, ReadsAtMostOneChunkPerCallWhereSpliceIsRefused) {
     ScratchCache cache;
     BlockLimit limit(1024);
+    ZeroCopyCalls refusing(ZeroCopyCalls::REFUSE_ALL);
     LogCapture capture;
     Link link;
     std::string const payload = pattern(1024 * 3 + 100);
@@ -488,7 +491,94 @@ TEST(HandlerRecv, ReadsAtMostOneChunkPerCall) {
     auto* received = static_cast<Message_Block*>(block);
     EXPECT_TRUE(received->isStoredOnDisk());
     EXPECT_EQ(fileContent(received->getFileName()), payload);
+    EXPECT_GE(refusing.refusals(), 1);
+    EXPECT_EQ(refusing.socketSplices(), 0);
     block->release();
+}
+
+// A payload that goes to a spill file is received from the socket through a
+// pipe into the file (whole pipes per call, not chunks), byte for byte.
+TEST(HandlerRecv, SpilledPayloadIsSplicedIntoItsFile) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    ZeroCopyCalls counting(ZeroCopyCalls::COUNT);
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(200 * 1024 + 3);
+    link.write(header(42, static_cast<uint32_t>(payload.size())) + payload);
+    ACE_Message_Block* block = nullptr;
+    ASSERT_GT(receive(link.handler, block), 0);
+    auto* received = static_cast<Message_Block*>(block);
+    EXPECT_TRUE(received->isStoredOnDisk());
+    EXPECT_EQ(received->cont(), nullptr);
+    EXPECT_EQ(received->getLength(), payload.size());
+    EXPECT_EQ(fileContent(received->getFileName()), payload);
+    EXPECT_EQ(link.handler->bytes_received(), 32 + payload.size());
+    EXPECT_GE(counting.socketSplices(), 1);
+    EXPECT_GE(counting.fileSplices(), 1);
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// A spill file on a file system that refuses splice gets the pipe's bytes by
+// read and write; the socket side stays spliced.
+TEST(HandlerRecv, FileSystemRefusingSpliceGetsTheBytesByWrite) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    ZeroCopyCalls refusing(ZeroCopyCalls::REFUSE_FILES);
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(150 * 1024 + 11, 'c');
+    link.write(header(43, static_cast<uint32_t>(payload.size())) + payload);
+    ACE_Message_Block* block = nullptr;
+    ASSERT_GT(receive(link.handler, block), 0);
+    auto* received = static_cast<Message_Block*>(block);
+    EXPECT_TRUE(received->isStoredOnDisk());
+    EXPECT_EQ(fileContent(received->getFileName()), payload);
+    EXPECT_GE(refusing.refusals(), 1);
+    EXPECT_GE(refusing.socketSplices(), 1);
+    EXPECT_EQ(refusing.fileSplices(), 0);
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// A socket that refuses splice is read as before, chunk by chunk.
+TEST(HandlerRecv, SocketRefusingSpliceIsReadAsUsual) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    ZeroCopyCalls refusing(ZeroCopyCalls::REFUSE_ALL);
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(70 * 1024 + 5, 'e');
+    link.write(header(44, static_cast<uint32_t>(payload.size())) + payload);
+    ACE_Message_Block* block = nullptr;
+    ASSERT_GT(receive(link.handler, block), 0);
+    auto* received = static_cast<Message_Block*>(block);
+    EXPECT_EQ(fileContent(received->getFileName()), payload);
+    EXPECT_EQ(refusing.socketSplices(), 0);
+    EXPECT_EQ(refusing.fileSplices(), 0);
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// The quota holds for spliced payload as for written payload: a message
+// that would pass it fails before any byte lands in a file.
+TEST(HandlerRecv, SplicedPayloadCountsAgainstTheQuota) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    ZeroCopyCalls counting(ZeroCopyCalls::COUNT);
+    Tarnwick::ACT_Cache* const spill = Tarnwick::ACT_Cache::instance();
+    uint64_t const old_quota = spill->setQuota(spill->spilledBytes() + 4096);
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(64 * 1024, 'g');
+    link.write(header(45, static_cast<uint32_t>(payload.size())) + payload);
+    ACE_Message_Block* block = nullptr;
+    EXPECT_EQ(receive(link.handler, block), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(block, nullptr);
+    spill->setQuota(old_quota);
+    EXPECT_EQ(capture.lines().size(), 1u);
 }
 
 TEST(HandlerRecv, PayloadOfExactlyTheLimitStaysInMemory) {
@@ -842,9 +932,10 @@ TEST(HandlerSend, NoBlockOrNoMessageBlockFails) {
     EXPECT_EQ(link.handler->bytes_sent(), 0u);
 }
 
-TEST(HandlerSend, PayloadOnDiskGoesOutChunkByChunk) {
+TEST(HandlerSend, PayloadOnDiskGoesOutChunkByChunkWhereSendfileIsRefused) {
     ScratchCache cache;
     BlockLimit limit(1024);
+    ZeroCopyCalls refusing(ZeroCopyCalls::REFUSE_FILES);
     LogCapture capture;
     Link link;
     std::string const payload = pattern(1024 * 4 + 10);
@@ -863,6 +954,48 @@ TEST(HandlerSend, PayloadOnDiskGoesOutChunkByChunk) {
     EXPECT_EQ(calls, 4);
     EXPECT_EQ(result, 10);  // the last chunk
     EXPECT_EQ(link.read(32 + payload.size()), header(104, payload.size()) + payload);
+    EXPECT_EQ(refusing.refusals(), 1);  // once per connection
+    EXPECT_EQ(refusing.sendfiles(), 0);
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// A spilled payload goes from its file to the socket by sendfile, all that
+// the socket takes in one call, and no chunk of it is held in memory.
+TEST(HandlerSend, PayloadOnDiskGoesOutBySendfile) {
+    ScratchCache cache;
+    BlockLimit limit(1024);
+    ZeroCopyCalls counting(ZeroCopyCalls::COUNT);
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(40 * 1024 + 7);
+    Message_Block* block = message(105, payload);
+    ASSERT_TRUE(block->isStoredOnDisk());
+    errno = 0;
+    int64_t const result = link.handler->send(block, nullptr);
+    EXPECT_NE(errno, EWOULDBLOCK);
+    EXPECT_EQ(result, static_cast<int64_t>(32 + payload.size()));
+    EXPECT_EQ(link.handler->outgoingBuffered(), 0u);
+    EXPECT_FALSE(link.handler->writing());
+    EXPECT_EQ(link.read(32 + payload.size()), header(105, payload.size()) + payload);
+    EXPECT_GE(counting.sendfiles(), 1);
+    EXPECT_EQ(link.handler->bytes_sent(), 32 + payload.size());
+    // The block itself reads its payload from the start, as before.
+    EXPECT_EQ(block->getActualLength(), payload.size());
+    block->release();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+// A payload in memory leaves with its header in one write.
+TEST(HandlerSend, HeaderAndPayloadInMemoryGoOutInOneCall) {
+    LogCapture capture;
+    Link link;
+    std::string const payload = pattern(700);
+    Message_Block* block = message(106, payload);
+    errno = 0;
+    EXPECT_EQ(link.handler->send(block, nullptr), static_cast<int64_t>(32 + payload.size()));
+    EXPECT_NE(errno, EWOULDBLOCK);
+    EXPECT_EQ(link.read(32 + payload.size()), header(106, payload.size()) + payload);
     block->release();
     EXPECT_TRUE(capture.lines().empty());
 }
@@ -1218,4 +1351,102 @@ TEST(HandlerTransfer, SixtyFourMebibytesThroughSmallBuffersArriveWhole) {
     Lines const lines = capture.lines();
     for (const std::string& line : lines)
         EXPECT_EQ(line.find("ERROR"), std::string::npos) << line;
+}
+
+// A spilled payload leaves by sendfile and arrives by splice, with a slow
+// reader between the two that takes the stream in pieces of odd sizes and
+// passes each on as it came: every partial sendfile and every splice ends at
+// an odd boundary, and the bytes arrive whole and in order.
+TEST(HandlerTransfer, SpilledPayloadThroughZeroCopyPathsSplitAtOddBoundaries) {
+    ScratchCache cache;
+    BlockLimit limit(16384);
+    ZeroCopyCalls counting(ZeroCopyCalls::COUNT);
+    Sig_Pipe_Guard pipe_guard;
+
+    // sender -> relay (raw, slow reader) -> receiver
+    Listener first;
+    Listener second;
+    ProbeHandler* sender = new ProbeHandler();
+    ProbeHandler* receiver = new ProbeHandler();
+    ACE_SOCK_Stream relay_in;
+    ACE_SOCK_Stream relay_out;
+    ACE_SOCK_Connector connector;
+    ASSERT_EQ(connector.connect(sender->peer(), first.address()), 0);
+    ASSERT_EQ(first.accept(relay_in), 0);
+    ASSERT_EQ(connector.connect(relay_out, second.address()), 0);
+    ASSERT_EQ(second.accept(receiver->peer()), 0);
+    ASSERT_EQ(sender->open(), 0);
+    ASSERT_EQ(receiver->open(), 0);
+    shrinkBuffers(sender->peer());
+    shrinkBuffers(relay_in);
+    ASSERT_EQ(sender->peer().enable(ACE_NONBLOCK), 0);
+    ASSERT_EQ(receiver->peer().enable(ACE_NONBLOCK), 0);
+    ASSERT_EQ(relay_in.enable(ACE_NONBLOCK), 0);
+
+    size_t const size = 3 * 1024 * 1024 + 13;
+    std::string payload(size, '\0');
+    std::mt19937 random(99);
+    for (char& byte : payload)
+        byte = static_cast<char>(random());
+    Message_Block* out = message(301, payload);
+    ASSERT_TRUE(out->isStoredOnDisk());
+    out->getHeader()->setACT(302);
+    LogCapture capture;
+
+    const size_t pieces[] = {1, 7, 13, 31, 4093, 65521, 997, 3, 16411, 40009};
+    size_t piece = 0;
+    std::vector<char> buffer(65536);
+    auto const started = std::chrono::steady_clock::now();
+    bool sent = false;
+    ACE_Message_Block* in = nullptr;
+    uint64_t relayed = 0;
+    while (in == nullptr) {
+        ASSERT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(60));
+        if (!sent) {
+            errno = 0;
+            ASSERT_NE(sender->send(out, nullptr), -1) << errno;
+            sent = errno != EWOULDBLOCK;
+            ASSERT_EQ(sender->outgoingBuffered(), 0u);
+        }
+        size_t const want = pieces[piece++ % (sizeof pieces / sizeof pieces[0])];
+        ssize_t const got = relay_in.recv(buffer.data(), want);
+        if (got > 0) {
+            ASSERT_EQ(relay_out.send_n(buffer.data(), static_cast<size_t>(got)), got);
+            relayed += static_cast<uint64_t>(got);
+        } else {
+            ASSERT_EQ(errno, EWOULDBLOCK);
+        }
+        for (;;) {
+            errno = 0;
+            int64_t const result = receiver->recv(in, nullptr);
+            if (result > 0)
+                break;
+            ASSERT_EQ(result, -1);
+            ASSERT_EQ(errno, EWOULDBLOCK);
+            break;
+        }
+    }
+    EXPECT_TRUE(sent);
+    EXPECT_EQ(relayed, 32 + size);
+    auto* received = static_cast<Message_Block*>(in);
+    EXPECT_EQ(received->getHeader()->getACT(), 302u);
+    EXPECT_TRUE(received->isStoredOnDisk());
+    EXPECT_EQ(received->getLength(), size);
+    EXPECT_TRUE(fileContent(received->getFileName()) == payload);
+    EXPECT_GE(counting.sendfiles(), 2);
+    EXPECT_GE(counting.socketSplices(), 2);
+    EXPECT_GE(counting.fileSplices(), 2);
+    EXPECT_EQ(sender->bytes_sent(), 32 + size);
+    EXPECT_EQ(receiver->bytes_received(), 32 + size);
+    // The relay's first piece is one byte of the header.
+    Lines const expected = {"%D INFO  (%t): Partial header received: only 1 of 32 bytes received"};
+    EXPECT_EQ(capture.lines(), expected);
+    in->release();
+    out->release();
+    sender->close();
+    sender->release();
+    receiver->close();
+    receiver->release();
+    relay_in.close();
+    relay_out.close();
 }

@@ -5,6 +5,7 @@
 
 #include <tarnwick/act_cache.h>
 #include <tarnwick/identity.h>
+#include <tarnwick/message_block.h>
 #include <tarnwick/message_codec.h>
 
 #include <ace/INET_Addr.h>
@@ -15,6 +16,9 @@
 #include <ace/Task.h>
 #include <ace/Thread_Mutex.h>
 #include <ace/Time_Value.h>
+
+#include <sys/types.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <cstdint>
@@ -75,6 +79,19 @@ public:
     static constexpr int Reads_Per_Input = 16;
     // The most bytes of small messages that go out in one write.
     static constexpr size_t Coalesce_Size = 65536;
+    // The most bytes of a spill file that one send() gives to sendfile(2).
+    static constexpr size_t Sendfile_Limit = 4u << 20;
+
+    // The system calls that move spilled payload between a plain TCP socket
+    // and a spill file without a copy through user space: sendfile(2) from
+    // the file to the socket, splice(2) from the socket to a pipe (and
+    // Message_Block::Pipe_To_File on to the file). Tests replace them to
+    // play a file system that refuses them: a refusal (EINVAL, ENOSYS)
+    // makes the connection move those bytes by read and write from then on.
+    // SSL connections never use them.
+    typedef ssize_t (*Sendfile_Call)(int out, int in, off_t* offset, size_t count);
+    static Sendfile_Call File_To_Socket;
+    static Message_Block::Splice_Call Socket_To_Pipe;
 
     // Reads towards one whole message. Above 0: `block` receives a whole
     // message (header decoded, read position 0), which the caller releases,
@@ -184,6 +201,20 @@ protected:
     virtual bool fill_address(std::string& text) = 0;
     // Closes the stream and makes its handle invalid.
     virtual void close_stream() = 0;
+    // Writes the ranges of `parts` with one system call where the stream
+    // allows it (plain TCP: writev), counting bytes and activity like
+    // send_bytes; otherwise as send_bytes of the first range. The count
+    // written, or -1 with errno.
+    virtual ssize_t send_parts(const iovec* parts, int count);
+    // Sends `length` bytes of the file `file` from `offset` straight to the
+    // socket (sendfile), counting bytes and activity. The count, or -1 with
+    // errno; ENOSYS where the stream can't (SSL).
+    virtual ssize_t send_file(ACE_HANDLE file, uint64_t offset, size_t length);
+    // Moves up to `length` received bytes from the socket into the pipe
+    // `pipe` (splice), counting bytes and activity like recv_bytes. The
+    // count, 0 at the peer's end, or -1 with errno; ENOSYS where the stream
+    // can't (SSL).
+    virtual ssize_t recv_to_pipe(int pipe, size_t length);
 
     // Takes ownership of `block` and sends it, or queues it again at the
     // head while it is unfinished. 0 or the send result; -1 on failure.
@@ -266,6 +297,21 @@ private:
     [[nodiscard]] int sendCoalesced();
     // The spilled payload bytes of `block`, 0 for a payload in memory.
     static uint64_t diskBytes(ACE_Message_Block* block);
+    // The end of a message that has gone out: -1 after logging for a
+    // closing message, else `result`.
+    int64_t finished(ACE_Message_Block* block, int64_t result);
+    // The part of send() after the header: the payload, from memory, or
+    // from a spill file by sendfile where it may. As send().
+    int64_t sendPayload(ACE_Message_Block* block, int64_t result, const ACE_Time_Value* timeout);
+    // Receives payload of a spilling message through the pipe: 1 a message
+    // is whole (in `block`, `taken` its bytes), 0 the peer closed, -1 with
+    // errno (EWOULDBLOCK: call again); 2 when the socket or the pipe refused
+    // splice and the caller is to read as usual.
+    int receiveSpliced(ACE_Message_Block*& block, int64_t& taken);
+    // The pipe between socket and spill file, made on first use; false when
+    // it can't be had.
+    bool openPipe();
+    void closePipe();
 
     // Set by the engine when the router has taken the first reference.
     std::atomic<bool> m_in_router;
@@ -300,6 +346,12 @@ private:
     // while messages waited; 0 while it takes what it is given.
     std::atomic<int64_t> m_blocked_since;
     std::atomic<bool> m_overflow_reported;
+    // The pipe of receiveSpliced (read end, write end) and its capacity.
+    int m_pipe[2];
+    size_t m_pipe_size;
+    // sendfile or splice was refused: this connection copies from then on.
+    bool m_copy_sent;
+    bool m_copy_received;
 };
 
 // Ignores SIGPIPE for the length of a scope, for programs that drive a

@@ -32,9 +32,15 @@ protected:
     ssize_t recv_bytes(void* buffer, size_t length, const ACE_Time_Value* timeout) override;
     bool fill_address(std::string& text) override;
     void close_stream() override;
+    ssize_t send_parts(const iovec* parts, int count) override;
+    ssize_t send_file(ACE_HANDLE file, uint64_t offset, size_t length) override;
+    ssize_t recv_to_pipe(int pipe, size_t length) override;
     int handshake_step(bool& want_write) override;
 
 private:
+    // Counts `count` bytes sent, when positive.
+    void sentActivity(ssize_t count);
+
     Stream m_stream;
 };
 

@@ -10,6 +10,9 @@
 #include <ace/Message_Block.h>
 #include <ace/Thread_Mutex.h>
 
+#include <fcntl.h>
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -145,6 +148,30 @@ public:
     // Drops the payload and deletes a spill file; the header stays. 0.
     int reset();
 
+    // Appends `length` bytes that wait in the pipe `pipe` to the payload's
+    // spill file, moving a payload in memory there first (the payload goes
+    // to disk whatever its size). The bytes go from the pipe to the file
+    // with splice(2), or by read and write where the file's file system
+    // refuses that. Results, quota and log lines as write(); on -1 bytes may
+    // be left in the pipe.
+    int64_t writeFromPipe(int pipe, uint64_t length);
+    // The descriptor of the spill file, to read through with pread or
+    // sendfile(2) only (the data block owns it); invalid when the payload
+    // is not on disk or the file can't be opened.
+    ACE_HANDLE spillHandle();
+    // Where this block reads on in its spill file.
+    uint64_t spilledOffset() const { return m_file_offset; }
+    // `count` bytes of the spill file were read (sent) by other means; this
+    // block reads on behind them.
+    void skipSpilled(uint64_t count);
+
+    // The call that moves bytes from a pipe to a spill file: splice(2)
+    // unless replaced (tests replace it to play a file system that refuses
+    // it with EINVAL).
+    typedef ssize_t (*Splice_Call)(int in, loff_t* in_offset, int out, loff_t* out_offset,
+                                   size_t length, unsigned int flags);
+    static Splice_Call Pipe_To_File;
+
     // The spill file, or null; see Data_Block.
     const char* getFileName();
     // -1 without a Data_Block, else 0.
@@ -164,6 +191,11 @@ private:
     Data_Block* checkDataBlock(const char* operation) const;
     // Appends to the spill file, moving the in-memory payload there first.
     int64_t writeToDisk(const char* data, uint64_t length);
+    // Opens (or makes) the spill file for `length` more bytes: takes them and
+    // an in-memory payload from the quota (`needed` the bytes charged and not
+    // yet written) and moves that payload into the file. 0 with `fd` the
+    // descriptor to append through, or -1 (logged as write()).
+    [[nodiscard]] int beginSpill(uint64_t length, ACE_HANDLE& fd, uint64_t& needed);
     int64_t readFromDisk(Data_Block* block, ACE_Message_Block*& out);
     // getLength() of a payload on disk.
     static uint32_t diskLength(Data_Block* block);

@@ -53,6 +53,18 @@ public:
     bool headerComplete() const;
     // Header bytes taken so far (0 to 32).
     size_t headerBytes() const;
+    // The payload bytes of the message under way still to come, once its
+    // header is whole and has passed its checks; 0 otherwise.
+    uint64_t payloadWanted() const;
+    // True when the message under way has a checked header and a payload
+    // that goes to a spill file (larger than the chunk size): such a
+    // payload may be fed from a pipe.
+    bool spilling() const;
+    // Takes `size` payload bytes that wait in `pipe` (at most
+    // payloadWanted()) into the spill file, as feed() would take them from
+    // memory. 1 when the message is whole, 0 when it wants more, -1 with
+    // errno as feed(); after -1 bytes may be left in the pipe.
+    int feedFromPipe(int pipe, size_t size);
     // The message under way, still owned by the reader; null between
     // messages.
     Message_Block* partial() const { return m_block; }
@@ -95,10 +107,23 @@ public:
     // errno on a failure (a spill file that can't be read; EWOULDBLOCK when
     // the read may be tried again).
     int next(const char*& data, size_t& length);
-    // `count` bytes of the range that next() gave were written.
+    // As next() while header bytes are left: those in `head`, and in
+    // `chunk` the first payload chunk behind them when the payload is in
+    // memory (else `chunk_length` 0), to be written together.
+    int nextWithHeader(const char*& head, size_t& head_length, const char*& chunk,
+                       size_t& chunk_length);
+    // `count` bytes of what next() or nextWithHeader() gave were written
+    // (header bytes first).
     void advance(size_t count);
     // Payload bytes read into memory and not yet written: at most one chunk.
     size_t buffered() const;
+    // When the header is out, nothing is buffered and the rest of the
+    // payload lies in a spill file: true, with the file's descriptor (owned
+    // by the message's data block), the offset to go on from and the bytes
+    // left there, for a caller that sends them straight from the file.
+    bool spilledRange(ACE_HANDLE& fd, uint64_t& offset, uint64_t& length);
+    // `count` bytes of the range that spilledRange() gave were written.
+    void advanceSpilled(uint64_t count);
 
     // All the bytes of `block` as one string (for tests, tools and small
     // messages); empty when the block is no message or can't be read.

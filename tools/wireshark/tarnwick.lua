@@ -32,6 +32,7 @@
 --   .unused), tarnwick.magic, tarnwick.state, tarnwick.reserved,
 --   tarnwick.event (the event type's name), tarnwick.kind ("request" or
 --   "reply"), tarnwick.arg (an argument's name), tarnwick.arg.value,
+--   tarnwick.member and tarnwick.member.value (the arguments of a group),
 --   tarnwick.payload (binary payload), tarnwick.reply_in,
 --   tarnwick.request_in.
 
@@ -98,6 +99,8 @@ local pf = {
     args = ProtoField.none("tarnwick.args", "Arguments"),
     arg = ProtoField.string("tarnwick.arg", "Argument"),
     arg_value = ProtoField.string("tarnwick.arg.value", "Value"),
+    member = ProtoField.string("tarnwick.member", "Member"),
+    member_value = ProtoField.string("tarnwick.member.value", "Value"),
     reply_in = ProtoField.framenum("tarnwick.reply_in", "Reply in", base.NONE, frametype.RESPONSE),
     request_in = ProtoField.framenum("tarnwick.request_in", "Request in", base.NONE,
                                      frametype.REQUEST),
@@ -106,6 +109,7 @@ tarnwick.fields = {
     pf.agentid, pf.act, pf.size, pf.type, pf.flags, pf.flag_unused, pf.flag_result,
     pf.flag_binary, pf.flag_error, pf.flag_broadcast, pf.magic, pf.state, pf.reserved,
     pf.event, pf.kind, pf.payload, pf.xml, pf.terminator, pf.args, pf.arg, pf.arg_value,
+    pf.member, pf.member_value,
     pf.reply_in, pf.request_in,
 }
 
@@ -198,13 +202,20 @@ local function utf8_char(code)
                        0x80 + math.floor(code / 0x40) % 0x40, 0x80 + code % 0x40)
 end
 
+-- `text` with its entity and character references replaced; a reference
+-- that is not one is kept as it stands.
 local function unescape(text)
     return (text:gsub("&(#?x?)(%w+);", function(kind, body)
         if kind == "" then
             return ENTITIES[body]
         end
-        local code = tonumber(body, kind == "#x" and 16 or 10)
-        if code == nil then
+        local code
+        if kind == "#" then
+            code = tonumber(body, 10)
+        elseif kind == "#x" then
+            code = tonumber(body, 16)
+        end
+        if code == nil or code > 0x10FFFF then
             return nil
         end
         return utf8_char(code)
@@ -212,9 +223,12 @@ local function unescape(text)
 end
 
 -- The top-level "param" elements of a "message" document: a list of
--- {name, value, first, last}, with first and last the 1-based positions of
--- the element in `xml`. A parameter with nested parameters has no value.
-local function top_level_params(xml)
+-- {name, value, first, last, members}, with first and last the 1-based
+-- positions of the element in `xml`. A group (a parameter with nested
+-- parameters) has no value; its nested parameters are its members, as a
+-- list of the same kind with positions in `xml`.
+local function top_level_params(xml, base)
+    base = base or 0
     local params = {}
     local depth = 0
     local current
@@ -230,28 +244,30 @@ local function top_level_params(xml)
         elseif closing == "/" then
             depth = depth - 1
             if depth == 0 and current ~= nil then
-                if current.value_start ~= nil then
-                    current.value = unescape(xml:sub(current.value_start, s - 1))
+                if current.group then
+                    current.members = top_level_params(xml:sub(current.inner_start, s - 1),
+                                                       base + current.inner_start - 1)
+                else
+                    current.value = unescape(xml:sub(current.inner_start, s - 1))
                 end
-                current.last = e
+                current.last = base + e
                 params[#params + 1] = current
                 current = nil
             end
         else
             local name = attrs:match('name%s*=%s*"([^"]*)"') or attrs:match("name%s*=%s*'([^']*)'")
             if depth == 0 then
-                current = {name = unescape(name or ""), first = s}
+                current = {name = unescape(name or ""), first = base + s}
                 if empty then
                     current.value = ""
-                    current.last = e
+                    current.last = base + e
                     params[#params + 1] = current
                     current = nil
                 else
-                    current.value_start = e + 1
+                    current.inner_start = e + 1
                 end
             elseif current ~= nil then
-                -- Nested parameters: the top-level one is a group.
-                current.value_start = nil
+                current.group = true
             end
             if not empty then
                 depth = depth + 1
@@ -282,12 +298,21 @@ local function add_payload(tvb, pinfo, tree, offset, size, binary)
         local params = top_level_params(raw)
         local args_tree = tree:add(pf.args, xml_range)
         args_tree:append_text(": " .. #params)
+        local function range_of(param)
+            return tvb(offset + param.first - 1, param.last - param.first + 1)
+        end
         for _, param in ipairs(params) do
-            local range = tvb(offset + param.first - 1, param.last - param.first + 1)
-            local item = args_tree:add(pf.arg, range, param.name)
+            local item = args_tree:add(pf.arg, range_of(param), param.name)
             if param.value ~= nil then
                 item:append_text(" = " .. param.value)
-                item:add(pf.arg_value, range, param.value)
+                item:add(pf.arg_value, range_of(param), param.value)
+            end
+            for _, member in ipairs(param.members or {}) do
+                local member_item = item:add(pf.member, range_of(member), member.name)
+                if member.value ~= nil then
+                    member_item:append_text(" = " .. member.value)
+                    member_item:add(pf.member_value, range_of(member), member.value)
+                end
             end
         end
         xml_dissector:call(xml_range:tvb(), pinfo, tree)

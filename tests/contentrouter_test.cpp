@@ -16,13 +16,17 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -893,6 +897,114 @@ TEST_F(ContentRouterS3Test, ReaderAndRestoreProgramRestoreATreeFromS3) {
     EXPECT_EQ(0, all.exitCode()) << all.errors;
     EXPECT_EQ("restored 4 files below " + again + "\n", all.output);
     expectRestored(files, again);
+}
+
+}  // namespace
+
+namespace {
+
+// The store on a file system that fills up: a small tmpfs mounted over the
+// store's directory in a mount namespace of a child process of its own, so
+// that nothing of it outlives the child. Needs the right to make a mount
+// namespace (root); skipped otherwise.
+TEST_F(ContentRouterTest, AFullStoreFailsTheFileCleanlyAndARepeatCompletesIt) {
+    std::string const big = file("big.bin", randomBytes(3 * 1024 * 1024, 60));
+    std::string const small = file("small.txt", "fits");
+    ASSERT_EQ(0, ::mkdir(store_.c_str(), 0755));
+    std::string const restored = dir_.path() + "/restored";
+    TarnwickTest::ChildResult const child = TarnwickTest::runInChild([&]() {
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("tmpfs", store_.c_str(), "tmpfs", 0, "size=1m") != 0) {
+            std::printf("cannot mount: %s\n", std::strerror(errno));
+            return 77;
+        }
+        std::ostringstream report;
+        ContentRouter router;
+        {
+            LogCapture capture;
+            (void)router.upload(wide(big).c_str(), 50);
+            for (const std::string& line : capture.lines())
+                report << line << "\n";
+        }
+        (void)router.upload(wide(small).c_str(), 50);
+        std::vector<std::string> paths;
+        report << "count " << router.count() << " errors " << router.errors() << " tmp "
+               << TarnwickTest::countEntries(store_ + "/tmp") << " listed "
+               << Tarnwick::CRFileList(store_, 50, paths) << " " << lines(paths);
+        // Room again: the repeated upload completes the file.
+        if (::mount(nullptr, store_.c_str(), nullptr, MS_REMOUNT, "size=16m") != 0)
+            return 78;
+        (void)router.upload(wide(big).c_str(), 50);
+        report << "count " << router.count() << " errors " << router.errors() << " tmp "
+               << TarnwickTest::countEntries(store_ + "/tmp") << " listed "
+               << Tarnwick::CRFileList(store_, 50, paths) << " " << lines(paths);
+        report << "restore " << Tarnwick::CRFileGet(store_, 50, big, restored) << "\n";
+        std::fputs(report.str().c_str(), stdout);
+        return 0;
+    });
+    if (child.exitCode() == 77)
+        GTEST_SKIP() << "no tmpfs in a mount namespace here: " << child.output;
+    ASSERT_EQ(0, child.exitCode()) << child.output << child.errors;
+    EXPECT_EQ("%D DEBUG (%t): Uploading " + big + "\n" +
+                  "%D ERROR (%t): Can not upload file: " + big + ", store is full\n" +
+                  // nothing of the failed file is visible, the small one fits
+                  "count 2 errors 1 tmp 0 listed 0 " + small + "\n" +
+                  // the repeat completes it on the same connection
+                  "count 3 errors 1 tmp 0 listed 0 " + big + "\n" + small + "\n" + "restore 0\n",
+              child.output);
+    EXPECT_EQ(readFile(big), readFile(restored));
+}
+
+TEST_F(ContentRouterS3Test, AServerStoppedInTheMiddleFailsCleanlyAndARepeatCompletesIt) {
+    std::string const big = file("big.bin", randomBytes(4 * 1024 * 1024, 61));
+    std::string const small = file("small.txt", "small");
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(small).c_str(), 51));
+    EXPECT_EQ(0, router.errors());
+    uint64_t const before = server_.bytesReceived();
+    // Killed while the big file's chunks go up.
+    server_.stopAfterPuts(20);
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(big).c_str(), 51));
+    EXPECT_TRUE(server_.stopped());
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + big,
+                  "%D ERROR (%t): Can not upload file: " + big + ", input/output error"}),
+              capture.lines());
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(1, router.errors());
+    // Some chunks are there, the manifest that would name them is not.
+    EXPECT_GE(server_.objectCount("agents/one/chunks/"), 20u);
+    EXPECT_EQ(1u, server_.objectCount("agents/one/dsid/51/files/"));
+    uint64_t const sentBeforeTheStop = server_.bytesReceived() - before;
+
+    // While it is down, a file fails the same way.
+    capture.clear();
+    EXPECT_EQ(-1, router.upload(wide(small).c_str(), 51));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + small,
+                  "%D ERROR (%t): Can not upload file: " + small + ", input/output error"}),
+              capture.lines());
+    EXPECT_EQ(2, router.errors());
+
+    ASSERT_TRUE(server_.restart());
+    uint64_t const restarted = server_.bytesReceived();
+    EXPECT_EQ(-1, router.upload(wide(big).c_str(), 51));
+    EXPECT_EQ(2, router.errors());
+    EXPECT_EQ(4, router.count());
+    EXPECT_EQ(2u, server_.objectCount("agents/one/dsid/51/files/"));
+    // The 20 chunks (16 KiB at least each) that got there are not sent
+    // again: the repeat sends less than the file, requests included.
+    uint64_t const repeat = server_.bytesReceived() - restarted;
+    EXPECT_LT(repeat, 4u * 1024 * 1024);
+    EXPECT_GT(sentBeforeTheStop, 20u * 16 * 1024);
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("s3://backup/agents/one", server_.endpoint(), "agent", "secret"));
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(2, reader.restoreAll(51, restore));
+    expectRestored({big, small}, restore);
 }
 
 }  // namespace

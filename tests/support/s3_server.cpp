@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <sstream>
 
@@ -110,26 +111,57 @@ S3Server::S3Server(const std::string& bucket, const std::string& access, const s
       m_listen(-1),
       m_port(0),
       m_stopping(false),
+      m_down(false),
+      m_stopAfter(-1),
       m_received(0),
       m_refused(0),
       m_failCount(0),
       m_failStatus(0) {
-    m_listen = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listen(0))
+        m_acceptor = std::thread(&S3Server::acceptLoop, this);
+}
+
+bool S3Server::listen(int port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int const on = 1;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
     socklen_t length = sizeof address;
-    if (m_listen < 0 ||
-        ::bind(m_listen, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(m_listen, 16) != 0 ||
-        ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        if (m_listen >= 0)
-            ::close(m_listen);
-        m_listen = -1;
-        return;
+    if (fd < 0 || ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd, 16) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        return false;
     }
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_listen = fd;
     m_port = ntohs(address.sin_port);
-    m_acceptor = std::thread(&S3Server::acceptLoop, this);
+    return true;
+}
+
+void S3Server::stopAfterPuts(int count) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_stopAfter = count;
+}
+
+bool S3Server::restart() {
+    // The accepting thread closes the listening socket once it sees the stop.
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (m_listen < 0)
+                break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    if (!listen(m_port))
+        return false;
+    m_down = false;
+    return true;
 }
 
 S3Server::~S3Server() {
@@ -150,7 +182,7 @@ S3Server::~S3Server() {
 }
 
 std::string S3Server::endpoint() const {
-    return m_listen < 0 ? std::string() : "http://127.0.0.1:" + std::to_string(m_port);
+    return m_port == 0 ? std::string() : "http://127.0.0.1:" + std::to_string(m_port);
 }
 
 void S3Server::failPuts(int count, int status) {
@@ -169,13 +201,30 @@ size_t S3Server::objectCount(const std::string& prefix) const {
 
 void S3Server::acceptLoop() {
     while (!m_stopping) {
-        pollfd waiting{m_listen, POLLIN, 0};
-        if (::poll(&waiting, 1, 50) <= 0)
+        int listening;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (m_down && m_listen >= 0) {
+                ::close(m_listen);
+                m_listen = -1;
+            }
+            listening = m_listen;
+        }
+        if (listening < 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
             continue;
-        int const fd = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
+        }
+        pollfd waiting{listening, POLLIN, 0};
+        if (::poll(&waiting, 1, 20) <= 0)
+            continue;
+        int const fd = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0)
             continue;
         std::lock_guard<std::mutex> guard(m_lock);
+        if (m_down) {
+            ::close(fd);
+            continue;
+        }
         m_clients.push_back(fd);
         m_threads.emplace_back(&S3Server::serve, this, fd);
     }
@@ -331,6 +380,14 @@ void S3Server::serve(int fd) {
                 } else {
                     m_objects[key] = body;
                     answer = reply(200, "");
+                    if (m_stopAfter > 0 && --m_stopAfter == 0) {
+                        // Killed after storing: no answer, every connection cut.
+                        m_stopAfter = -1;
+                        m_down = true;
+                        for (int client : m_clients)
+                            ::shutdown(client, SHUT_RDWR);
+                        return;
+                    }
                 }
             } else {
                 auto const found = m_objects.find(key);

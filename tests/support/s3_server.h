@@ -32,6 +32,14 @@ public:
     // The next `count` object PUTs are answered with `status` (0: the
     // connection is cut once the body has come).
     void failPuts(int count, int status);
+    // After `count` more objects are stored the server stops as a killed one
+    // does: the request of the last one gets no answer (the object is kept),
+    // every connection is cut and new ones are refused, until restart().
+    void stopAfterPuts(int count);
+    // Listens again on the same port, with the objects it had. False when
+    // the port can't be had again.
+    bool restart();
+    bool stopped() const { return m_down.load(); }
     // Number of objects stored whose key starts with `prefix`.
     size_t objectCount(const std::string& prefix) const;
 
@@ -45,7 +53,11 @@ private:
     std::string m_bucket, m_access, m_secret;
     int m_listen;
     int m_port;
+    bool listen(int port);
+
     std::atomic<bool> m_stopping;
+    std::atomic<bool> m_down;
+    int m_stopAfter;
     std::atomic<uint64_t> m_received;
     std::atomic<int> m_refused;
     mutable std::mutex m_lock;

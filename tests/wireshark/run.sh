@@ -9,10 +9,13 @@
 #     the agent answers with an error reply);
 #   - a raw client (bash's /dev/tcp) that writes a HeartBeatEvent and a
 #     GetVersionEvent in one write, so that one segment holds two messages,
-#     and then a KickEvent with a binary payload of 16 MiB, which reaches
-#     tshark in many segments. It chooses their tokens: 1, 168496141 and
-#     4294967295; and last a header with a wrong magic, after which the
-#     agent ends the connection.
+#     then a KickEvent with a binary payload of 16 MiB, which reaches
+#     tshark in many segments; a KickEvent whose arguments hold escaped
+#     text and a group; a GetVersionEvent whose header is in little-endian
+#     order (on a little-endian host, where the agent takes it in); and last
+#     a header with a wrong magic, after which the agent ends the
+#     connection. It chooses their tokens: 1, 168496141, 4294967295, 77 and
+#     168496142.
 # Then tshark decodes the capture with the dissector, once on the port given
 # by the preference and once by the heuristic alone, and the test compares
 # the event names, kinds, tokens, flags, argument names and values and the
@@ -154,6 +157,26 @@ wait_for 10 grep -qa "demo_agent" raw.out || fail "no reply to the raw GetVersio
 cat big.bin >&3 || fail "the raw client could not write 16 MiB"
 wait_for 10 grep -qa "Unsupported command: Kick." raw.out ||
     fail "no reply to the raw KickEvent"
+# A KickEvent with arguments that the agent does not look at: escaped text
+# and a group of two members. The agent answers with an error reply.
+xml='<?xml version="1.0" encoding="UTF-8"?>
+<message>
+ <param name="a&amp;b">x &lt; y &#x263A; &#65;</param>
+ <param name="grp">
+  <param name="k1">v1</param>
+  <param name="k2"/>
+ </param>
+ <param name="z"/>
+</message>
+'
+xml_size=$(($(printf '%s' "$xml" | wc -c) + 1))
+{
+    header 0 77 "$xml_size" 11 0
+    printf '%s\0' "$xml"
+} >args.bin
+cat args.bin >&3
+wait_for 10 eval '[[ $(grep -ac "Unsupported command: Kick." raw.out) -ge 2 ]]' ||
+    fail "no reply to the KickEvent with arguments"
 # A GetVersionEvent whose header is in little-endian order: the agent, on a
 # little-endian host, takes it in and replies in network order.
 if [[ $(printf '\001\000' | od -An -tu2 | tr -d ' ') == 1 ]]; then
@@ -189,7 +212,7 @@ fi
 # arguments) are joined by ';'.
 fields=(frame.number tcp.segment.count tarnwick.event tarnwick.kind tarnwick.act tarnwick.flags
     tarnwick.size tarnwick.arg tarnwick.arg.value tarnwick.reply_in tarnwick.request_in
-    tarnwick.bad_magic tarnwick.little_endian)
+    tarnwick.bad_magic tarnwick.little_endian tarnwick.member tarnwick.member.value)
 decode() {
     local name=$1
     shift
@@ -238,7 +261,8 @@ messages=$(awk -F'\t' '
         split($6, flags, ";"); split($7, size, ";")
         for (i = 1; i <= n; i++) {
             token = act[i]
-            if (token != 1 && token != 168496141 && token != 168496142 && token != 4294967295) {
+            if (token != 1 && token != 77 && token != 168496141 && token != 168496142 &&
+                token != 4294967295) {
                 if (!(token in names))
                     names[token] = "T" (++count)
                 token = names[token]
@@ -259,7 +283,9 @@ HeartBeatEvent request 1 0x00000000 0
 GetVersionEvent request 168496141 0x00000000 0
 GetVersionEvent reply 168496141 0x00000002 -
 KickEvent request 4294967295 0x00000004 16777216
-ErrorEvent reply 4294967295 0x00000006 -"
+ErrorEvent reply 4294967295 0x00000006 -
+KickEvent request 77 0x00000000 $xml_size
+ErrorEvent reply 77 0x00000002 -"
 if [[ -n ${little_endian:-} ]]; then
     expected_messages+="
 GetVersionEvent request 168496142 0x00000000 0
@@ -267,10 +293,11 @@ GetVersionEvent reply 168496142 0x00000002 -"
 fi
 check "the messages" "$expected_messages" "$messages"
 
-# The arguments of all messages in capture order, name=value. The error reply
-# to the binary KickEvent keeps the binary flag, so it shows no arguments.
+# The arguments of all messages in capture order, name=value, but for the
+# message with a group, which comes after. The error reply to the binary
+# KickEvent keeps the binary flag, so it shows no arguments.
 arguments=$(awk -F'\t' '
-    $8 != "" {
+    $8 != "" && $14 == "" {
         n = split($8, name, ";"); split($9, value, ";")
         for (i = 1; i <= n; i++)
             print name[i] "=" value[i]
@@ -291,13 +318,19 @@ $identity
 errormsg=Unsupported command: Kick.
 errornr=38
 name=demo_agent
-version=$version"
+version=$version
+errormsg=Unsupported command: Kick.
+errornr=38"
 if [[ -n ${little_endian:-} ]]; then
     expected_arguments+="
 name=demo_agent
 version=$version"
 fi
 check "the arguments" "$expected_arguments" "$arguments"
+# The message with a group: names, values (unescaped), members and their
+# values. The group itself has no value.
+group=$(awk -F'\t' '$14 != "" { print $8 " | " $9 " | " $14 " | " $15 }' by_port)
+check "the arguments of a group" "a&b;grp;z | x < y ☺ A; | k1;k2 | v1;" "$group"
 
 # Requests and replies: each reply names the frame of its request, and that
 # frame holds a request with the same token that names the reply's frame.
@@ -324,7 +357,7 @@ pairs=$(awk -F'\t' '
     }' by_port)
 expected_pairs=$(awk -F'\t' '$11 != "" { split($5, t, ";"); print t[1], "after", "matched" }' by_port)
 check "the request/reply pairs" "$expected_pairs" "$pairs"
-replies=$((5 + ${little_endian:-0}))
+replies=$((6 + ${little_endian:-0}))
 [[ $(wc -l <<<"$pairs") -eq $replies ]] || fail "expected $replies replies, got: $pairs"
 [[ $(awk -F'\t' '$10 != ""' by_port | wc -l) -eq $replies ]] ||
     fail "expected $replies requests with a reply: $(cat by_port)"

@@ -18,6 +18,8 @@
 -- preference "tarnwick.tcp_port" changes it) and any TCP conversation whose
 -- first segment starts with a header that carries the magic (a heuristic
 -- dissector, "tarnwick_tcp"; also of decrypted TLS data, "tarnwick_tls").
+-- The heuristic needs the first 24 bytes of a header in one segment: for a
+-- peer that writes its header in smaller pieces, set the port.
 -- A message that spans segments is reassembled
 -- before it is shown; several messages in one segment are all shown.
 --

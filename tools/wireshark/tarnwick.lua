@@ -422,13 +422,13 @@ function tarnwick.dissector(tvb, pinfo, tree)
     local infos = {}
     while offset < length do
         local remaining = length - offset
-        if remaining < HEADER_SIZE then
-            pinfo.desegment_offset = offset
-            pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
-            break
+        -- The magic is checked as soon as it is there, the rest of the
+        -- header waited for.
+        local little_endian
+        if remaining >= 24 then
+            little_endian = byte_order(tvb, offset)
         end
-        local little_endian = byte_order(tvb, offset)
-        if little_endian == nil then
+        if remaining >= 24 and little_endian == nil then
             local first = first_message[stream_key()]
             if offset == 0 and (first == nil or pinfo.number <= first) then
                 -- Not the start of a message: leave the bytes to others.
@@ -438,6 +438,11 @@ function tarnwick.dissector(tvb, pinfo, tree)
             item:add_proto_expert_info(ef.bad_magic)
             infos[#infos + 1] = "invalid header"
             offset = length
+            break
+        end
+        if remaining < HEADER_SIZE then
+            pinfo.desegment_offset = offset
+            pinfo.desegment_len = DESEGMENT_ONE_MORE_SEGMENT
             break
         end
         local size_range = tvb(offset + 8, 4)

@@ -59,6 +59,8 @@ cleanup() {
     rm -rf "$work"
 }
 trap cleanup EXIT
+# A timeout of ctest ends the test with SIGTERM: clean up then too.
+trap 'exit 1' INT TERM HUP
 
 fail() {
     echo "FAIL: $*" >&2

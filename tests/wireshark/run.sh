@@ -140,7 +140,7 @@ le() {
         $((($1 >> 16) & 255)) $((($1 >> 24) & 255))
 }
 header() {
-    printf "$(word "$1")$(word "$2")$(word "$3")$(word "$4")$(word "$5")$(word 393729)$(word 0)$(word 0)"
+    printf '%b' "$(word "$1")$(word "$2")$(word "$3")$(word "$4")$(word "$5")$(word 393729)$(word 0)$(word 0)"
 }
 {
     header 0 1 0 15 0           # HeartBeatEvent, no payload
@@ -183,12 +183,12 @@ wait_for 10 eval '[[ $(grep -ac "Unsupported command: Kick." raw.out) -ge 2 ]]' 
 # little-endian host, takes it in and replies in network order.
 if [[ $(printf '\001\000' | od -An -tu2 | tr -d ' ') == 1 ]]; then
     little_endian=1
-    printf "$(le 0)$(le 168496142)$(le 0)$(le 17)$(le 0)$(le 393729)$(le 0)$(le 0)" >&3
+    printf '%b' "$(le 0)$(le 168496142)$(le 0)$(le 17)$(le 0)$(le 393729)$(le 0)$(le 0)" >&3
     wait_for 10 eval '[[ $(grep -ac "demo_agent" raw.out) -ge 2 ]]' ||
         fail "no reply to the little-endian GetVersionEvent"
 fi
 # Last, a header with a wrong magic: the agent ends the connection.
-printf "$(word 0)$(word 7)$(word 0)$(word 17)$(word 0)$(word 3735928559)$(word 0)$(word 0)" >&3
+printf '%b' "$(word 0)$(word 7)$(word 0)$(word 17)$(word 0)$(word 3735928559)$(word 0)$(word 0)" >&3
 wait_for 10 eval '! kill -0 $reader_pid 2>/dev/null' ||
     fail "the agent did not end the connection after an invalid header"
 exec 3>&-

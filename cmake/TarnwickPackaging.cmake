@@ -4,8 +4,9 @@
 #   libtarnwick6        component runtime   the shared library
 #   libtarnwick-dev     component dev       headers, libtarnwick.so, CMake
 #                                           package, tarnwick.pc
-#   tarnwick-examples   component examples  demo_agent, demo_control, the
-#                                           agent's systemd unit and its
+#   tarnwick-examples   component examples  demo_agent, demo_control and
+#                                           their manual pages, the agent's
+#                                           systemd unit and its
 #                                           configuration file
 #
 # The install rules of the library name their components in the top-level
@@ -46,6 +47,18 @@ if(TARGET demo_agent AND TARGET demo_control)
     install(TARGETS demo_agent demo_control
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         COMPONENT examples EXCLUDE_FROM_ALL)
+    foreach(_tw_page demo_agent.1 demo_control.1)
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${_tw_debian}/${_tw_page})
+        execute_process(COMMAND gzip -9nc ${_tw_debian}/${_tw_page}
+            OUTPUT_FILE ${_tw_pkg_dir}/${_tw_page}.gz
+            RESULT_VARIABLE _tw_status)
+        if(NOT _tw_status EQUAL 0)
+            message(FATAL_ERROR "gzip of ${_tw_debian}/${_tw_page} failed: ${_tw_status}")
+        endif()
+        install(FILES ${_tw_pkg_dir}/${_tw_page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+            PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+            COMPONENT examples EXCLUDE_FROM_ALL)
+    endforeach()
     install(FILES ${_tw_debian}/demo_agent.conf DESTINATION /etc/tarnwick
         PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
         COMPONENT examples EXCLUDE_FROM_ALL)
@@ -186,3 +199,4 @@ unset(_tw_pkg_dir)
 unset(_tw_component)
 unset(_tw_name)
 unset(_tw_status)
+unset(_tw_page)

@@ -80,6 +80,9 @@ changelog=$(sed -n '1s/^tarnwick (\([^)]*\)).*/\1/p' "$root/cmake/debian/changel
     fail "cmake/debian/changelog starts with version '$changelog', the packages are $version-$release: add an entry"
 
 echo "-- build the library and the examples in $build_dir" >&2
+# The two programs are linked anew: a tree built before their install rules
+# existed holds them with a run path that the install step does not expect.
+rm -f "$build_dir/examples/demo_agent" "$build_dir/examples/demo_control"
 cmake --build "$build_dir" -j "$jobs" --target tarnwick demo_agent demo_control >&2 ||
     fail "building in $build_dir failed"
 

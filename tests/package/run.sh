@@ -120,6 +120,7 @@ grep -qx 'prefix=/usr' "$libdir/pkgconfig/tarnwick.pc" || fail "tarnwick.pc does
 for program in demo_agent demo_control; do
     [[ -x "$usr/bin/$program" ]] || fail "/usr/bin/$program missing"
     readelf -d "$usr/bin/$program" | grep -q 'R.*PATH' && fail "/usr/bin/$program has an RPATH"
+    [[ -f "$usr/share/man/man1/$program.1.gz" ]] || fail "manual page of $program missing"
 done
 unit=$usr/lib/systemd/system/demo_agent.service
 [[ -f "$unit" ]] || fail "demo_agent.service missing"

@@ -375,6 +375,21 @@ std::string manifestKey(int dsid, const std::string& path) {
     return "dsid/" + std::to_string(dsid) + "/files/" + sha256Hex(path) + ".manifest";
 }
 
+// Chunks of one file sent to an S3 store at the same time.
+const size_t kInFlight = 4;
+
+// One chunk on its way: a HEAD to find it in the store, then, when it is
+// missing, a PUT of its bytes.
+struct Transfer {
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    std::string key;
+    std::string data;
+    std::string answer;
+    bool put = false;
+    bool busy = false;
+};
+
 struct Connection {
     std::string root;  // a directory store's directory; empty for S3
     int dsid;
@@ -390,10 +405,27 @@ struct Connection {
     std::string prefix;
     std::string login;
     std::string password;
+    // Every request goes through one multi handle, whose connection cache
+    // keeps the connections alive from one upload to the next: `curl` for
+    // single requests, `slots` for the chunks of a file in flight together.
     CURL* curl = nullptr;
+    CURLM* multi = nullptr;
+    Transfer slots[kInFlight];
+    Connection() = default;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
     ~Connection() {
+        for (Transfer& slot : slots) {
+            if (slot.busy && multi != nullptr)
+                curl_multi_remove_handle(multi, slot.easy);
+            curl_slist_free_all(slot.headers);
+            if (slot.easy != nullptr)
+                curl_easy_cleanup(slot.easy);
+        }
         if (curl != nullptr)
             curl_easy_cleanup(curl);
+        if (multi != nullptr)
+            curl_multi_cleanup(multi);
     }
 };
 
@@ -422,42 +454,74 @@ std::string objectName(const Connection& c, const std::string& key) {
     return c.prefix.empty() ? key : c.prefix + "/" + key;
 }
 
-// One S3 request: `method` on the object `key` (or, with `query`, on the
-// bucket). The HTTP status, or -1 with `status` set when there was no answer.
-long s3Request(Connection& c, const char* method, const std::string& key, const std::string& query,
-               const void* body, size_t length, std::string* out, int& status) {
+// Sets `easy` up for one S3 request: `method` on the object `key` (or, with
+// `query`, on the bucket). `body` and `out` must outlive the request; the
+// returned header list is freed by the caller after it.
+curl_slist* prepareRequest(Connection& c, CURL* easy, const char* method, const std::string& key,
+                           const std::string& query, const void* body, size_t length,
+                           std::string* out) {
     std::string url = c.endpoint + "/" + urlEscaped(c.bucket, false);
     url += query.empty() ? "/" + urlEscaped(objectName(c, key), true) : "?" + query;
-    curl_easy_reset(c.curl);
+    curl_easy_reset(easy);
     std::string const credentials = c.login + ":" + c.password;
-    curl_easy_setopt(c.curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(c.curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(c.curl, CURLOPT_AWS_SIGV4, "aws:amz:us-east-1:s3");
-    curl_easy_setopt(c.curl, CURLOPT_USERPWD, credentials.c_str());
-    curl_easy_setopt(c.curl, CURLOPT_CONNECTTIMEOUT, 30L);
-    curl_easy_setopt(c.curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(c.curl, CURLOPT_LOW_SPEED_TIME, 60L);
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_AWS_SIGV4, "aws:amz:us-east-1:s3");
+    curl_easy_setopt(easy, CURLOPT_USERPWD, credentials.c_str());
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, 30L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, 60L);
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, out);
     std::string key8, cert8;
     if (!c.keyPath.empty() && wcstoutf8(c.keyPath.c_str(), key8) &&
         ::access(key8.c_str(), R_OK) == 0 && wcstoutf8(c.certPath.c_str(), cert8) &&
         ::access(cert8.c_str(), R_OK) == 0) {
-        curl_easy_setopt(c.curl, CURLOPT_SSLKEY, key8.c_str());
-        curl_easy_setopt(c.curl, CURLOPT_SSLCERT, cert8.c_str());
+        curl_easy_setopt(easy, CURLOPT_SSLKEY, key8.c_str());
+        curl_easy_setopt(easy, CURLOPT_SSLCERT, cert8.c_str());
     }
     struct curl_slist* headers = nullptr;
-    std::string sink;
     if (std::strcmp(method, "HEAD") == 0) {
-        curl_easy_setopt(c.curl, CURLOPT_NOBODY, 1L);
+        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
     } else if (std::strcmp(method, "PUT") == 0) {
         headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
-        curl_easy_setopt(c.curl, CURLOPT_CUSTOMREQUEST, "PUT");
-        curl_easy_setopt(c.curl, CURLOPT_POSTFIELDS, body != nullptr ? body : "");
-        curl_easy_setopt(c.curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length));
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "PUT");
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body != nullptr ? body : "");
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length));
     }
-    curl_easy_setopt(c.curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(c.curl, CURLOPT_WRITEFUNCTION, collectBody);
-    curl_easy_setopt(c.curl, CURLOPT_WRITEDATA, out != nullptr ? out : &sink);
-    CURLcode const result = curl_easy_perform(c.curl);
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, collectBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, out);
+    return headers;
+}
+
+// Runs the multi handle until `easy` has ended; its result.
+CURLcode runUntilDone(Connection& c, CURL* easy) {
+    for (;;) {
+        int running = 0;
+        CURLMcode const code = curl_multi_perform(c.multi, &running);
+        if (code != CURLM_OK)
+            return code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_FAILED_INIT;
+        int left = 0;
+        while (CURLMsg* const message = curl_multi_info_read(c.multi, &left))
+            if (message->msg == CURLMSG_DONE && message->easy_handle == easy)
+                return message->data.result;
+        if (curl_multi_poll(c.multi, nullptr, 0, 1000, nullptr) != CURLM_OK)
+            return CURLE_FAILED_INIT;
+    }
+}
+
+// One S3 request on the connection's single handle. The HTTP status, or -1
+// with `status` set when there was no answer.
+long s3Request(Connection& c, const char* method, const std::string& key, const std::string& query,
+               const void* body, size_t length, std::string* out, int& status) {
+    std::string sink;
+    curl_slist* const headers =
+        prepareRequest(c, c.curl, method, key, query, body, length, out != nullptr ? out : &sink);
+    CURLcode result = CURLE_OUT_OF_MEMORY;
+    if (curl_multi_add_handle(c.multi, c.curl) == CURLM_OK) {
+        result = runUntilDone(c, c.curl);
+        curl_multi_remove_handle(c.multi, c.curl);
+    }
     curl_slist_free_all(headers);
     if (result != CURLE_OK) {
         status = result == CURLE_OUT_OF_MEMORY ? CR_E_NOMEM : CR_E_IO;
@@ -583,6 +647,138 @@ int storeList(Connection& c, const std::string& directory, std::vector<std::stri
     } while (!token.empty());
     return CR_OK;
 }
+
+// The chunks of one file sent to an S3 store, kInFlight at a time through
+// the connection's multi handle: each is looked for with a HEAD and PUT when
+// missing. The first failure stops it; what is still in flight is dropped.
+class ChunkSender {
+public:
+    explicit ChunkSender(Connection& c) : m_c(c), m_status(CR_OK), m_written(0) {}
+    ~ChunkSender() { abort(); }
+    ChunkSender(const ChunkSender&) = delete;
+    ChunkSender& operator=(const ChunkSender&) = delete;
+
+    // Queues the chunk `key` of `length` bytes at `data`, waiting while all
+    // slots are busy. 0, or the first failure's status.
+    [[nodiscard]] int send(const std::string& key, const unsigned char* data, size_t length) {
+        if (!m_queued.insert(key).second)
+            return m_status;  // already on its way within this file
+        Transfer* slot = nullptr;
+        while (m_status == CR_OK && (slot = freeSlot()) == nullptr)
+            step();
+        if (m_status != CR_OK)
+            return m_status;
+        slot->key = key;
+        slot->data.assign(reinterpret_cast<const char*>(data), length);
+        start(*slot, false);
+        return m_status;
+    }
+
+    // Waits for every chunk. 0, or the first failure's status.
+    [[nodiscard]] int finish() {
+        while (m_status == CR_OK && busy())
+            step();
+        abort();
+        return m_status;
+    }
+
+    // Bytes of chunks that were PUT.
+    uint64_t written() const { return m_written; }
+
+private:
+    Transfer* freeSlot() {
+        for (Transfer& slot : m_c.slots)
+            if (!slot.busy)
+                return &slot;
+        return nullptr;
+    }
+
+    bool busy() const {
+        for (const Transfer& slot : m_c.slots)
+            if (slot.busy)
+                return true;
+        return false;
+    }
+
+    void fail(int status) {
+        if (m_status == CR_OK)
+            m_status = status;
+    }
+
+    void start(Transfer& slot, bool put) {
+        if (slot.easy == nullptr && (slot.easy = curl_easy_init()) == nullptr)
+            return fail(CR_E_NOMEM);
+        curl_slist_free_all(slot.headers);
+        slot.answer.clear();
+        slot.put = put;
+        slot.headers = prepareRequest(m_c, slot.easy, put ? "PUT" : "HEAD", slot.key, "",
+                                      slot.data.data(), slot.data.size(), &slot.answer);
+        if (curl_multi_add_handle(m_c.multi, slot.easy) != CURLM_OK)
+            return fail(CR_E_NOMEM);
+        slot.busy = true;
+    }
+
+    void ended(Transfer& slot, CURLcode result) {
+        curl_multi_remove_handle(m_c.multi, slot.easy);
+        slot.busy = false;
+        if (result != CURLE_OK)
+            return fail(result == CURLE_OUT_OF_MEMORY ? CR_E_NOMEM : CR_E_IO);
+        long code = 0;
+        curl_easy_getinfo(slot.easy, CURLINFO_RESPONSE_CODE, &code);
+        if (slot.put) {
+            if (code != 200)
+                return fail(statusOfHttp(code));
+            m_written += slot.data.size();
+            return;
+        }
+        curl_off_t length = -1;
+        curl_easy_getinfo(slot.easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+        if (code == 200 && length == static_cast<curl_off_t>(slot.data.size()))
+            return;  // there already
+        if (code == 200 || code == 404)
+            return start(slot, true);
+        fail(statusOfHttp(code));
+    }
+
+    // Moves the transfers on and handles those that ended, waiting a little
+    // when none did.
+    void step() {
+        int running = 0;
+        if (curl_multi_perform(m_c.multi, &running) != CURLM_OK)
+            return fail(CR_E_IO);
+        bool any = false;
+        int left = 0;
+        while (CURLMsg* const message = curl_multi_info_read(m_c.multi, &left)) {
+            if (message->msg != CURLMSG_DONE)
+                continue;
+            for (Transfer& slot : m_c.slots)
+                if (slot.busy && slot.easy == message->easy_handle) {
+                    ended(slot, message->data.result);
+                    any = true;
+                    break;
+                }
+        }
+        if (!any && m_status == CR_OK && running > 0 &&
+            curl_multi_poll(m_c.multi, nullptr, 0, 1000, nullptr) != CURLM_OK)
+            fail(CR_E_IO);
+    }
+
+    void abort() {
+        for (Transfer& slot : m_c.slots) {
+            if (slot.busy)
+                curl_multi_remove_handle(m_c.multi, slot.easy);
+            slot.busy = false;
+            curl_slist_free_all(slot.headers);
+            slot.headers = nullptr;
+            std::string().swap(slot.data);
+        }
+    }
+
+    Connection& m_c;
+    int m_status;
+    uint64_t m_written;
+    std::set<std::string> m_queued;
+};
 
 // A tref: the DSID and context of one upload.
 struct TRef {
@@ -922,7 +1118,8 @@ CRHandle CROpen(const char* url, const char* endpoint, const char* runtimedir, i
         while (!connection->endpoint.empty() && connection->endpoint.back() == '/')
             connection->endpoint.pop_back();
         connection->curl = curl_easy_init();
-        if (connection->curl == nullptr) {
+        connection->multi = curl_multi_init();
+        if (connection->curl == nullptr || connection->multi == nullptr) {
             setStatus(CR_E_NOMEM);
             return nullptr;
         }
@@ -1157,6 +1354,7 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
 
     std::ostringstream chunks;
     PendingChunks pending;
+    ChunkSender sender(*connection);
     uint64_t written = 0, total = 0;
     std::vector<unsigned char> buffer(kMaxChunk);
     size_t have = 0;
@@ -1179,26 +1377,23 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         if (!hexDigest(md, buffer.data(), cut, hex))
             return setStatus(CR_E_NOMEM);
         std::string const key = chunkKey(connection->fptype, hex);
-        int status = CR_E_IO;
-        int const present = pending.targets.count(connection->root + "/" + key) != 0
-                                ? 1
-                                : storeHas(*connection, key, cut, status);
-        if (present < 0)
-            return setStatus(status);
-        if (present == 0) {
-            if (connection->curl == nullptr) {
+        if (connection->curl != nullptr) {
+            if (int const status = sender.send(key, buffer.data(), cut); status != CR_OK)
+                return setStatus(status);
+        } else if (pending.targets.count(connection->root + "/" + key) == 0) {
+            int status = CR_E_IO;
+            int const present = storeHas(*connection, key, cut, status);
+            if (present < 0)
+                return setStatus(status);
+            if (present == 0) {
                 std::string temporary;
                 status = writeTemporary(connection->root, buffer.data(), cut, false, temporary);
-                if (status == CR_OK) {
-                    pending.files.emplace_back(temporary, connection->root + "/" + key);
-                    pending.targets.insert(connection->root + "/" + key);
-                }
-            } else {
-                status = storePut(*connection, key, buffer.data(), cut);
+                if (status != CR_OK)
+                    return setStatus(status);
+                pending.files.emplace_back(temporary, connection->root + "/" + key);
+                pending.targets.insert(connection->root + "/" + key);
+                written += cut;
             }
-            if (status != CR_OK)
-                return setStatus(status);
-            written += cut;
         }
         chunks << hex << ' ' << cut << '\n';
         total += cut;
@@ -1216,8 +1411,11 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         return setStatus(CR_E_CHANGED);
 
     // The chunks are in place and on the disk before the manifest names them.
-    if (int const status = pending.commit(connection->root); status != CR_OK)
+    if (int const status =
+            connection->curl != nullptr ? sender.finish() : pending.commit(connection->root);
+        status != CR_OK)
         return setStatus(status);
+    written += sender.written();
     char* const text = POToStringMalloced(po.get());
     if (text == nullptr)
         return setStatus(CR_E_NOMEM);

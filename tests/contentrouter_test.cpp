@@ -599,8 +599,9 @@ TEST_F(ContentRouterS3Test, ACutConnectionFailsOneFileAndARepeatCompletesIt) {
     ContentRouter router;
     EXPECT_EQ(-1, router.upload(wide(file("first", "1")).c_str(), 33));
     // A request cut on a reused connection is sent once more on a fresh
-    // one; both are cut here.
-    server_.failPuts(2, 0);
+    // one. Several chunks are in flight at once, each may be retried: cut
+    // enough of them that one is cut twice.
+    server_.failPuts(16, 0);
     LogCapture capture;
     EXPECT_EQ(-1, router.upload(wide(path).c_str(), 33));
     EXPECT_EQ((std::vector<std::string>{
@@ -609,6 +610,7 @@ TEST_F(ContentRouterS3Test, ACutConnectionFailsOneFileAndARepeatCompletesIt) {
               capture.lines());
     EXPECT_EQ(1, router.errors());
     EXPECT_EQ(1u, server_.objectCount("agents/one/dsid/33/files/"));
+    server_.failPuts(0, 0);
     EXPECT_EQ(-1, router.upload(wide(path).c_str(), 33));
     EXPECT_EQ(1, router.errors());
     EXPECT_EQ(2u, server_.objectCount("agents/one/dsid/33/files/"));

@@ -479,6 +479,16 @@ curl_slist* prepareRequest(Connection& c, CURL* easy, const char* method, const 
         curl_easy_setopt(easy, CURLOPT_SSLKEY, key8.c_str());
         curl_easy_setopt(easy, CURLOPT_SSLCERT, cert8.c_str());
     }
+    // The authority beside the certificate (Agent.cacert, as the key
+    // directory keeps it for the library's other TLS connections) is the one
+    // the server's certificate is checked against; without it, the system's.
+    std::string authority;
+    if (!c.certPath.empty() && wcstoutf8(c.certPath.c_str(), authority) && authority.size() > 5 &&
+        authority.compare(authority.size() - 5, 5, ".cert") == 0) {
+        authority.replace(authority.size() - 5, 5, ".cacert");
+        if (::access(authority.c_str(), R_OK) == 0)
+            curl_easy_setopt(easy, CURLOPT_CAINFO, authority.c_str());
+    }
     struct curl_slist* headers = nullptr;
     if (std::strcmp(method, "HEAD") == 0) {
         curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
@@ -1057,7 +1067,6 @@ bool POGetFields(POHandle po, POFields& out) {
 
 CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, int flags,
                 const char* version, int number) {
-    (void)configfile;
     if (runtimedir == nullptr || version == nullptr || number != kProtocolNumber) {
         setStatus(CR_E_INVAL);
         return nullptr;
@@ -1080,8 +1089,22 @@ CRHandle CRInit(const wchar_t* configfile, const wchar_t* runtimedir, int dsid, 
     }
     CRHandle const handle =
         CROpen(text.c_str(), endpointText.c_str(), runtime.c_str(), dsid, flags);
-    if (handle != nullptr)
-        errno = saved;
+    if (handle == nullptr)
+        return nullptr;
+    // The TLS client certificate of the key directory is known from the
+    // configuration file already, since the login is checked (with a request
+    // to an S3 store) before the options name it.
+    wchar_t directory[4095];
+    if (configfile != nullptr &&
+        InifileGetPathW(L"Paths", L"KeyDir", configfile, directory, 4095, nullptr) != 0) {
+        Connection* const connection = static_cast<Connection*>(handle);
+        std::wstring base(directory);
+        if (base.back() != L'/')
+            base += L'/';
+        connection->keyPath = base + L"Agent.key";
+        connection->certPath = base + L"Agent.cert";
+    }
+    errno = saved;
     return handle;
 }
 

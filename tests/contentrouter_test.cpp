@@ -29,6 +29,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
@@ -1007,6 +1008,84 @@ TEST_F(ContentRouterS3Test, AServerStoppedInTheMiddleFailsCleanlyAndARepeatCompl
     std::string const restore = dir_.path() + "/restore";
     EXPECT_EQ(2, reader.restoreAll(51, restore));
     expectRestored({big, small}, restore);
+}
+
+}  // namespace
+
+namespace {
+
+std::string sourceDir() {
+    const char* const fromEnvironment = std::getenv("TARNWICK_SOURCE_DIR");
+    if (fromEnvironment != nullptr && *fromEnvironment != '\0')
+        return fromEnvironment;
+    std::string const file = __FILE__;
+    return file.substr(0, file.rfind("/tests/"));
+}
+
+// An S3 store that speaks HTTPS and wants a client certificate: the server's
+// and the Agent's key files come from tests/support/make_certs.sh, the
+// Agent's in the key directory of the installation.
+class ContentRouterTLSTest : public ContentRouterTest {
+protected:
+    void SetUp() override {
+        ContentRouterTest::SetUp();
+        keys_ = dir_.path() + "/keys";
+        std::string const command = "sh '" + sourceDir() + "/tests/support/make_certs.sh' '" +
+                                    keys_ + "' server Agent --foreign Stranger";
+        ASSERT_EQ(0, std::system(command.c_str()));
+        server_.reset(new TarnwickTest::S3Server("backup", "agent", "secret", keys_));
+        ASSERT_EQ(0u, server_->endpoint().compare(0, 8, "https://")) << server_->endpoint();
+        set(L"storeurl", "s3://backup/tls");
+        set(L"storeendpoint", server_->endpoint());
+    }
+    void TearDown() override {
+        server_.reset();
+        ContentRouterTest::TearDown();
+    }
+
+    std::string keys_;
+    std::unique_ptr<TarnwickTest::S3Server> server_;
+};
+
+TEST_F(ContentRouterTLSTest, TheAgentCertificateOpensTheStore) {
+    std::string const path = file("a.bin", randomBytes(700000, 70));
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(path).c_str(), 60));
+    EXPECT_EQ(1, router.count());
+    EXPECT_EQ(0, router.errors());
+    EXPECT_EQ(0, server_->handshakesRefused());
+    EXPECT_EQ(0, server_->refused());
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("s3://backup/tls", server_->endpoint(), "agent", "secret", keys_))
+        << reader.status();
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(1, reader.restoreAll(60, restore));
+    expectRestored({path}, restore);
+}
+
+TEST_F(ContentRouterTLSTest, WithoutTheCertificateOrWithAForeignOneTheServerRefuses) {
+    // Only the authority: the server's certificate is trusted, but the
+    // client has none to show.
+    std::string const bare = dir_.path() + "/bare";
+    ASSERT_EQ(0, ::mkdir(bare.c_str(), 0700));
+    writeFile(bare + "/Agent.cacert", readFile(keys_ + "/Agent.cacert"));
+    StoreReader reader;
+    EXPECT_EQ(-1, reader.open("s3://backup/tls", server_->endpoint(), "agent", "secret", bare));
+    EXPECT_STREQ(L"input/output error", reader.statusText());
+    EXPECT_GE(server_->handshakesRefused(), 1);
+
+    // A certificate that another authority signed.
+    std::string const foreign = dir_.path() + "/foreign";
+    ASSERT_EQ(0, ::mkdir(foreign.c_str(), 0700));
+    writeFile(foreign + "/Agent.key", readFile(keys_ + "/Stranger.key"));
+    writeFile(foreign + "/Agent.cert", readFile(keys_ + "/Stranger.cert"));
+    writeFile(foreign + "/Agent.cacert", readFile(keys_ + "/Agent.cacert"));
+    int const before = server_->handshakesRefused();
+    EXPECT_EQ(-1, reader.open("s3://backup/tls", server_->endpoint(), "agent", "secret", foreign));
+    EXPECT_STREQ(L"input/output error", reader.statusText());
+    EXPECT_GT(server_->handshakesRefused(), before);
+    EXPECT_EQ(0u, server_->objectCount(""));
 }
 
 }  // namespace

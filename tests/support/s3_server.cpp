@@ -2,16 +2,19 @@
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <openssl/ssl.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <sstream>
 
 namespace TarnwickTest {
@@ -104,7 +107,8 @@ std::string reply(int status, const std::string& body, bool head = false, size_t
 
 }  // namespace
 
-S3Server::S3Server(const std::string& bucket, const std::string& access, const std::string& secret)
+S3Server::S3Server(const std::string& bucket, const std::string& access, const std::string& secret,
+                   const std::string& tlsDir)
     : m_bucket(bucket),
       m_access(access),
       m_secret(secret),
@@ -115,8 +119,26 @@ S3Server::S3Server(const std::string& bucket, const std::string& access, const s
       m_stopAfter(-1),
       m_received(0),
       m_refused(0),
+      m_handshakesRefused(0),
+      m_tls(nullptr),
       m_failCount(0),
       m_failStatus(0) {
+    if (!tlsDir.empty()) {
+        SSL_CTX* const context = SSL_CTX_new(TLS_server_method());
+        if (context == nullptr ||
+            SSL_CTX_use_certificate_file(context, (tlsDir + "/server.cert").c_str(),
+                                         SSL_FILETYPE_PEM) != 1 ||
+            SSL_CTX_use_PrivateKey_file(context, (tlsDir + "/server.key").c_str(),
+                                        SSL_FILETYPE_PEM) != 1 ||
+            SSL_CTX_load_verify_locations(context, (tlsDir + "/ca.cert").c_str(), nullptr) != 1) {
+            SSL_CTX_free(context);
+            return;
+        }
+        SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        m_tls = context;
+        // SSL_write to a client that went away must not end the test process.
+        ::signal(SIGPIPE, SIG_IGN);
+    }
     if (listen(0))
         m_acceptor = std::thread(&S3Server::acceptLoop, this);
 }
@@ -179,10 +201,13 @@ S3Server::~S3Server() {
         ::close(fd);
     if (m_listen >= 0)
         ::close(m_listen);
+    SSL_CTX_free(static_cast<SSL_CTX*>(m_tls));
 }
 
 std::string S3Server::endpoint() const {
-    return m_port == 0 ? std::string() : "http://127.0.0.1:" + std::to_string(m_port);
+    return m_port == 0 ? std::string()
+                       : (m_tls != nullptr ? "https" : "http") + std::string("://127.0.0.1:") +
+                             std::to_string(m_port);
 }
 
 void S3Server::failPuts(int count, int status) {
@@ -305,12 +330,32 @@ void S3Server::serve(int fd) {
         int fd;
         ~Ender() { ::shutdown(fd, SHUT_RDWR); }
     } ender{fd};
+    std::unique_ptr<SSL, void (*)(SSL*)> ssl(nullptr, SSL_free);
+    if (m_tls != nullptr) {
+        ssl.reset(SSL_new(static_cast<SSL_CTX*>(m_tls)));
+        if (!ssl || SSL_set_fd(ssl.get(), fd) != 1 || SSL_accept(ssl.get()) != 1) {
+            ++m_handshakesRefused;
+            return;
+        }
+    }
+    auto receive = [&ssl, fd](char* data, size_t size) -> ssize_t {
+        if (!ssl)
+            return ::recv(fd, data, size, 0);
+        int const n = SSL_read(ssl.get(), data, static_cast<int>(size));
+        return n > 0 ? n : -1;
+    };
+    auto transmit = [&ssl, fd](const std::string& data) {
+        if (!ssl)
+            return sendAll(fd, data);
+        return data.empty() || SSL_write(ssl.get(), data.data(), static_cast<int>(data.size())) ==
+                                   static_cast<int>(data.size());
+    };
     std::string buffer;
     char chunk[65536];
     for (;;) {
         size_t headEnd;
         while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
-            ssize_t const n = ::recv(fd, chunk, sizeof chunk, 0);
+            ssize_t const n = receive(chunk, sizeof chunk);
             if (n <= 0)
                 return;
             m_received += static_cast<uint64_t>(n);
@@ -333,7 +378,7 @@ void S3Server::serve(int fd) {
             headers.count("content-length") ? std::stoul(headers["content-length"]) : 0;
         buffer.erase(0, headEnd + 4);
         while (buffer.size() < length) {
-            ssize_t const n = ::recv(fd, chunk, sizeof chunk, 0);
+            ssize_t const n = receive(chunk, sizeof chunk);
             if (n <= 0)
                 return;
             m_received += static_cast<uint64_t>(n);
@@ -399,7 +444,7 @@ void S3Server::serve(int fd) {
         } else {
             answer = reply(404, "<Error><Code>NoSuchBucket</Code></Error>", method == "HEAD");
         }
-        if (!sendAll(fd, answer))
+        if (!transmit(answer))
             return;
     }
 }

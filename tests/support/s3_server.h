@@ -18,17 +18,23 @@ namespace TarnwickTest {
 
 class S3Server {
 public:
-    S3Server(const std::string& bucket, const std::string& access, const std::string& secret);
+    // With `tlsDir` the server speaks HTTPS with `tlsDir`/server.key and
+    // server.cert, and accepts only clients whose certificate the authority
+    // `tlsDir`/ca.cert signed (the files of tests/support/make_certs.sh).
+    S3Server(const std::string& bucket, const std::string& access, const std::string& secret,
+             const std::string& tlsDir = std::string());
     ~S3Server();
     S3Server(const S3Server&) = delete;
     S3Server& operator=(const S3Server&) = delete;
 
-    // "http://127.0.0.1:PORT"; empty when the server couldn't start.
+    // "http://127.0.0.1:PORT" ("https://" with TLS); empty when the server couldn't start.
     std::string endpoint() const;
     // Bytes of requests received so far, headers included.
     uint64_t bytesReceived() const { return m_received.load(); }
     // Requests refused for a bad or missing signature.
     int refused() const { return m_refused.load(); }
+    // TLS handshakes that failed (no or a foreign client certificate).
+    int handshakesRefused() const { return m_handshakesRefused.load(); }
     // The next `count` object PUTs are answered with `status` (0: the
     // connection is cut once the body has come).
     void failPuts(int count, int status);
@@ -60,6 +66,8 @@ private:
     int m_stopAfter;
     std::atomic<uint64_t> m_received;
     std::atomic<int> m_refused;
+    std::atomic<int> m_handshakesRefused;
+    void* m_tls;  // SSL_CTX when speaking HTTPS
     mutable std::mutex m_lock;
     std::map<std::string, std::string> m_objects;
     int m_failCount;

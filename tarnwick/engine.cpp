@@ -12,11 +12,10 @@
 #include <tarnwick/system.h>
 
 #include <ace/ACE.h>
+#include <ace/Dev_Poll_Reactor.h>
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_unistd.h>
-#include <ace/Reactor_Token_T.h>
-#include <ace/Select_Reactor_T.h>
 #include <ace/Singleton.h>
 #include <ace/Thread_Manager.h>
 #include <ace/Token.h>
@@ -25,20 +24,82 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <new>
 #include <string>
+
+#include <sys/resource.h>
 #include <vector>
 
 namespace Tarnwick {
 
 namespace {
 
-// The engine's reactor: select() based, room for a fixed number of handles.
-typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Engine_Reactor;
+// The engine's reactor: epoll based, so that a pass costs the same whatever
+// the number of idle connections, and without masking signals on each pass.
+// Handles are numbered into a table of fixed room; one at or above it is
+// refused with EINVAL. An epoll reactor lets any thread run its loop and
+// keeps no owner; the engine's connections ask whether they run on the
+// reactor's thread (a close from another thread goes through the reactor's
+// notification queue), so this one remembers the thread that runs it, as a
+// select reactor does: first the one that made it.
+class Engine_Reactor : public ACE_Dev_Poll_Reactor {
+public:
+    explicit Engine_Reactor(size_t handles)
+        : ACE_Dev_Poll_Reactor(handles, false, nullptr, nullptr, 0, nullptr,
+                               0 /* no signal mask per pass */),
+          m_owner(ACE_Thread::self()) {}
+    Engine_Reactor(const Engine_Reactor&) = delete;
+    Engine_Reactor& operator=(const Engine_Reactor&) = delete;
 
-const size_t REACTOR_HANDLES = 1010;
+    int owner(ACE_thread_t new_owner, ACE_thread_t* old_owner) override {
+        ACE_thread_t const previous = m_owner.exchange(new_owner);
+        if (old_owner != nullptr)
+            *old_owner = previous;
+        return 0;
+    }
+    int owner(ACE_thread_t* owner) override {
+        if (owner == nullptr)
+            return -1;
+        *owner = m_owner.load();
+        return 0;
+    }
+
+private:
+    std::atomic<ACE_thread_t> m_owner;
+};
+
+// Makes the reactor with room for `handles`, or null (errno set). The
+// process's soft descriptor limit is as the caller left it: the epoll
+// reactor lowers it to its room, and the process may well hold descriptors
+// beyond the room (files, pipes) that no reactor sees. A hard limit below
+// the room fails as it always has, with EMFILE.
+Engine_Reactor* makeReactor(size_t handles) {
+    struct rlimit before;
+    bool const known = ::getrlimit(RLIMIT_NOFILE, &before) == 0;
+    if (known && before.rlim_max != RLIM_INFINITY && before.rlim_max < handles) {
+        errno = EMFILE;
+        return nullptr;
+    }
+    Engine_Reactor* const reactor = new (std::nothrow) Engine_Reactor(handles);
+    if (reactor == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    int const saved = errno;
+    struct rlimit after;
+    if (known && ::getrlimit(RLIMIT_NOFILE, &after) == 0 && after.rlim_cur < before.rlim_cur) {
+        after.rlim_cur = before.rlim_cur;
+        ::setrlimit(RLIMIT_NOFILE, &after);
+    }
+    errno = saved;
+    return reactor;
+}
+
 const int REACTOR_TRIES = 10;
+// The most further dispatches of one run_step.
+const int RUN_STEP_DISPATCHES = 1024;
 const uint64_t ENGINE_CHUNK_SIZE = 16384;
 const size_t QUEUE_BYTES_PER_WORKER = 655360;
 // Spilled payload that may wait for the workers beyond the queue's mark.
@@ -112,6 +173,7 @@ const DefaultOwner g_default_owner;
 
 }  // namespace
 
+size_t Engine::Reactor_Handles = Engine::Default_Reactor_Handles;
 void (*Engine::s_retry_sleep)(const ACE_Time_Value&) = sleepBeforeRetry;
 ACE_Time_Value (*Engine::s_clock)() = timeOfDay;
 
@@ -155,20 +217,29 @@ int Engine::open(int threads, bool ssl) {
             return -1;
     }
 
-    // A select reactor needs every handle it may hold below the process's
-    // descriptor limit; raise a lower soft limit as far as the hard one lets.
+    // The reactor holds handles numbered below its room, which the process's
+    // descriptor limit must let exist; raise a lower soft limit as far as the
+    // hard one lets.
+    size_t const handles = Reactor_Handles > 0 ? Reactor_Handles : 1;
     {
         int const saved = errno;
-        set_fd_limit(static_cast<int>(REACTOR_HANDLES));
+        set_fd_limit(static_cast<int>(std::min<size_t>(handles, INT_MAX)));
         errno = saved;
     }
 
     ACE_Reactor* reactor = nullptr;
     for (int attempt = 0; attempt < REACTOR_TRIES; ++attempt) {
-        Engine_Reactor* implementation = new (std::nothrow) Engine_Reactor(REACTOR_HANDLES);
-        if (implementation == nullptr) {
-            errno = ENOMEM;
+        Engine_Reactor* implementation = makeReactor(handles);
+        if (implementation == nullptr && errno == ENOMEM)
             return -1;
+        if (implementation == nullptr) {
+            int const saved = errno;
+            TW_LOG(
+                "%D WARN  (%t): Could not initialize reactor. Retry within 5 seconds.\n Please "
+                "ensure open file hard limits are above 1010 for this user. (ulimit)\n");
+            s_retry_sleep(ACE_Time_Value(5));
+            errno = saved;
+            continue;
         }
         reactor = new (std::nothrow) ACE_Reactor(implementation, true);
         if (reactor == nullptr) {
@@ -259,7 +330,16 @@ int Engine::run_step() {
     }
     m_reactor->owner(ACE_Thread::self());
     ACE_Time_Value limit(0, 2);
-    return m_reactor->handle_events(limit);
+    int result = m_reactor->handle_events(limit);
+    // The epoll reactor dispatches one ready handle per call; a pass serves
+    // every handle that is ready, as a select pass does, within a bound so
+    // that a handle that is always ready can't hold the caller.
+    for (int more = 0; result > 0 && more < RUN_STEP_DISPATCHES; ++more) {
+        ACE_Time_Value none(ACE_Time_Value::zero);
+        if (m_reactor->handle_events(none) <= 0)
+            break;
+    }
+    return result;
 }
 
 int Engine::shutdown() {

@@ -14,6 +14,7 @@
 #include <ace/Thread_Mutex.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -49,13 +50,25 @@ public:
 
     static Engine* getSingleton();
 
-    // Sets up SSL (with `ssl`), the reactor (room for 1010 handles), the
-    // chunk size 16384, the worker queue, the payload cache, and starts
-    // `threads` worker threads (0: dispatch on the reactor thread). 0 or -1.
+    // The room of the reactor that open() makes: a connection whose socket
+    // descriptor is numbered at or above it is refused ("too many
+    // connections"). Default_Reactor_Handles unless set before open(); open()
+    // raises the process's soft descriptor limit to it as far as the hard
+    // limit lets, and fails (after its tries) when the hard limit is lower.
+    // The reactor is epoll based: a pass costs the same whatever the number
+    // of idle connections, so a server for thousands of peers raises this.
+    static constexpr size_t Default_Reactor_Handles = 1010;
+    static size_t Reactor_Handles;
+
+    // Sets up SSL (with `ssl`), the reactor (room for Reactor_Handles
+    // handles), the chunk size 16384, the worker queue, the payload cache,
+    // and starts `threads` worker threads (0: dispatch on the reactor
+    // thread). 0 or -1.
     int open(int threads, bool ssl);
     // Runs the reactor loop on the calling thread until it ends. 0 or -1.
     int run();
-    // One pass of the reactor, waiting at most 2 microseconds.
+    // One pass of the reactor, waiting at most 2 microseconds: every handle
+    // that is ready is served (up to 1025 dispatches).
     int run_step();
     // Stops the workers, closes every connection and the reactor, and
     // destroys an owned event handler and router. 0.

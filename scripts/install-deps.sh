@@ -14,6 +14,8 @@ packages=(
     libboost-dev libcap-dev
     # tests and benchmarks
     googletest libgtest-dev libgmock-dev libbenchmark-dev
+    # node and npm (nodejs of the nodesource packages holds npm) for s3rver
+    nodejs
     # tools used by tests: capabilities (setcap/getcap), ps/pgrep, file(1)
     libcap2-bin procps file
     # systemd-analyze, which checks the unit file that a service installs
@@ -35,8 +37,25 @@ not_installed() {
     done
 }
 
+# The npm packages of the tests (tests/support/package.json: s3rver, an S3
+# server), installed with `npm ci` from the lockfile when node and npm are
+# there and the lockfile changed since the last install; the tests that need
+# them are skipped without.
+npm_test_packages() {
+    local dir lock stamp
+    dir="$(cd "$(dirname "$0")/.." && pwd)/tests/support"
+    lock=$(sha256sum "$dir/package-lock.json" | cut -d' ' -f1)
+    stamp="$dir/node_modules/.tarnwick-lock"
+    command -v npm >/dev/null 2>&1 || return 0
+    [[ -f "$stamp" && "$(cat "$stamp")" == "$lock" ]] && return 0
+    echo "install-deps: npm ci in tests/support"
+    (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+    echo "$lock" >"$stamp"
+}
+
 mapfile -t missing < <(not_installed "${packages[@]}")
 if [[ ${#missing[@]} -eq 0 ]]; then
+    npm_test_packages
     exit 0
 fi
 
@@ -59,4 +78,5 @@ if [[ ${#still[@]} -gt 0 ]]; then
     echo "install-deps: could not install ${still[*]}" >&2
     exit 1
 fi
+npm_test_packages
 echo "install-deps: done"

@@ -412,7 +412,7 @@ private:
 // instance under a profiler; ROUNDS is how often each case runs.
 struct Selection {
     double scale = 1.0;
-    int kind = -1;  // -1: all; else 0, 1, 2
+    int kind = -1;  // -1: all; else 0, 1, 2, 3 (huge: throughput only)
     int path = -2;  // -2: all; -1: raw; else the number of workers
     int rounds = 3;
     bool parse(int argc, char** argv) {
@@ -425,9 +425,9 @@ struct Selection {
         }
         if (argc >= 3) {
             std::string const k = argv[2];
-            const char* const names[] = {"small", "formatted", "large"};
+            const char* const names[] = {"small", "formatted", "large", "huge"};
             kind = k == "all" ? -1 : -2;
-            for (int i = 0; i < 3; ++i) {
+            for (int i = 0; i < 4; ++i) {
                 if (k == names[i])
                     kind = i;
             }

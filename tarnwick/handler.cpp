@@ -234,8 +234,22 @@ void Handler::enableActivityMonitoring() {
 }
 
 void Handler::updateTimestamps() {
+    // Writes may happen on any thread (forward); the stamp is taken once.
+    std::lock_guard<std::mutex> guard(m_activity_lock);
     if (m_last_activity != ACE_Time_Value::zero)
         m_last_activity = ACE_OS::gettimeofday();
+}
+
+void Handler::stampReceived() {
+    std::lock_guard<std::mutex> guard(m_activity_lock);
+    if (m_last_activity == ACE_Time_Value::zero && m_last_recv_activity == ACE_Time_Value::zero)
+        return;
+    // Both timestamps that are on get the one present time.
+    ACE_Time_Value const now = ACE_OS::gettimeofday();
+    if (m_last_activity != ACE_Time_Value::zero)
+        m_last_activity = now;
+    if (m_last_recv_activity != ACE_Time_Value::zero)
+        m_last_recv_activity = now;
 }
 
 void Handler::updateRecvTimestamps() {
@@ -371,6 +385,8 @@ void Handler::requestClose() {
 int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
     if (m_closed.exchange(true))
         return 0;
+    // A write of another thread (forward) finishes before the stream goes.
+    std::unique_lock<std::recursive_mutex> writing(m_write_lock);
     TW_LOG("%D DEBUG (%t): Closing connection (%Q bytes sent, %Q bytes received).\n",
            static_cast<ACE_UINT64>(m_bytes_sent), static_cast<ACE_UINT64>(m_bytes_received));
 
@@ -406,6 +422,7 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
         }
         close_stream();
     }
+    writing.unlock();
 
     if (m_engine == nullptr)
         return 0;
@@ -438,6 +455,7 @@ int Handler::handle_timeout(const ACE_Time_Value& now, const void*) {
 }
 
 bool Handler::drained() {
+    std::lock_guard<std::recursive_mutex> guard(m_write_lock);
     return msg_queue()->is_empty() && m_writer == nullptr && m_coalesced_begin == m_coalesced_end &&
            m_source_act.size() == 0;
 }
@@ -897,6 +915,9 @@ int Handler::handle_output(ACE_HANDLE) {
         TW_LOG("%D ERROR (%t): error while cancelling reactor wakeup: %m\n");
         return -1;
     }
+    // A thread in forward() may be writing; it never waits for the reactor
+    // while it holds the lock.
+    std::lock_guard<std::recursive_mutex> writing(m_write_lock);
     for (;;) {
         m_socket_full = false;
         uint64_t const sent_before = m_bytes_sent;
@@ -1018,11 +1039,29 @@ int Handler::forward(ACE_Message_Block* block) {
         overflow();
         return -1;
     }
-    ACE_Message_Block* copy = block->duplicate();
-    if (copy == nullptr) {
-        errno = ENOMEM;
+    // Straight to the socket when nothing waits before this message.
+    int const direct = writeNow(block, disk);
+    if (direct == 1)
+        return 0;
+    if (direct == -1)
+        return -1;
+    if (direct == 0) {
+        ACE_Message_Block* copy = block->duplicate();
+        if (copy == nullptr) {
+            errno = ENOMEM;
+            return -1;
+        }
+        if (queue(copy, disk) == -1)
+            return -1;
+    }
+    if (get_handle() == ACE_INVALID_HANDLE) {
+        TW_LOG("%D ERROR (%t): Can not forward: network handle is invalid\n");
         return -1;
     }
+    return wakeForOutput();
+}
+
+int Handler::queue(ACE_Message_Block* copy, uint64_t disk) {
     if (disk > 0)
         m_queued_disk_bytes += disk;
     ACE_Time_Value zero(ACE_Time_Value::zero);
@@ -1036,10 +1075,10 @@ int Handler::forward(ACE_Message_Block* block) {
         errno = error;
         return -1;
     }
-    if (get_handle() == ACE_INVALID_HANDLE) {
-        TW_LOG("%D ERROR (%t): Can not forward: network handle is invalid\n");
-        return -1;
-    }
+    return 0;
+}
+
+int Handler::wakeForOutput() {
     // Through the connection's own engine. A connection made by hand outside
     // any engine has none, and is woken by the process's engine.
     Connection_Owner* const owner =
@@ -1053,6 +1092,63 @@ int Handler::forward(ACE_Message_Block* block) {
         return -1;
     }
     return 0;
+}
+
+int Handler::writeNow(ACE_Message_Block* block, uint64_t disk) {
+    // Only a connection that has joined its engine, whose socket may be
+    // written from this thread, with a whole message that isn't the closing
+    // one. The reactor thread, or another writer, holding the lock means
+    // that writing goes on there: queue behind it.
+    if (!m_in_router || !m_registered || m_closed || !directWrites() ||
+        (block->self_flags() & Message_Block::MESSAGE_BLOCK_FLAG) == 0 ||
+        block->rd_ptr() != block->base() ||
+        block->data_block()->msg_type() != ACE_Message_Block::MB_DATA)
+        return 0;
+    std::unique_lock<std::recursive_mutex> writing(m_write_lock, std::try_to_lock);
+    if (!writing.owns_lock() || m_closed || m_writer != nullptr ||
+        m_coalesced_begin != m_coalesced_end || !msg_queue()->is_empty())
+        return 0;
+    ACE_Message_Block* copy = block->duplicate();
+    if (copy == nullptr)
+        return 0;
+    errno = 0;
+    m_socket_full = false;
+    uint64_t const sent_before = m_bytes_sent;
+    int64_t const result = send(copy, nullptr);
+    int const error = errno;
+    // The stall clock, as handle_output keeps it.
+    if (m_bytes_sent != sent_before)
+        m_blocked_since = 0;
+    if (m_socket_full && m_blocked_since == 0)
+        m_blocked_since = static_cast<int64_t>(ACE_OS::gettimeofday().msec());
+    errno = error;
+    if (errno != EWOULDBLOCK) {
+        copy->release();
+        if (result == -1) {
+            // As a failed write of the reactor thread: the connection goes,
+            // on that thread.
+            writing.unlock();
+            requestClose();
+            return -1;
+        }
+        return 1;
+    }
+    // The rest goes out on the reactor thread, before anything queued
+    // meanwhile.
+    if (disk > 0)
+        m_queued_disk_bytes += disk;
+    ACE_Time_Value zero(ACE_Time_Value::zero);
+    if (ungetq(copy, &zero) == -1) {
+        TW_LOG("%D ERROR (%t): problem while queuing message.\n");
+        if (disk > 0)
+            m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
+        endWrite();
+        copy->release();
+        writing.unlock();
+        requestClose();
+        return -1;
+    }
+    return 2;
 }
 
 void Handler::overflow() {

@@ -234,6 +234,16 @@ ssize_t socketToPipe(ACE_SSL_SOCK_Stream&, int, size_t) {
     return -1;
 }
 
+// A plain socket may be written by one thread while another reads it; an
+// SSL session may not.
+bool writableFromAnyThread(const ACE_SOCK_Stream&) {
+    return true;
+}
+
+bool writableFromAnyThread(const ACE_SSL_SOCK_Stream&) {
+    return false;
+}
+
 }  // namespace
 
 template <typename Stream, typename Connector>
@@ -287,16 +297,16 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_bytes(void* buffer, size
     ssize_t const count = m_stream.recv(buffer, length, 0, timeout);
     if (count > 0) {
         bytes_received(static_cast<uint64_t>(count));
-        // Both timestamps that are on get the one present time.
-        ACE_Time_Value const now = ACE_OS::gettimeofday();
-        if (m_last_activity != ACE_Time_Value::zero)
-            m_last_activity = now;
-        if (m_last_recv_activity != ACE_Time_Value::zero)
-            m_last_recv_activity = now;
+        stampReceived();
         if (m_registered && m_engine != nullptr)
             readAgainIfPending(m_stream, this, m_owner->getReactor());
     }
     return count;
+}
+
+template <typename Stream, typename Connector>
+bool Handler_Implementation<Stream, Connector>::directWrites() const {
+    return writableFromAnyThread(m_stream);
 }
 
 template <typename Stream, typename Connector>
@@ -330,11 +340,7 @@ ssize_t Handler_Implementation<Stream, Connector>::recv_to_pipe(int pipe, size_t
     ssize_t const count = socketToPipe(m_stream, pipe, length);
     if (count > 0) {
         bytes_received(static_cast<uint64_t>(count));
-        ACE_Time_Value const now = ACE_OS::gettimeofday();
-        if (m_last_activity != ACE_Time_Value::zero)
-            m_last_activity = now;
-        if (m_last_recv_activity != ACE_Time_Value::zero)
-            m_last_recv_activity = now;
+        stampReceived();
     }
     return count;
 }

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace Tarnwick {
@@ -104,9 +105,12 @@ public:
     // last write, 0 with EWOULDBLOCK while bytes remain, or -1 on failure
     // and after a message marked closeAfterSend. The caller keeps `block`.
     int64_t send(ACE_Message_Block* block, const ACE_Time_Value* timeout);
-    // Queues a duplicate of `block` for sending by the reactor thread; any
-    // thread may call it. 0, or -1 (invalid handle, queue full). The caller
-    // keeps `block`.
+    // Sends a duplicate of `block`, or queues it for the reactor thread; any
+    // thread may call it. A connection of an engine over plain TCP whose
+    // output queue is empty writes the message at once on the calling
+    // thread, as far as the socket takes it without waiting, and queues only
+    // the rest (at the head, so that nothing overtakes it). 0, or -1
+    // (invalid handle, queue full). The caller keeps `block`.
     int forward(ACE_Message_Block* block);
 
     // Adds a reference; returns this.
@@ -215,6 +219,11 @@ protected:
     // count, 0 at the peer's end, or -1 with errno; ENOSYS where the stream
     // can't (SSL).
     virtual ssize_t recv_to_pipe(int pipe, size_t length);
+    // True when another thread may write the socket while the reactor
+    // thread reads it (plain TCP; not an SSL session).
+    virtual bool directWrites() const { return false; }
+    // Sets both activity timestamps that are on to the present time.
+    void stampReceived();
 
     // Takes ownership of `block` and sends it, or queues it again at the
     // head while it is unfinished. 0 or the send result; -1 on failure.
@@ -300,6 +309,17 @@ private:
     // The end of a message that has gone out: -1 after logging for a
     // closing message, else `result`.
     int64_t finished(ACE_Message_Block* block, int64_t result);
+    // forward()'s write on the calling thread: 1 the message went out
+    // whole, 2 part of it went and the rest waits at the head of the queue
+    // (the write wake-up still to be asked for), 0 nothing was done and the
+    // message is to be queued as usual, -1 the connection failed (its close
+    // has been asked for).
+    int writeNow(ACE_Message_Block* block, uint64_t disk);
+    // Puts `copy` (owned from here on) on the tail of the output queue,
+    // counting its spilled bytes. 0, or -1 (queue full or deactivated).
+    int queue(ACE_Message_Block* copy, uint64_t disk);
+    // Asks the reactor for the connection's write wake-up. 0 or -1, logged.
+    int wakeForOutput();
     // The part of send() after the header: the payload, from memory, or
     // from a spill file by sendfile where it may. As send().
     int64_t sendPayload(ACE_Message_Block* block, int64_t result, const ACE_Time_Value* timeout);
@@ -349,6 +369,13 @@ private:
     // The pipe of receiveSpliced (read end, write end) and its capacity.
     int m_pipe[2];
     size_t m_pipe_size;
+    // Held by whoever writes the socket, the reactor thread in
+    // handle_output or a thread in forward(), and around closing the
+    // stream, so that two messages' bytes never interleave and no write
+    // meets a closed descriptor. Recursive: handle_output's paths may close.
+    std::recursive_mutex m_write_lock;
+    // Guards the writes of the activity timestamps.
+    std::mutex m_activity_lock;
     // sendfile or splice was refused: this connection copies from then on.
     bool m_copy_sent;
     bool m_copy_received;

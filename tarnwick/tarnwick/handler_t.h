@@ -35,6 +35,7 @@ protected:
     ssize_t send_parts(const iovec* parts, int count) override;
     ssize_t send_file(ACE_HANDLE file, uint64_t offset, size_t length) override;
     ssize_t recv_to_pipe(int pipe, size_t length) override;
+    bool directWrites() const override;
     int handshake_step(bool& want_write) override;
 
 private:

@@ -489,10 +489,17 @@ curl_slist* prepareRequest(Connection& c, CURL* easy, const char* method, const 
         if (::access(authority.c_str(), R_OK) == 0)
             curl_easy_setopt(easy, CURLOPT_CAINFO, authority.c_str());
     }
-    struct curl_slist* headers = nullptr;
+    // S3 wants the payload's SHA-256 in a header of its own with SigV4
+    // (libcurl signs the value given there).
+    bool const put = std::strcmp(method, "PUT") == 0;
+    std::string payload;
+    if (!hexDigest(EVP_sha256(), put && body != nullptr ? body : "", put ? length : 0, payload))
+        payload = "UNSIGNED-PAYLOAD";
+    struct curl_slist* headers =
+        curl_slist_append(nullptr, ("x-amz-content-sha256: " + payload).c_str());
     if (std::strcmp(method, "HEAD") == 0) {
         curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-    } else if (std::strcmp(method, "PUT") == 0) {
+    } else if (put) {
         headers = curl_slist_append(headers, "Content-Type: application/octet-stream");
         curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, "PUT");
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body != nullptr ? body : "");

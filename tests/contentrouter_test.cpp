@@ -16,7 +16,10 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -1086,6 +1089,124 @@ TEST_F(ContentRouterTLSTest, WithoutTheCertificateOrWithAForeignOneTheServerRefu
     EXPECT_STREQ(L"input/output error", reader.statusText());
     EXPECT_GT(server_->handshakesRefused(), before);
     EXPECT_EQ(0u, server_->objectCount(""));
+}
+
+}  // namespace
+
+namespace {
+
+// s3rver (tests/support/package.json, installed by scripts/install-deps.sh)
+// as a child process on 127.0.0.1 with a data directory in the scratch
+// directory; stopped with SIGTERM and waited for at the end.
+class S3rverProcess {
+public:
+    explicit S3rverProcess(const std::string& dataDir) : m_pid(-1) {
+        std::string const program = sourceDir() + "/tests/support/node_modules/.bin/s3rver";
+        if (::access(program.c_str(), X_OK) != 0 ||
+            std::system("node --version >/dev/null 2>&1") != 0) {
+            m_problem =
+                "node or s3rver is not installed (scripts/install-deps.sh runs npm ci in "
+                "tests/support)";
+            return;
+        }
+        // Its output goes to a file: a pipe that nobody reads any more would
+        // end it at its next log line.
+        std::string const log = dataDir + ".log";
+        int const out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (out < 0)
+            return;
+        m_pid = ::fork();
+        if (m_pid == 0) {
+            ::dup2(out, 1);
+            ::dup2(out, 2);
+            ::execl(program.c_str(), program.c_str(), "-d", dataDir.c_str(), "-a", "127.0.0.1",
+                    "-p", "0", "--configure-bucket", "backup", static_cast<char*>(nullptr));
+            ::_exit(127);
+        }
+        ::close(out);
+        // It tells its port when it listens.
+        std::string said;
+        for (int waited = 0; waited < 300 && m_port.empty(); ++waited) {
+            ::usleep(50000);
+            said = readFile(log);
+            size_t const at = said.find("listening on 127.0.0.1:");
+            if (at != std::string::npos) {
+                size_t const end = said.find_first_not_of("0123456789", at + 23);
+                if (end != std::string::npos)
+                    m_port = said.substr(at + 23, end - at - 23);
+            }
+            int status = 0;
+            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
+                break;
+            }
+        }
+        if (m_port.empty())
+            m_problem = "s3rver did not start: " + said;
+    }
+    ~S3rverProcess() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGTERM);
+            int status = 0;
+            (void)::waitpid(m_pid, &status, 0);
+        }
+    }
+    S3rverProcess(const S3rverProcess&) = delete;
+    S3rverProcess& operator=(const S3rverProcess&) = delete;
+
+    std::string endpoint() const { return m_port.empty() ? "" : "http://127.0.0.1:" + m_port; }
+    const std::string& problem() const { return m_problem; }
+
+private:
+    pid_t m_pid;
+    std::string m_port;
+    std::string m_problem;
+};
+
+// The same installation with an S3 store on s3rver, whose one account is
+// S3RVER / S3RVER. s3rver checks the access key and the payload's SHA-256
+// header, but not the SigV4 signature itself; ContentRouterS3Test's server
+// checks that.
+TEST_F(ContentRouterTest, UploadAndRestoreThroughS3rver) {
+    std::string const s3data = dir_.path() + "/s3rver";
+    ASSERT_EQ(0, ::mkdir(s3data.c_str(), 0700));
+    S3rverProcess server(s3data);
+    if (server.endpoint().empty()) {
+        if (server.problem().find("not installed") != std::string::npos)
+            GTEST_SKIP() << server.problem();
+        FAIL() << server.problem();
+    }
+    set(L"storeurl", "s3://backup/agents/s3rver");
+    set(L"storeendpoint", server.endpoint());
+    set(L"login", "S3RVER");
+    set(L"passwd", "S3RVER");
+    std::vector<std::string> const files =
+        makeTree(data_, [this](const std::string& n, const std::string& c) { return file(n, c); });
+    ContentRouter router;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 70));
+    EXPECT_EQ(4, router.count());
+    EXPECT_EQ(0, router.errors());
+    // Again: everything is there already.
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(files[0]).c_str(), 70));
+    EXPECT_EQ((std::vector<std::string>{
+                  "%D DEBUG (%t): Uploading " + files[0],
+                  "%D ERROR (%t): Result: " + files[0] + ", success, data already in store",
+                  "%D ERROR (%t): File Type not supported."}),
+              capture.lines());
+
+    StoreReader reader;
+    ASSERT_EQ(0, reader.open("s3://backup/agents/s3rver", server.endpoint(), "S3RVER", "S3RVER"))
+        << reader.status();
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, reader.list(70, paths));
+    EXPECT_EQ(files, paths);
+    std::string const restore = dir_.path() + "/restore";
+    EXPECT_EQ(4, reader.restoreAll(70, restore));
+    expectRestored(files, restore);
+    // An access key that s3rver doesn't know is refused.
+    EXPECT_EQ(-1, reader.open("s3://backup/agents/s3rver", server.endpoint(), "NOBODY", "x"));
+    EXPECT_STREQ(L"authentication refused", reader.statusText());
 }
 
 }  // namespace

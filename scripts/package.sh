@@ -6,11 +6,12 @@
 #
 #   scripts/package.sh [--build-dir=DIR] [--output=DIR]
 #
-# --build-dir reuses a build tree (e.g. build/ of scripts/test.sh): only the
-# library and the two programs are built in it, if they are not yet. It must
-# be an optimised build (Release, RelWithDebInfo or MinSizeRel) without
-# sanitizers and with the examples. Without --build-dir the packages are made
-# in build-package/, configured here for that when it is new.
+# The packages are made in build-package/, or in --build-dir: a new directory
+# is configured for packaging (RelWithDebInfo, without tests and benchmarks);
+# an existing build tree (e.g. build/ of scripts/test.sh) is reused, and only
+# the library and the two programs are built in it, if they are not yet. It
+# must be an optimised build (Release, RelWithDebInfo or MinSizeRel) without
+# sanitizers and with the examples.
 # The packages are written to DIR/packages, and copied to --output if given;
 # the script prints their paths, one a line, on standard output.
 set -euo pipefail
@@ -39,14 +40,12 @@ for tool in cmake cpack dpkg-deb dpkg-shlibdeps readelf file gzip; do
         fail "$tool not found (scripts/install-deps.sh installs what is needed)"
 done
 
-if [[ -z "$build_dir" ]]; then
-    build_dir=$root/build-package
-    if [[ ! -f "$build_dir/CMakeCache.txt" ]]; then
-        echo "-- configure $build_dir" >&2
-        cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-            -DTARNWICK_BUILD_TESTS=OFF -DTARNWICK_BUILD_BENCH=OFF \
-            -DTARNWICK_BUILD_EXAMPLES=ON >&2 || fail "configuring $build_dir failed"
-    fi
+build_dir=${build_dir:-$root/build-package}
+if [[ ! -f "$build_dir/CMakeCache.txt" ]]; then
+    echo "-- configure $build_dir" >&2
+    cmake -S "$root" -B "$build_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DTARNWICK_BUILD_TESTS=OFF -DTARNWICK_BUILD_BENCH=OFF \
+        -DTARNWICK_BUILD_EXAMPLES=ON >&2 || fail "configuring $build_dir failed"
 fi
 [[ -f "$build_dir/CMakeCache.txt" ]] || fail "$build_dir is not a configured build tree"
 build_dir=$(cd "$build_dir" && pwd)

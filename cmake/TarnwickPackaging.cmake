@@ -100,7 +100,8 @@ endif()
 # cpack installs the components after building the target "preinstall",
 # which would otherwise be the whole tree (tests, benchmarks) first; the
 # packages need the library and the examples only, and scripts/package.sh
-# builds those.
+# builds those. (So `make install` does not build the tree first either;
+# `cmake --install`, which the scripts use, never does.)
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
 
 set(CPACK_GENERATOR DEB)
@@ -112,6 +113,7 @@ set(CPACK_PACKAGE_CONTACT
 # Each package's description (its first line the synopsis) is its own,
 # CPACK_DEBIAN_<COMPONENT>_DESCRIPTION below: no common summary is set,
 # which CPack would put in front of each.
+
 # Staged with DESTDIR under the final prefix, so that tarnwick.pc names /usr
 # and the files for /etc land in the package.
 set(CPACK_SET_DESTDIR ON)

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -390,6 +391,29 @@ struct Transfer {
     bool busy = false;
 };
 
+// What a connection stored for a file: the stat data it had then and the
+// size of its manifest. A file met again with the same device, inode, size,
+// modification and change time (a change of mode, owner or links changes the
+// change time) is the same file, and isn't read again while its manifest is
+// in the store.
+struct Seen {
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    struct timespec modified;
+    struct timespec changed;
+    int fptype;
+    size_t manifestSize;
+};
+
+bool sameFile(const Seen& seen, const struct stat& st, int fptype) {
+    return seen.device == st.st_dev && seen.inode == st.st_ino && seen.size == st.st_size &&
+           seen.modified.tv_sec == st.st_mtim.tv_sec &&
+           seen.modified.tv_nsec == st.st_mtim.tv_nsec &&
+           seen.changed.tv_sec == st.st_ctim.tv_sec && seen.changed.tv_nsec == st.st_ctim.tv_nsec &&
+           seen.fptype == fptype;
+}
+
 struct Connection {
     std::string root;  // a directory store's directory; empty for S3
     int dsid;
@@ -410,6 +434,8 @@ struct Connection {
     // single requests, `slots` for the chunks of a file in flight together.
     CURL* curl = nullptr;
     CURLM* multi = nullptr;
+    // The files stored on this connection, by manifest key.
+    std::map<std::string, Seen> seen;
     Transfer slots[kInFlight];
     Connection() = default;
     Connection(const Connection&) = delete;
@@ -1371,6 +1397,11 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         int fd;
         ~Closer() { ::close(fd); }
     } closer{fd};
+    // A change after this moment gets a change time from this moment on (the
+    // file system's clock is the coarse one): only a file changed before it
+    // can be remembered as unchanged, a file changed in the same tick can't.
+    struct timespec began;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &began);
     struct stat before;
     if (::fstat(fd, &before) != 0)
         return setStatus(statusOfErrno(errno));
@@ -1381,6 +1412,30 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         std::free);
     if (!po)
         return setStatus(t_status == CR_E_NOENT ? CR_E_CHANGED : t_status);
+
+    TRef* const reference = static_cast<TRef*>(tref);
+    int const dsid = reference != nullptr ? reference->dsid : connection->dsid;
+    std::string const manifestName = manifestKey(dsid, narrow);
+    std::string const trefName = reference != nullptr
+                                     ? "dsid/" + std::to_string(dsid) + "/trefs/" +
+                                           sha256Hex(reference->context) + "/" + sha256Hex(narrow)
+                                     : std::string();
+    auto const known = connection->seen.find(manifestName);
+    if (known != connection->seen.end() && sameFile(known->second, before, connection->fptype)) {
+        int status = CR_E_IO;
+        int const present = storeHas(*connection, manifestName, known->second.manifestSize, status);
+        if (present < 0)
+            return setStatus(status);
+        if (present == 1) {
+            if (reference != nullptr) {
+                std::string entry = narrow + "\n";
+                entry.append(context != nullptr ? context : "", size);
+                if ((status = storePut(*connection, trefName, entry.data(), entry.size())) != CR_OK)
+                    return setStatus(status);
+            }
+            return setStatus(CR_OK_PRESENT);
+        }
+    }
 
     std::ostringstream chunks;
     PendingChunks pending;
@@ -1453,19 +1508,25 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
                            std::to_string(connection->fptype) + "\n" + chunks.str() + "END " +
                            std::to_string(total) + "\n";
     POStringDestroy(text);
-    TRef* const reference = static_cast<TRef*>(tref);
-    int const dsid = reference != nullptr ? reference->dsid : connection->dsid;
-    int status = storePut(*connection, manifestKey(dsid, narrow), manifest.data(), manifest.size());
+    int status = storePut(*connection, manifestName, manifest.data(), manifest.size());
     if (status == CR_OK && reference != nullptr) {
         std::string entry = narrow + "\n";
         entry.append(context != nullptr ? context : "", size);
-        status = storePut(*connection,
-                          "dsid/" + std::to_string(dsid) + "/trefs/" +
-                              sha256Hex(reference->context) + "/" + sha256Hex(narrow),
-                          entry.data(), entry.size());
+        status = storePut(*connection, trefName, entry.data(), entry.size());
     }
     if (status != CR_OK)
         return setStatus(status);
+    bool const settled =
+        before.st_ctim.tv_sec < began.tv_sec ||
+        (before.st_ctim.tv_sec == began.tv_sec && before.st_ctim.tv_nsec < began.tv_nsec);
+    try {
+        if (settled)
+            connection->seen[manifestName] =
+                Seen{before.st_dev,  before.st_ino,      before.st_size, before.st_mtim,
+                     before.st_ctim, connection->fptype, manifest.size()};
+    } catch (const std::bad_alloc&) {
+        // Not remembered: the file is read again next time.
+    }
     if (result != nullptr)
         *result = written;
     return setStatus(written > 0 ? CR_OK : CR_OK_PRESENT);

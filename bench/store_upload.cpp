@@ -2,12 +2,17 @@
 // under $TMPDIR) uploaded once, again unchanged, and again with 1% of each
 // file changed in the middle. Prints MB/s against `cp -r` of the same tree
 // to the same disk, the bytes each upload wrote to the store, and the peak
-// RSS. Usage: store_upload [MiB of data, default 1024]
+// RSS. Then a smaller tree goes to an S3 server on 127.0.0.1 (the tests'
+// SigV4-checking server, which keeps the objects in memory), once and again
+// unchanged, with the bytes the server received.
+// Usage: store_upload [MiB of data, default 1024] [MiB for S3, default 256]
 #include <tarnwick/configuration.h>
 #include <tarnwick/contentrouter.h>
 #include <tarnwick/registry.h>
 
 #include <ace/Log_Msg.h>
+
+#include "s3_server.h"
 
 #include <dirent.h>
 #include <sys/resource.h>
@@ -62,11 +67,10 @@ void writeRandom(const std::string& path, size_t size, std::mt19937_64& generato
     }
 }
 
-int run(const std::string& base, uint64_t total) {
-    std::string const source = base + "/src";
-    std::string const store = base + "/store";
+// Makes a tree of mixed files of `total` bytes below `source`.
+std::vector<std::string> makeTree(const std::string& source, uint64_t total,
+                                  std::mt19937_64& generator) {
     ::mkdir(source.c_str(), 0755);
-    std::mt19937_64 generator(42);
     // Mixed sizes: many small files, some of a few MiB, a few large ones.
     std::vector<std::string> files;
     uint64_t made = 0;
@@ -85,6 +89,14 @@ int run(const std::string& base, uint64_t total) {
         files.push_back(path);
         made += size;
     }
+    return files;
+}
+
+int run(const std::string& base, uint64_t total, uint64_t s3total) {
+    std::string const source = base + "/src";
+    std::string const store = base + "/store";
+    std::mt19937_64 generator(42);
+    std::vector<std::string> const files = makeTree(source, total, generator);
     ::sync();
 
     auto start = std::chrono::steady_clock::now();
@@ -94,8 +106,8 @@ int run(const std::string& base, uint64_t total) {
     double const cpTime = seconds(start);
 
     Tarnwick::Configuration* const configuration = Tarnwick::getConfigSingleton();
-    for (const wchar_t* key :
-         {L"rtdir", L"storagepoolid", L"login", L"passwd", L"FingerprintType", L"storeurl"})
+    for (const wchar_t* key : {L"rtdir", L"storagepoolid", L"login", L"passwd", L"FingerprintType",
+                               L"storeurl", L"storeendpoint"})
         configuration->register_setting(
             new Tarnwick::Setting(key, 0, L"upload", L"a setting", Tarnwick::SETTING_ARGUMENT));
     ::setenv("TARNWICK_REGISTRY", (base + "/registry").c_str(), 1);
@@ -162,6 +174,38 @@ int run(const std::string& base, uint64_t total) {
                 static_cast<unsigned long long>(changed),
                 static_cast<double>(thirdBytes) / static_cast<double>(changed));
     std::printf("peak RSS:        %.1f MiB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
+    if (s3total == 0)
+        return 0;
+
+    // S3: the server runs in this process, so the peak RSS above is the
+    // uploader's alone.
+    std::string const s3source = base + "/s3src";
+    std::vector<std::string> const s3files = makeTree(s3source, s3total, generator);
+    ::sync();
+    TarnwickTest::S3Server server("bench", "bench", "bench");
+    if (server.endpoint().empty())
+        return 1;
+    configuration->setKeyVal(L"storeurl", L"s3://bench/tree");
+    configuration->setKeyVal(L"storeendpoint", wide(server.endpoint()).c_str());
+    Tarnwick::ContentRouter s3router;
+    start = std::chrono::steady_clock::now();
+    (void)s3router.upload(wide(s3source).c_str(), 2);
+    double const s3first = seconds(start);
+    uint64_t const s3firstBytes = server.bytesReceived();
+    start = std::chrono::steady_clock::now();
+    (void)s3router.upload(wide(s3source).c_str(), 2);
+    double const s3second = seconds(start);
+    uint64_t const s3secondBytes = server.bytesReceived() - s3firstBytes;
+    double const s3mb = static_cast<double>(s3total) / 1e6;
+    std::printf("S3 tree: %zu files, %.1f MB; errors %d of %d files\n", s3files.size(), s3mb,
+                s3router.errors(), s3router.count());
+    std::printf("S3 first upload:  %.2f s, %.1f MB/s, %llu bytes received by the server\n", s3first,
+                s3mb / s3first, static_cast<unsigned long long>(s3firstBytes));
+    std::printf(
+        "S3 second upload: %.2f s (%.1fx faster), %llu bytes received (%.3f%% of the "
+        "first)\n",
+        s3second, s3first / s3second, static_cast<unsigned long long>(s3secondBytes),
+        100.0 * static_cast<double>(s3secondBytes) / static_cast<double>(s3firstBytes));
     return 0;
 }
 
@@ -171,11 +215,12 @@ int main(int argc, char** argv) {
     // Every upload logs its lines; the figures are what this prints.
     ACE_Log_Msg::instance()->priority_mask(0, ACE_Log_Msg::PROCESS);
     uint64_t const mib = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1024;
+    uint64_t const s3mib = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 256;
     const char* const tmp = std::getenv("TMPDIR");
     std::string base = std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/store_upload-XXXXXX";
     if (::mkdtemp(&base[0]) == nullptr)
         return 1;
-    int const status = run(base, mib << 20);
+    int const status = run(base, mib << 20, s3mib << 20);
     std::string const remove = "rm -rf '" + base + "'";
     if (std::system(remove.c_str()) != 0)
         return 1;

@@ -23,6 +23,7 @@
 #include "bench_util.h"
 
 #include <tarnwick/abstract_event.h>
+#include <tarnwick/act_cache.h>
 #include <tarnwick/engine.h>
 #include <tarnwick/event_factory.h>
 #include <tarnwick/handler.h>
@@ -105,6 +106,11 @@ int client(bench::Reporter& reporter, uint16_t port, int idle, size_t heartbeat,
             return 1;
         }
         fds.push_back(fd);
+        // The listener's backlog is short (5): a connect that finds it full
+        // waits a second for its SYN to be sent again. A little pacing keeps
+        // the acceptor ahead.
+        if (i % 4 == 3)
+            usleep(1000);
     }
     int const stream = bench::connectLoopback(port);
     if (stream == -1)
@@ -205,7 +211,8 @@ Outcome withEngine(int idle, uint64_t events) {
     Counter counter;
     engine->event_handler(&counter, false);
     engine->router(new Router(), true);
-    Engine::Reactor_Handles = static_cast<size_t>(idle) + 200;
+    Engine::Reactor_Handles =
+        std::max<size_t>(Engine::Default_Reactor_Handles, static_cast<size_t>(idle) + 200);
     if (engine->open(0, false) == -1) {
         std::fprintf(stderr, "connections: the engine did not open: %s\n", std::strerror(errno));
         return outcome;
@@ -226,10 +233,18 @@ Outcome withEngine(int idle, uint64_t events) {
         return engine->router()->findAllHandlers(set) == 0 ? static_cast<int>(set.size()) : 0;
     };
     double const deadline = bench::now() + WAIT_LIMIT;
-    while (connected() < idle + 1 && bench::now() < deadline) {
+    // Counting the connections visits them all: only now and then.
+    double next_count = 0.0;
+    while (bench::now() < deadline) {
+        if (bench::now() >= next_count) {
+            if (connected() >= idle + 1)
+                break;
+            next_count = bench::now() + 0.05;
+        }
         ACE_Time_Value wait(0, 10000);
         reactor->handle_events(wait);
     }
+    int const held = connected();
     double sent = 0.0;
     if (idle > 0) {
         sent = bench::now();
@@ -240,13 +255,18 @@ Outcome withEngine(int idle, uint64_t events) {
     while (!heard && bench::now() < deadline) {
         ACE_Time_Value wait(0, 1000);
         reactor->handle_events(wait);
-        heard = peer.receive(report, 0.0005);
+        heard = peer.receive(report, 0.002);
     }
     while (counter.count() < events + 1 && bench::now() < deadline) {
         ACE_Time_Value wait(0, 1000);
         reactor->handle_events(wait);
     }
     outcome.ok = heard && counter.count() == events + 1 && (idle == 0 || report.value[R_HEARD] > 0);
+    if (!outcome.ok)
+        std::fprintf(stderr,
+                     "connections: %d idle: %d connections held, %s, %" PRIu64 " of %" PRIu64
+                     " events\n",
+                     idle, held, heard ? "reported" : "no report", counter.count(), events + 1);
     if (idle > 0 && report.value[R_HEARD] > 0)
         outcome.heartbeat_ms = (report.value[R_HEARD] - sent) * 1000.0;
     outcome.per_event_us = counter.seconds() * 1e6 / static_cast<double>(events);
@@ -257,6 +277,30 @@ Outcome withEngine(int idle, uint64_t events) {
     }
     engine->shutdown();
     outcome.ok = peer.finish(30.0) && outcome.ok;
+    return outcome;
+}
+
+// An engine listens once per process: each engine run has a process of its
+// own.
+Outcome withEngineApart(int idle, uint64_t events) {
+    Outcome outcome;
+    bench::Child server;
+    if (!server.spawn("server", CHILD_LIMIT, [&](bench::Reporter& r) {
+            Outcome const o = withEngine(idle, events);
+            bench::Report report{};
+            report.value[0] = o.ok ? 1.0 : 0.0;
+            report.value[1] = o.heartbeat_ms;
+            report.value[2] = o.per_event_us;
+            return r.send(report) ? 0 : 1;
+        }))
+        return outcome;
+    bench::Report report{};
+    if (server.receive(report, CHILD_LIMIT)) {
+        outcome.ok = report.value[0] > 0.0;
+        outcome.heartbeat_ms = report.value[1];
+        outcome.per_event_us = report.value[2];
+    }
+    outcome.ok = server.finish(30.0) && outcome.ok;
     return outcome;
 }
 
@@ -280,6 +324,11 @@ Outcome withRaw(int idle, uint64_t events, size_t heartbeat) {
         if (fd == -1)
             break;
         fds.push_back(fd);
+        // The listener's backlog is short (5): a connect that finds it full
+        // waits a second for its SYN to be sent again. A little pacing keeps
+        // the acceptor ahead.
+        if (i % 4 == 3)
+            usleep(1000);
     }
     int const stream = bench::acceptOne(listener);
     ::close(listener);
@@ -442,7 +491,7 @@ int main(int argc, char** argv) {
             int const which = (step + round) % 4;
             bool const raw = which >= 2;
             int const n = which % 2 == 0 ? idle : 0;
-            Outcome const o = raw ? withRaw(n, events, heartbeat) : withEngine(n, events);
+            Outcome const o = raw ? withRaw(n, events, heartbeat) : withEngineApart(n, events);
             all_ok = all_ok && o.ok;
             if (!o.ok)
                 std::fprintf(stderr, "connections: %s run with %d idle failed\n",
@@ -474,7 +523,10 @@ int main(int argc, char** argv) {
     std::printf("%-28s %9.3f us\n", "forward, first 1000", f.first_us);
     std::printf("%-28s %9.3f us %22.2fx of the first 1000\n", "forward, all R", f.all_us,
                 f.first_us > 0 ? f.all_us / f.first_us : 0.0);
-    std::printf("(forward: %zu requests still open at the end, the list's capacity)\n", f.open);
+    std::printf(
+        "(forward: %zu requests open in the connection's list at the end; its capacity "
+        "%zu)\n",
+        f.open, ACT_List::newListCapacity());
     std::printf(
         "(medians of %d round(s); heartbeat: from sendGlobalHeartBeat to the last whole\n"
         " delivery at the client; stream: engine time per 64 B event, first to last;\n"

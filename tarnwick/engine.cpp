@@ -588,7 +588,10 @@ int Engine::process_incoming(ACE_Message_Block* block) {
         TW_LOG("%D ERROR (%t): An unspecified error occurred: %m\n");
         event->error("Unknown error occurred while executing command.", 1);
     } else if (result == 0) {
-        m_router->clear_act(event->getACT());
+        // Token 0 is never open anywhere; looking for it would visit every
+        // connection for each event.
+        if (event->getACT() != 0)
+            m_router->clear_act(event->getACT());
         event->destroy();
         block->release();
         return 0;

@@ -31,6 +31,7 @@
 #include "engine_setup.h"
 #include "forked.h"
 #include "log_lines.h"
+#include "loopback.h"
 #include "pump.h"
 #include "wire.h"
 
@@ -297,11 +298,17 @@ TEST_P(EngineReactorRoom, ManyConnectionsAreServedAndHearTheHeartbeat) {
         Engine* const engine = setup.engine;
         u_short const port = startListening(engine);
 
-        Abstract_Event* request = Event_Factory::create(GET_VERSION_EVENT);
-        ASSERT_NE(request, nullptr);
-        request->setACT(0x4242);
-        std::string const request_bytes = wireBytes(request->data(false));
-        request->destroy();
+        // Each request has a token of its own: replies find their way back
+        // by it.
+        auto requestBytes = [](int index) {
+            Abstract_Event* request = Event_Factory::create(GET_VERSION_EVENT);
+            if (request == nullptr)
+                return std::string();
+            request->setACT(static_cast<uint32_t>(0x10000 + index));
+            std::string const bytes = wireBytes(request->data(false));
+            request->destroy();
+            return bytes;
+        };
         Abstract_Event* heartbeat = Event_Factory::create(HEART_BEAT_EVENT);
         ASSERT_NE(heartbeat, nullptr);
         heartbeat->setBroadCast(false);
@@ -314,7 +321,7 @@ TEST_P(EngineReactorRoom, ManyConnectionsAreServedAndHearTheHeartbeat) {
             ASSERT_TRUE(peers.back()->connected()) << i;
             // The listener's backlog is short: each is taken before the next.
             ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == i + 1; })) << i;
-            ASSERT_TRUE(peers.back()->send(request_bytes)) << i;
+            ASSERT_TRUE(peers.back()->send(requestBytes(i))) << i;
         }
         EXPECT_GT(peers.back()->stream().get_handle(), 1010);
         ASSERT_TRUE(pumpUntil(
@@ -323,6 +330,7 @@ TEST_P(EngineReactorRoom, ManyConnectionsAreServedAndHearTheHeartbeat) {
 
         // Every reply, then every heartbeat, arrives whole.
         std::vector<size_t> received(count, 0);
+        std::vector<std::string> bytes(count);
         size_t expected = 0;
         auto readAll = [&] {
             bool all = true;
@@ -334,6 +342,7 @@ TEST_P(EngineReactorRoom, ManyConnectionsAreServedAndHearTheHeartbeat) {
                     if (n <= 0)
                         break;
                     received[i] += static_cast<size_t>(n);
+                    bytes[i].append(buffer, static_cast<size_t>(n));
                 }
                 if (received[i] < expected)
                     all = false;
@@ -350,8 +359,10 @@ TEST_P(EngineReactorRoom, ManyConnectionsAreServedAndHearTheHeartbeat) {
         size_t const reply_size = received[0];
         expected = reply_size;
         ASSERT_TRUE(pumpUntil(engine, readAll, 20000));
-        for (int i = 0; i < count; ++i)
+        for (int i = 0; i < count; ++i) {
             ASSERT_EQ(received[i], reply_size) << i;
+            EXPECT_EQ(wordAt(bytes[i], 4), static_cast<uint32_t>(0x10000 + i)) << i;
+        }
 
         EXPECT_EQ(engine->sendGlobalHeartBeat(), 0);
         expected = reply_size + heartbeat_size;

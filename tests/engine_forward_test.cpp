@@ -1,0 +1,153 @@
+// Handler::forward from several threads at once into one connection of a
+// running engine: messages are written on the forwarding threads when the
+// connection's queue is empty and by the reactor otherwise, and each arrives
+// whole, in the order of its thread, never interleaved with another.
+// Each test runs in a child process of its own (inChild).
+#include <tarnwick/engine.h>
+#include <tarnwick/handler.h>
+#include <tarnwick/message_block.h>
+#include <tarnwick/router.h>
+
+#include <ace/Time_Value.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine_peers.h"
+#include "engine_setup.h"
+#include "forked.h"
+#include "pump.h"
+#include "scratch_dir.h"
+
+using namespace Tarnwick;
+using namespace TarnwickTest;
+
+namespace {
+
+const int THREADS = 4;
+const uint32_t PER_THREAD = 300;
+
+std::string patterned(size_t size, unsigned seed) {
+    std::string bytes(size, '\0');
+    std::mt19937 random(seed);
+    for (char& byte : bytes)
+        byte = static_cast<char>(random());
+    return bytes;
+}
+
+// The token of message `index` of thread `thread`.
+uint32_t tokenOf(int thread, uint32_t index) {
+    return (static_cast<uint32_t>(thread + 1) << 20) | index;
+}
+
+// Payload sizes of all kinds: empty, small, around a write's worth, and
+// every 37th larger than the chunk size, so in a spill file.
+size_t sizeOf(uint32_t index) {
+    if (index % 37 == 5)
+        return 40000 + index;
+    return (index * 211) % 3000;
+}
+
+Handler* onlyConnection(Router_Base* router) {
+    Dispatch_Set set;
+    if (router->findAllHandlers(set) == -1 || set.size() != 1)
+        return nullptr;
+    return (*set.begin())->duplicate();
+}
+
+}  // namespace
+
+TEST(EngineForward, ThreadsForwardingToOneConnectionNeverInterleave) {
+    inChild([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        WirePeer peer(port);
+        ASSERT_TRUE(peer.connected());
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        Handler* const connection = onlyConnection(setup.router);
+        ASSERT_NE(connection, nullptr);
+        ASSERT_EQ(peer.stream().enable(ACE_NONBLOCK), 0);
+
+        std::atomic<int> failures(0);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < THREADS; ++t) {
+            threads.emplace_back([t, connection, &failures] {
+                for (uint32_t i = 0; i < PER_THREAD; ++i) {
+                    auto* block = new Message_Block();
+                    Message_Header* header = block->getHeader();
+                    uint32_t const token = tokenOf(t, i);
+                    std::string const payload = patterned(sizeOf(i), token);
+                    header->setACT(token);
+                    header->setType(7);
+                    header->setBinary(true);
+                    header->setSize(static_cast<uint32_t>(payload.size()));
+                    block->wr_ptr(32);
+                    if (!payload.empty() && block->write(payload.data(), payload.size()) !=
+                                                static_cast<int64_t>(payload.size()))
+                        ++failures;
+                    // A full queue refuses for a moment: again, later.
+                    int tries = 0;
+                    while (connection->forward(block) == -1 && ++tries < 20000)
+                        std::this_thread::sleep_for(std::chrono::microseconds(200));
+                    if (tries >= 20000)
+                        ++failures;
+                    block->release();
+                }
+            });
+        }
+
+        // The reactor runs here, and the peer reads here, in pieces.
+        std::string wire;
+        std::vector<uint32_t> next(THREADS, 0);
+        uint32_t received = 0;
+        bool broken = false;
+        ACE_Time_Value const deadline = now() + ACE_Time_Value(60);
+        char buffer[7919];
+        while (received < THREADS * PER_THREAD && !broken && now() < deadline) {
+            engine->run_step();
+            ssize_t const count = peer.stream().recv(buffer, sizeof buffer);
+            if (count > 0)
+                wire.append(buffer, static_cast<size_t>(count));
+            while (wire.size() >= 32 && !broken) {
+                Message_Header header;
+                std::memcpy(static_cast<void*>(&header), wire.data(), 32);
+                header.decode();
+                if (!header.isReadable()) {
+                    ADD_FAILURE() << "a header without its magic after " << received << " messages";
+                    broken = true;
+                    break;
+                }
+                size_t const size = header.getSize();
+                if (wire.size() < 32 + size)
+                    break;
+                uint32_t const token = header.getACT();
+                int const thread = static_cast<int>(token >> 20) - 1;
+                uint32_t const index = token & 0xFFFFF;
+                if (thread < 0 || thread >= THREADS || index != next[thread] ||
+                    size != sizeOf(index) || wire.compare(32, size, patterned(size, token)) != 0) {
+                    ADD_FAILURE() << "message " << token << " out of order or not whole";
+                    broken = true;
+                    break;
+                }
+                ++next[thread];
+                ++received;
+                wire.erase(0, 32 + size);
+            }
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(received, THREADS * PER_THREAD);
+        EXPECT_EQ(failures.load(), 0);
+        EXPECT_TRUE(wire.empty());
+        connection->release();
+        engine->shutdown();
+    });
+}

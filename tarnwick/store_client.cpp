@@ -302,6 +302,11 @@ int writeTemporary(const std::string& root, const void* data, size_t length, boo
     if (fd < 0)
         return statusOfErrno(errno);
     bool ok = fullWrite(fd, data, length) && (!flush || ::fsync(fd) == 0);
+    // A file flushed later (with the others of its upload) starts its way
+    // to the disk now, so that the disk works while the next data is read
+    // and hashed.
+    if (ok && !flush)
+        (void)::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
     int error = errno;
     if (::close(fd) != 0 && ok) {
         ok = false;
@@ -316,10 +321,14 @@ int writeTemporary(const std::string& root, const void* data, size_t length, boo
 // Gives the written file `temporary` its place `target`; on failure it is
 // removed. 0 or a status.
 int moveIntoPlace(const std::string& temporary, const std::string& target) {
-    size_t const slash = target.rfind('/');
-    int status = makeTree(target.substr(0, slash));
-    if (status == CR_OK && ::rename(temporary.c_str(), target.c_str()) != 0)
-        status = statusOfErrno(errno);
+    int status = CR_OK;
+    if (::rename(temporary.c_str(), target.c_str()) != 0) {
+        // The directory of the target is made when it is first needed.
+        status =
+            errno == ENOENT ? makeTree(target.substr(0, target.rfind('/'))) : statusOfErrno(errno);
+        if (status == CR_OK && ::rename(temporary.c_str(), target.c_str()) != 0)
+            status = statusOfErrno(errno);
+    }
     if (status != CR_OK)
         ::unlink(temporary.c_str());
     return status;

@@ -422,6 +422,7 @@ int Handler::handle_close(ACE_HANDLE, ACE_Reactor_Mask) {
         }
         close_stream();
     }
+    closePipe();
     writing.unlock();
 
     if (m_engine == nullptr)
@@ -606,6 +607,9 @@ int Handler::receiveSpliced(ACE_Message_Block*& block, int64_t& taken) {
     }
     taken += count;
     if (status == 1) {
+        // The pipe goes with the message: a connection holds no descriptors
+        // beyond its socket between large payloads.
+        closePipe();
         block = m_reader.take();
         return 1;
     }

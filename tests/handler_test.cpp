@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <dirent.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
@@ -186,6 +187,17 @@ std::string fileContent(const char* name) {
 bool exists(const std::string& path) {
     struct stat info;
     return ::stat(path.c_str(), &info) == 0;
+}
+
+// The descriptors open in this process.
+size_t openDescriptors() {
+    size_t count = 0;
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (::readdir(dir) != nullptr)
+            ++count;
+        ::closedir(dir);
+    }
+    return count;
 }
 
 int socketOption(ACE_HANDLE handle, int level, int name) {
@@ -506,8 +518,11 @@ TEST(HandlerRecv, SpilledPayloadIsSplicedIntoItsFile) {
     Link link;
     std::string const payload = pattern(200 * 1024 + 3);
     link.write(header(42, static_cast<uint32_t>(payload.size())) + payload);
+    size_t const descriptors = openDescriptors();
     ACE_Message_Block* block = nullptr;
     ASSERT_GT(receive(link.handler, block), 0);
+    // The spill file is open, the pipe has gone with the message.
+    EXPECT_EQ(openDescriptors(), descriptors + 1);
     auto* received = static_cast<Message_Block*>(block);
     EXPECT_TRUE(received->isStoredOnDisk());
     EXPECT_EQ(received->cont(), nullptr);

@@ -343,9 +343,10 @@ int atomicWrite(const std::string& root, const std::string& target, const void* 
     return status != CR_OK ? status : moveIntoPlace(temporary, target);
 }
 
-// Chunks of one file written to temporary names and not yet flushed: one
-// syncfs(2) flushes them all before they take their places, instead of one
-// fsync each. What is left at destruction is removed.
+// Chunks of one file (and its manifest, first in the list) written to
+// temporary names and not yet flushed: one syncfs(2) flushes them all before
+// they take their places from the back of the list, the manifest last,
+// instead of one fsync each. What is left at destruction is removed.
 struct PendingChunks {
     std::vector<std::pair<std::string, std::string>> files;  // temporary, target
     std::set<std::string> targets;
@@ -1504,12 +1505,11 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
         now.st_ino != before.st_ino)
         return setStatus(CR_E_CHANGED);
 
-    // The chunks are in place and on the disk before the manifest names them.
-    if (int const status =
-            connection->curl != nullptr ? sender.finish() : pending.commit(connection->root);
-        status != CR_OK)
-        return setStatus(status);
-    written += sender.written();
+    if (connection->curl != nullptr) {
+        if (int const status = sender.finish(); status != CR_OK)
+            return setStatus(status);
+        written += sender.written();
+    }
     char* const text = POToStringMalloced(po.get());
     if (text == nullptr)
         return setStatus(CR_E_NOMEM);
@@ -1517,7 +1517,22 @@ int CRFilePut(CRHandle handle, const wchar_t* path, int flags, int reserved, con
                            std::to_string(connection->fptype) + "\n" + chunks.str() + "END " +
                            std::to_string(total) + "\n";
     POStringDestroy(text);
-    int status = storePut(*connection, manifestName, manifest.data(), manifest.size());
+    // The chunks are in place and on the disk before the manifest names
+    // them. With new chunks in a directory store, the manifest is written
+    // beside them and flushed by their one syncfs, and takes its place last.
+    int status = CR_OK;
+    if (!pending.files.empty()) {
+        std::string temporary;
+        status =
+            writeTemporary(connection->root, manifest.data(), manifest.size(), false, temporary);
+        if (status != CR_OK)
+            return setStatus(status);
+        pending.files.insert(pending.files.begin(),
+                             std::make_pair(temporary, connection->root + "/" + manifestName));
+        status = pending.commit(connection->root);
+    } else {
+        status = storePut(*connection, manifestName, manifest.data(), manifest.size());
+    }
     if (status == CR_OK && reference != nullptr) {
         std::string entry = narrow + "\n";
         entry.append(context != nullptr ? context : "", size);

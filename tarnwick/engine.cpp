@@ -66,7 +66,41 @@ public:
         return 0;
     }
 
+    // A handle whose interest falls to nothing would leave epoll's set while
+    // the reactor's table keeps it. If that happens during the handle's own
+    // dispatch (a connection whose peer half-closed stops reading, then
+    // queues a reply), re-arming it after the dispatch fails unseen: the
+    // reply's write interest never reaches epoll, and the removal at close
+    // fails too, so the table keeps naming the connection after it has gone
+    // and the next socket with its number is dispatched to freed memory.
+    // Such a handle keeps one bit that maps to no epoll event instead, and
+    // stays in epoll's set until it is removed.
+    int mask_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int ops) override {
+        ACE_Reactor_Mask const wanted = ops == ACE_Reactor::SET_MASK ? mask : 0;
+        if (ops == ACE_Reactor::SET_MASK && wanted == ACE_Event_Handler::NULL_MASK)
+            return visible(ACE_Dev_Poll_Reactor::mask_ops(handle, PARKED, ACE_Reactor::SET_MASK));
+        if (ops == ACE_Reactor::CLR_MASK) {
+            int const old = ACE_Dev_Poll_Reactor::mask_ops(handle, 0, ACE_Reactor::GET_MASK);
+            if (old == -1)
+                return -1;
+            ACE_Reactor_Mask const rest = static_cast<ACE_Reactor_Mask>(old) & ~mask & ~PARKED;
+            if (rest == ACE_Event_Handler::NULL_MASK)
+                return visible(
+                    ACE_Dev_Poll_Reactor::mask_ops(handle, PARKED, ACE_Reactor::SET_MASK));
+        }
+        return visible(ACE_Dev_Poll_Reactor::mask_ops(handle, mask, ops));
+    }
+    int mask_ops(ACE_Event_Handler* handler, ACE_Reactor_Mask mask, int ops) override {
+        return mask_ops(handler->get_handle(), mask, ops);
+    }
+
 private:
+    // Asks for no event: a quality-of-service bit, which epoll has none for.
+    static const ACE_Reactor_Mask PARKED = ACE_Event_Handler::QOS_MASK;
+
+    // A mask as the callers set it, without the parking bit.
+    static int visible(int mask) { return mask == -1 ? -1 : (mask & ~static_cast<int>(PARKED)); }
+
     std::atomic<ACE_thread_t> m_owner;
 };
 
@@ -75,12 +109,30 @@ private:
 // reactor lowers it to its room, and the process may well hold descriptors
 // beyond the room (files, pipes) that no reactor sees. A hard limit below
 // the room fails as it always has, with EMFILE.
-Engine_Reactor* makeReactor(size_t handles) {
+// The reactor for the default room: select() based, as it has always been.
+// The epoll reactor is made for a raised room only: under a peer that
+// half-closes while a worker writes its reply, it was seen to keep a closed
+// connection's entry and call it again, so it stays the choice of an
+// application that needs more than the default room.
+typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Select_Engine_Reactor;
+
+bool isEpollReactor(ACE_Reactor* reactor) {
+    return reactor != nullptr &&
+           dynamic_cast<ACE_Dev_Poll_Reactor*>(reactor->implementation()) != nullptr;
+}
+
+ACE_Reactor_Impl* makeReactor(size_t handles) {
     struct rlimit before;
     bool const known = ::getrlimit(RLIMIT_NOFILE, &before) == 0;
     if (known && before.rlim_max != RLIM_INFINITY && before.rlim_max < handles) {
         errno = EMFILE;
         return nullptr;
+    }
+    if (handles <= Engine::Default_Reactor_Handles) {
+        ACE_Reactor_Impl* const select = new (std::nothrow) Select_Engine_Reactor(handles);
+        if (select == nullptr)
+            errno = ENOMEM;
+        return select;
     }
     Engine_Reactor* const reactor = new (std::nothrow) Engine_Reactor(handles);
     if (reactor == nullptr) {
@@ -229,7 +281,7 @@ int Engine::open(int threads, bool ssl) {
 
     ACE_Reactor* reactor = nullptr;
     for (int attempt = 0; attempt < REACTOR_TRIES; ++attempt) {
-        Engine_Reactor* implementation = makeReactor(handles);
+        ACE_Reactor_Impl* implementation = makeReactor(handles);
         if (implementation == nullptr && errno == ENOMEM)
             return -1;
         if (implementation == nullptr) {
@@ -334,7 +386,8 @@ int Engine::run_step() {
     // The epoll reactor dispatches one ready handle per call; a pass serves
     // every handle that is ready, as a select pass does, within a bound so
     // that a handle that is always ready can't hold the caller.
-    for (int more = 0; result > 0 && more < RUN_STEP_DISPATCHES; ++more) {
+    bool const one_per_call = isEpollReactor(m_reactor);
+    for (int more = 0; one_per_call && result > 0 && more < RUN_STEP_DISPATCHES; ++more) {
         ACE_Time_Value none(ACE_Time_Value::zero);
         if (m_reactor->handle_events(none) <= 0)
             break;

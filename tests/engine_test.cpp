@@ -393,3 +393,77 @@ TEST(Engine, OpenAfterShutdown) {
         stream.close();
     });
 }
+
+namespace {
+
+// A handler of one end of a socket pair that, while it is dispatched for
+// input, gives up reading and asks for output: the steps of a connection
+// whose peer half-closes and that then queues a reply.
+class TurnsToOutput : public ACE_Event_Handler {
+public:
+    explicit TurnsToOutput(ACE_HANDLE handle) : m_handle(handle) {}
+    ACE_HANDLE get_handle() const override { return m_handle; }
+    int handle_input(ACE_HANDLE) override {
+        char byte;
+        if (::read(m_handle, &byte, 1) == 1)
+            ++inputs;
+        cleared = reactor()->cancel_wakeup(this, ACE_Event_Handler::READ_MASK);
+        scheduled = reactor()->schedule_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+        return 0;
+    }
+    int handle_output(ACE_HANDLE) override {
+        ++outputs;
+        reactor()->cancel_wakeup(this, ACE_Event_Handler::WRITE_MASK);
+        return 0;
+    }
+    int handle_close(ACE_HANDLE, ACE_Reactor_Mask) override {
+        ++closes;
+        return 0;
+    }
+
+    int inputs = 0;
+    int outputs = 0;
+    int closes = 0;
+    int cleared = -2;
+    int scheduled = -2;
+
+private:
+    ACE_HANDLE m_handle;
+};
+
+}  // namespace
+
+// A handle that stops reading during its own dispatch and then asks to
+// write gets its output event, and leaves the reactor when removed, so that
+// a later socket with the same number is not taken for it.
+TEST(Engine, InterestChangedDuringDispatchIsKeptAndRemovable) {
+    inChild([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        ACE_Reactor* const reactor = engine->getReactor();
+        int pair[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        TurnsToOutput handler(pair[0]);
+        handler.reactor(reactor);
+        ASSERT_EQ(reactor->register_handler(&handler, ACE_Event_Handler::READ_MASK), 0);
+        ASSERT_EQ(::write(pair[1], "x", 1), 1);
+        for (int pass = 0; pass < 200 && handler.outputs == 0; ++pass)
+            engine->run_step();
+        EXPECT_EQ(handler.inputs, 1);
+        EXPECT_EQ(handler.cleared, ACE_Event_Handler::READ_MASK);
+        EXPECT_EQ(handler.scheduled, ACE_Event_Handler::NULL_MASK);
+        EXPECT_EQ(handler.outputs, 1);
+        // Interest in nothing again, then removal.
+        EXPECT_EQ(reactor->remove_handler(
+                      &handler, ACE_Event_Handler::ALL_EVENTS_MASK | ACE_Event_Handler::DONT_CALL),
+                  0);
+        ACE_Event_Handler* const left = reactor->find_handler(pair[0]);
+        EXPECT_EQ(left, nullptr);
+        if (left != nullptr)
+            left->remove_reference();
+        EXPECT_EQ(handler.closes, 0);
+        ::close(pair[0]);
+        ::close(pair[1]);
+        EXPECT_EQ(engine->shutdown(), 0);
+    });
+}

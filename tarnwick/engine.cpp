@@ -16,6 +16,8 @@
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_unistd.h>
+#include <ace/Reactor_Token_T.h>
+#include <ace/Select_Reactor_T.h>
 #include <ace/Singleton.h>
 #include <ace/Thread_Manager.h>
 #include <ace/Token.h>

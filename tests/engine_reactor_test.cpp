@@ -1,6 +1,7 @@
-// The engine's epoll reactor: its room for handles (default and raised), the
-// descriptor limit it leaves, the thread it knows as its owner, and many
-// connections served with and without worker threads.
+// The engine's reactor: select based in the default room, epoll based in a
+// raised one; its room for handles, the descriptor limit it leaves, the
+// thread it knows as its owner, and many connections served with and without
+// worker threads.
 #include <tarnwick/abstract_event.h>
 #include <tarnwick/engine.h>
 #include <tarnwick/event_factory.h>
@@ -145,10 +146,25 @@ void expectRoom(EngineSetup& setup, int room, LogLines& log) {
 
 }  // namespace
 
-TEST(EngineReactor, IsEpollBasedWithTheDefaultRoom) {
+TEST(EngineReactor, TheDefaultRoomIsSelectBased) {
     inChild([] {
         EXPECT_EQ(Engine::Reactor_Handles, 1010u);
         EXPECT_EQ(Engine::Default_Reactor_Handles, 1010u);
+        int const before = epollInstances();
+        EngineSetup setup = start(0, new TestRouter(), false);
+        ACE_Reactor* const reactor = setup.engine->getReactor();
+        ASSERT_NE(reactor, nullptr);
+        EXPECT_EQ(dynamic_cast<ACE_Dev_Poll_Reactor*>(reactor->implementation()), nullptr);
+        EXPECT_EQ(epollInstances(), before);
+        setup.engine->shutdown();
+    });
+}
+
+TEST(EngineReactor, ARaisedRoomIsEpollBased) {
+    inChild([] {
+        if (hardLimitBelow(2000))
+            GTEST_SKIP() << "the hard limit of file descriptors is " << descriptorLimit().rlim_max;
+        Engine::Reactor_Handles = 2000;
         int const before = epollInstances();
         EngineSetup setup = start(0, new TestRouter(), false);
         ACE_Reactor* const reactor = setup.engine->getReactor();
@@ -180,6 +196,8 @@ TEST(EngineReactor, OpenKeepsAHigherSoftLimit) {
             GTEST_SKIP() << "the hard limit of file descriptors is " << high.rlim_max;
         high.rlim_cur = 4096;
         ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &high), 0);
+        // An epoll reactor, which ACE makes lowering the limit to its room.
+        Engine::Reactor_Handles = 2000;
         EngineSetup setup = start(0, new TestRouter(), false);
         ASSERT_NE(setup.engine->getReactor(), nullptr);
         // The process may still open descriptors beyond the reactor's room.
@@ -233,6 +251,9 @@ TEST(EngineReactor, ARaisedRoomAboveTheHardLimitIsTriedTenTimes) {
 
 TEST(EngineReactor, KnowsTheThreadThatRunsIt) {
     inChild([] {
+        if (hardLimitBelow(2000))
+            GTEST_SKIP() << "the hard limit of file descriptors is " << descriptorLimit().rlim_max;
+        Engine::Reactor_Handles = 2000;
         EngineSetup setup = start(0, new TestRouter(), false);
         ACE_Reactor* const reactor = setup.engine->getReactor();
         ASSERT_NE(reactor, nullptr);

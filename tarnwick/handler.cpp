@@ -518,7 +518,8 @@ int64_t Handler::receive(ACE_Message_Block*& block, const ACE_Time_Value* timeou
     // The payload of a message that goes to a spill file anyway is moved
     // from the socket into the file through a pipe: the bytes don't cross
     // user space.
-    if (!m_copy_received && m_reader.spilling()) {
+    // (Without a time limit only: splice can't wait for one.)
+    if (!m_copy_received && timeout == nullptr && m_reader.spilling()) {
         int const status = receiveSpliced(block, taken);
         if (status == 1)
             return taken;
@@ -811,7 +812,8 @@ int64_t Handler::sendPayload(ACE_Message_Block* block, int64_t result,
     ACE_HANDLE file = ACE_INVALID_HANDLE;
     uint64_t offset = 0;
     uint64_t left = 0;
-    if (!m_copy_sent && m_writer->spilledRange(file, offset, left)) {
+    // (Without a time limit only: sendfile can't wait for one.)
+    if (!m_copy_sent && timeout == nullptr && m_writer->spilledRange(file, offset, left)) {
         size_t const ask = static_cast<size_t>(std::min<uint64_t>(left, Sendfile_Limit));
         errno = 0;
         ssize_t const count = send_file(file, offset, ask);

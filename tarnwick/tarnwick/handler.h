@@ -89,7 +89,8 @@ public:
     // Message_Block::Pipe_To_File on to the file). Tests replace them to
     // play a file system that refuses them: a refusal (EINVAL, ENOSYS)
     // makes the connection move those bytes by read and write from then on.
-    // SSL connections never use them.
+    // SSL connections never use them, nor send() and recv() called with a
+    // time limit (these calls can't wait for one).
     typedef ssize_t (*Sendfile_Call)(int out, int in, off_t* offset, size_t count);
     static Sendfile_Call File_To_Socket;
     static Message_Block::Splice_Call Socket_To_Pipe;

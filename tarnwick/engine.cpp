@@ -112,10 +112,11 @@ private:
 // beyond the room (files, pipes) that no reactor sees. A hard limit below
 // the room fails as it always has, with EMFILE.
 // The reactor for the default room: select() based, as it has always been.
-// The epoll reactor is made for a raised room only: under a peer that
-// half-closes while a worker writes its reply, it was seen to keep a closed
-// connection's entry and call it again, so it stays the choice of an
-// application that needs more than the default room.
+// The epoll reactor is made for a raised room: in one series of runs of the
+// half-close test (a peer that closes its sending side while a worker writes
+// its reply) it kept a closed connection's entry and called it again, so it
+// stays the choice of an application that needs more than the default room
+// until that is ruled out.
 typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Select_Engine_Reactor;
 
 bool isEpollReactor(ACE_Reactor* reactor) {

@@ -55,8 +55,9 @@ public:
     // connections"). Default_Reactor_Handles unless set before open(); open()
     // raises the process's soft descriptor limit to it as far as the hard
     // limit lets, and fails (after its tries) when the hard limit is lower.
-    // The reactor is epoll based: a pass costs the same whatever the number
-    // of idle connections, so a server for thousands of peers raises this.
+    // With the default room the reactor is select based; with a raised room
+    // it is epoll based, so that a pass costs the same whatever the number of
+    // idle connections, and a server for thousands of peers raises this.
     static constexpr size_t Default_Reactor_Handles = 1010;
     static size_t Reactor_Handles;
 
@@ -68,7 +69,7 @@ public:
     // Runs the reactor loop on the calling thread until it ends. 0 or -1.
     int run();
     // One pass of the reactor, waiting at most 2 microseconds: every handle
-    // that is ready is served (up to 1025 dispatches).
+    // that is ready is served (an epoll reactor: up to 1025 dispatches).
     int run_step();
     // Stops the workers, closes every connection and the reactor, and
     // destroys an owned event handler and router. 0.

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -55,8 +56,22 @@ bool onReactorThread(ACE_Reactor* reactor) {
 // request holds one to the connection, so that it can't go meanwhile.
 class CloseRequest : public ACE_Event_Handler {
 public:
-    explicit CloseRequest(Handler* handler) : m_handler(handler->duplicate()) {
+    explicit CloseRequest(Handler* handler) : m_handler(handler->duplicate()), m_references(1) {
         reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
+    }
+
+    // The asking thread and the reactor's thread each drop a reference, and
+    // whichever is last deletes the request. The count lives here rather
+    // than in the ACE library so that the two threads are ordered in code
+    // that the thread sanitizer sees, not only in code it can't.
+    Reference_Count add_reference() override {
+        return m_references.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    Reference_Count remove_reference() override {
+        Reference_Count const left = m_references.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        if (left == 0)
+            delete this;
+        return left;
     }
 
     int handle_exception(ACE_HANDLE) override {
@@ -69,6 +84,7 @@ protected:
 
 private:
     Handler* m_handler;
+    std::atomic<Reference_Count> m_references;
 };
 
 }  // namespace

@@ -78,7 +78,7 @@ if [[ $run_tsan -eq 1 ]]; then
         engine_hostile_test router_test handler_test handler_t_test act_cache_test
         message_codec_test application_test twconfiguration_test process_test twprocess_test
         logfile_rotate_test webservice_test scheduler_test pidfile_test service_systemd_test
-        contentrouter_test)
+        contentrouter_test engine_forward_test engine_reactor_test)
     # Parameterised suites are instantiated as Workers/SUITE. The application
     # tests that run here are those of the signal thread.
     tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'

@@ -112,12 +112,9 @@ private:
 // beyond the room (files, pipes) that no reactor sees. A hard limit below
 // the room fails as it always has, with EMFILE.
 // The reactor for the default room: select() based, as it has always been;
-// the epoll reactor is made for a raised room. With epoll, a close request
-// handed from another thread to the reactor's is dispatched and freed while
-// the requesting thread still drops its own reference, which the thread
-// sanitizer reports as a race on the request's vtable (ACE counts references
-// in its own, uninstrumented library); until that is settled, epoll is the
-// choice of an application that needs more than the default room.
+// the epoll reactor is made for a raised room, where a select reactor can't
+// go (handles at or above 1024) and where its per-pass cost, which grows
+// with the highest handle, matters.
 typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Select_Engine_Reactor;
 
 bool isEpollReactor(ACE_Reactor* reactor) {

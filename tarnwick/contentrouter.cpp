@@ -3,19 +3,64 @@
 #include <tarnwick/directory_iterator.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
+#include <tarnwick/path_encoder.h>
+#include <tarnwick/utf8.h>
 
 #include "store_client.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
+#include <memory>
 #include <new>
+#include <set>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <dirent.h>
+#include <sys/stat.h>
 
 namespace Tarnwick {
 
 namespace {
+
+// Notes the directory `path` (symbolic links followed) as entered by the
+// upload under way. False when it was entered before: a symbolic link back
+// to it or to an ancestor would otherwise make the walk go round for ever,
+// and links that join the tree again would make it grow without bound.
+// The entries of the directory `path` whose names are not UTF-8, escaped
+// as store text (percent forms for the bytes that are not).
+std::vector<std::string> namesThatAreNotText(const wchar_t* path) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR*)> const directory(::opendir(utf8String(path).c_str()),
+                                                        ::closedir);
+    if (!directory)
+        return names;
+    while (const struct dirent* const entry = ::readdir(directory.get())) {
+        size_t const length = std::strlen(entry->d_name);
+        if (isValidUTF8(entry->d_name, length))
+            continue;
+        ssize_t const escaped = storeEscape(entry->d_name, length, nullptr, 0);
+        if (escaped < 0)
+            continue;
+        std::string name(static_cast<size_t>(escaped) + 1, '\0');
+        if (storeEscape(entry->d_name, length, &name[0], name.size()) != escaped)
+            continue;
+        name.resize(static_cast<size_t>(escaped));
+        names.push_back(name);
+    }
+    return names;
+}
+
+bool enterOnce(const wchar_t* path, std::set<std::pair<dev_t, ino_t>>& entered) {
+    struct stat info;
+    if (::stat(utf8String(path).c_str(), &info) != 0)
+        return false;
+    return entered.insert(std::make_pair(info.st_dev, info.st_ino)).second;
+}
 
 const char kClientVersion[] = "6.1.0.0";
 const int kClientNumber = 17904;
@@ -153,7 +198,16 @@ int ContentRouter::connect(int dsid, int kind) {
     return 0;
 }
 
+struct ContentRouter::Entered {
+    std::set<std::pair<dev_t, ino_t>> directories;
+};
+
 int ContentRouter::upload(const wchar_t* path, int dsid) {
+    Entered entered;
+    return uploadPath(path, dsid, entered);
+}
+
+int ContentRouter::uploadPath(const wchar_t* path, int dsid, Entered& entered) {
     if (path == nullptr) {
         errno = EINVAL;
         return -1;
@@ -170,13 +224,22 @@ int ContentRouter::upload(const wchar_t* path, int dsid) {
             return -1;
         }
         TW_LOG("%D ERROR (%t): Result: %W, %W\n", path, CRStatusToStringW(status));
-    } else if (Path::IsDirectory(path)) {
+    } else if (Path::IsDirectory(path) && enterOnce(path, entered.directories)) {
         Directory_Iterator walk;
         if (walk.open(path) == -1)
             return -1;
         while (const wchar_t* const entry = walk.next(nullptr)) {
             std::wstring const child(entry);
-            (void)upload(child.c_str(), dsid);
+            (void)uploadPath(child.c_str(), dsid, entered);
+        }
+        // Names that are no UTF-8 have no wide form, so the walk can't give
+        // them: each is a failed file, named with its bytes escaped, rather
+        // than one left out without a word.
+        for (std::string const& name : namesThatAreNotText(path)) {
+            ++m_record->count;
+            ++m_record->errors;
+            TW_LOG("%D ERROR (%t): Can not upload file: %C/%C, %W\n", utf8String(path).c_str(),
+                   name.c_str(), CRStatusToStringW(CR_E_INVAL));
         }
     }
     TW_LOG("%D ERROR (%t): File Type not supported.\n");

@@ -333,6 +333,53 @@ TEST_F(ContentRouterTest, AFifoInATreeIsPassedOverWithoutAnError) {
     EXPECT_EQ("%D ERROR (%t): File Type not supported.", *(at + 1));
 }
 
+// Symbolic links are not followed: a directory that links back to itself or
+// to its parent ends the walk like any other tree, and the links are passed
+// over as a FIFO is.
+TEST_F(ContentRouterTest, ALoopOfSymbolicLinksEndsTheWalk) {
+    ASSERT_EQ(0, ::mkdir((data_ + "/sub").c_str(), 0700));
+    ASSERT_EQ(0, ::symlink(".", (data_ + "/self").c_str()));
+    ASSERT_EQ(0, ::symlink("..", (data_ + "/sub/up").c_str()));
+    file("a.txt", "a");
+    file("sub/b.txt", "b");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 16));
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(0, router.errors());
+    std::vector<std::string> const lines = capture.lines();
+    for (std::string const& link : {data_ + "/self", data_ + "/sub/up"}) {
+        auto const at = std::find(lines.begin(), lines.end(), "%D DEBUG (%t): Uploading " + link);
+        ASSERT_NE(lines.end(), at) << link;
+        ASSERT_NE(lines.end(), at + 1) << link;
+        EXPECT_EQ("%D ERROR (%t): File Type not supported.", *(at + 1)) << link;
+    }
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 16, paths));
+    std::sort(paths.begin(), paths.end());
+    EXPECT_EQ((std::vector<std::string>{data_ + "/a.txt", data_ + "/sub/b.txt"}), paths);
+}
+
+// A name whose bytes are not UTF-8 has no wide form, so no path of the
+// upload can name it: the walk counts it as a failed file, with its bytes
+// escaped in the line, and goes on.
+TEST_F(ContentRouterTest, ANameThatIsNotUtf8FailsThatFileWithAClearText) {
+    file("caf\xe9 \xff\x01.txt", "latin-1 name");
+    std::string const good = file("good.txt", "good");
+    ContentRouter router;
+    LogCapture capture;
+    EXPECT_EQ(-1, router.upload(wide(data_).c_str(), 17));
+    EXPECT_EQ(2, router.count());
+    EXPECT_EQ(1, router.errors());
+    std::vector<std::string> const lines = capture.lines();
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(),
+                                     "%D ERROR (%t): Can not upload file: " + data_ +
+                                         "/caf%E9 %FF%01.txt, invalid argument"));
+    std::vector<std::string> paths;
+    ASSERT_EQ(0, Tarnwick::CRFileList(store_, 17, paths));
+    EXPECT_EQ(std::vector<std::string>{good}, paths);
+}
+
 TEST_F(ContentRouterTest, SecondUploadWritesNothingAndAChangeWritesLittle) {
     std::string const big = file("big.bin", randomBytes(4 * 1024 * 1024, 4));
     file("other.bin", randomBytes(500000, 5));

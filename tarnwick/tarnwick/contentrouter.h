@@ -40,7 +40,10 @@ public:
 
 private:
     struct Record;
+    // The directories that an upload has entered, by device and inode.
+    struct Entered;
     [[nodiscard]] int connect(int dsid, int kind);
+    int uploadPath(const wchar_t* path, int dsid, Entered& entered);
 
     Record* m_record;
 };

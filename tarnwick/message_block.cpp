@@ -16,6 +16,16 @@ namespace Tarnwick {
 
 namespace {
 
+// Gives the event cache's quota back for the part of a charged write that
+// did not reach the spill file; errno stays as the failed write left it.
+void refundUnwritten(uint64_t charged, uint64_t written) {
+    if (written >= charged)
+        return;
+    int const error = errno;
+    ACT_Cache::instance()->refund(charged - written);
+    errno = error;
+}
+
 const size_t HEADER_SIZE = sizeof(Message_Header);
 
 // Closes a descriptor; a failed close only sets errno.
@@ -392,11 +402,7 @@ int64_t Message_Block::writeToDisk(const char* data, uint64_t length) {
     int const result = writeAll(fd, data, static_cast<size_t>(length), done);
     block->m_size += done;
     block->m_charged += done;
-    if (done < needed) {
-        int const error = errno;
-        ACT_Cache::instance()->refund(needed - done);
-        errno = error;
-    }
+    refundUnwritten(needed, done);
     return result == -1 ? -1 : static_cast<int64_t>(length);
 }
 
@@ -467,11 +473,7 @@ int64_t Message_Block::writeFromPipe(int pipe, uint64_t length) {
             block->m_charged += written;
         }
     }
-    if (done < needed) {
-        int const error = errno;
-        ACT_Cache::instance()->refund(needed - done);
-        errno = error;
-    }
+    refundUnwritten(needed, done);
     return result == -1 ? -1 : static_cast<int64_t>(length);
 }
 

@@ -136,13 +136,20 @@ int Router_Base::forward(Abstract_Event* event, Dispatch_Set& set) {
     bool const result = event->isResult();
     for (ACE_Unbounded_Set<Handler*>::iterator it = set.begin(); it != set.end(); ++it) {
         Handler* handler = *it;
-        if (handler->forward(block) != 0)
-            continue;
         if (result) {
-            handler->getSourceACT().remove(act);
-        } else {
-            handler->getTargetACT().add(act);
+            if (handler->forward(block) == 0)
+                handler->getSourceACT().remove(act);
+            continue;
         }
+        // A request's token is noted before its bytes can leave: forward may
+        // write them at once, on this thread, and the reply that clears the
+        // token can then come back before forward has returned. A refused
+        // request takes back a token that it added.
+        bool const noted = handler->getTargetACT().contains(act);
+        if (!noted)
+            handler->getTargetACT().add(act);
+        if (handler->forward(block) != 0 && !noted)
+            handler->getTargetACT().remove(act);
     }
     block->release();
     return 0;

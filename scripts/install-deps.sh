@@ -49,7 +49,11 @@ npm_test_packages() {
     command -v npm >/dev/null 2>&1 || return 0
     [[ -f "$stamp" && "$(cat "$stamp")" == "$lock" ]] && return 0
     echo "install-deps: npm ci in tests/support"
-    (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+    if ! (cd "$dir" && npm ci --no-audit --no-fund --loglevel=error >/dev/null); then
+        # Only the s3rver test needs them, and it skips itself without.
+        echo "install-deps: npm ci failed; the s3rver test will be skipped" >&2
+        return 0
+    fi
     echo "$lock" >"$stamp"
 }
 

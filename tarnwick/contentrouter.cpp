@@ -1,6 +1,5 @@
 #include <tarnwick/configuration.h>
 #include <tarnwick/contentrouter.h>
-#include <tarnwick/directory_iterator.h>
 #include <tarnwick/log.h>
 #include <tarnwick/path.h>
 #include <tarnwick/path_encoder.h>
@@ -18,7 +17,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -27,34 +25,24 @@ namespace Tarnwick {
 
 namespace {
 
+// A name that is not UTF-8 as store text: the bytes that are not UTF-8 as
+// percent forms. Empty if it can't be escaped.
+std::string escapedName(const char* name) {
+    size_t const length = std::strlen(name);
+    ssize_t const escaped = storeEscape(name, length, nullptr, 0);
+    if (escaped < 0)
+        return std::string();
+    std::string text(static_cast<size_t>(escaped) + 1, '\0');
+    if (storeEscape(name, length, &text[0], text.size()) != escaped)
+        return std::string();
+    text.resize(static_cast<size_t>(escaped));
+    return text;
+}
+
 // Notes the directory `path` (symbolic links followed) as entered by the
 // upload under way. False when it was entered before: a symbolic link back
 // to it or to an ancestor would otherwise make the walk go round for ever,
 // and links that join the tree again would make it grow without bound.
-// The entries of the directory `path` whose names are not UTF-8, escaped
-// as store text (percent forms for the bytes that are not).
-std::vector<std::string> namesThatAreNotText(const wchar_t* path) {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> const directory(::opendir(utf8String(path).c_str()),
-                                                        ::closedir);
-    if (!directory)
-        return names;
-    while (const struct dirent* const entry = ::readdir(directory.get())) {
-        size_t const length = std::strlen(entry->d_name);
-        if (isValidUTF8(entry->d_name, length))
-            continue;
-        ssize_t const escaped = storeEscape(entry->d_name, length, nullptr, 0);
-        if (escaped < 0)
-            continue;
-        std::string name(static_cast<size_t>(escaped) + 1, '\0');
-        if (storeEscape(entry->d_name, length, &name[0], name.size()) != escaped)
-            continue;
-        name.resize(static_cast<size_t>(escaped));
-        names.push_back(name);
-    }
-    return names;
-}
-
 bool enterOnce(const wchar_t* path, std::set<std::pair<dev_t, ino_t>>& entered) {
     struct stat info;
     if (::stat(utf8String(path).c_str(), &info) != 0)
@@ -225,21 +213,29 @@ int ContentRouter::uploadPath(const wchar_t* path, int dsid, Entered& entered) {
         }
         TW_LOG("%D ERROR (%t): Result: %W, %W\n", path, CRStatusToStringW(status));
     } else if (Path::IsDirectory(path) && enterOnce(path, entered.directories)) {
-        Directory_Iterator walk;
-        if (walk.open(path) == -1)
+        std::string const narrow = utf8String(path);
+        std::unique_ptr<DIR, int (*)(DIR*)> const directory(::opendir(narrow.c_str()), ::closedir);
+        if (!directory)
             return -1;
-        while (const wchar_t* const entry = walk.next(nullptr)) {
-            std::wstring const child(entry);
-            (void)uploadPath(child.c_str(), dsid, entered);
-        }
-        // Names that are no UTF-8 have no wide form, so the walk can't give
-        // them: each is a failed file, named with its bytes escaped, rather
-        // than one left out without a word.
-        for (std::string const& name : namesThatAreNotText(path)) {
+        while (const struct dirent* const entry = ::readdir(directory.get())) {
+            const char* const name = entry->d_name;
+            if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
+                continue;
+            std::wstring wide;
+            if (utf8towcs(name, wide)) {
+                ACE_WString child;
+                Path::Join(child, path);
+                Path::Join(child, wide.c_str());
+                (void)uploadPath(child.c_str(), dsid, entered);
+                continue;
+            }
+            // A name that is no UTF-8 has no wide form, so no path of the
+            // upload can name it: it is a failed file, named with its bytes
+            // escaped, rather than one left out without a word.
             ++m_record->count;
             ++m_record->errors;
-            TW_LOG("%D ERROR (%t): Can not upload file: %C/%C, %W\n", utf8String(path).c_str(),
-                   name.c_str(), CRStatusToStringW(CR_E_INVAL));
+            TW_LOG("%D ERROR (%t): Can not upload file: %C/%C, %W\n", narrow.c_str(),
+                   escapedName(name).c_str(), CRStatusToStringW(CR_E_INVAL));
         }
     }
     TW_LOG("%D ERROR (%t): File Type not supported.\n");

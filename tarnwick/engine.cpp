@@ -78,8 +78,7 @@ public:
     // Such a handle keeps one bit that maps to no epoll event instead, and
     // stays in epoll's set until it is removed.
     int mask_ops(ACE_HANDLE handle, ACE_Reactor_Mask mask, int ops) override {
-        ACE_Reactor_Mask const wanted = ops == ACE_Reactor::SET_MASK ? mask : 0;
-        if (ops == ACE_Reactor::SET_MASK && wanted == ACE_Event_Handler::NULL_MASK)
+        if (ops == ACE_Reactor::SET_MASK && (mask & ~PARKED) == ACE_Event_Handler::NULL_MASK)
             return visible(ACE_Dev_Poll_Reactor::mask_ops(handle, PARKED, ACE_Reactor::SET_MASK));
         if (ops == ACE_Reactor::CLR_MASK) {
             int const old = ACE_Dev_Poll_Reactor::mask_ops(handle, 0, ACE_Reactor::GET_MASK);

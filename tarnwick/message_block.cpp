@@ -35,6 +35,15 @@ void closeKeepingErrno(ACE_HANDLE handle) {
         errno = error;
 }
 
+// Logs a spill write that failed: at its first byte, or part way through.
+void logWriteFailure(bool atFirstByte) {
+    if (atFirstByte) {
+        TW_LOG_ERRNO("%D ERROR (%t): Can not write payload data: write error.");
+    } else {
+        TW_LOG_ERRNO("%D ERROR (%t): Can not write payload data: only partially succeeded.");
+    }
+}
+
 // Writes all of `data` to `fd`, counting the bytes written in `done`. 0, or
 // -1 after logging why.
 int writeAll(ACE_HANDLE fd, const char* data, size_t length, size_t& done) {
@@ -44,12 +53,7 @@ int writeAll(ACE_HANDLE fd, const char* data, size_t length, size_t& done) {
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
-            if (done == 0 && n < 0) {
-                TW_LOG_ERRNO("%D ERROR (%t): Can not write payload data: write error.");
-            } else {
-                TW_LOG_ERRNO(
-                    "%D ERROR (%t): Can not write payload data: only partially succeeded.");
-            }
+            logWriteFailure(done == 0 && n < 0);
             return -1;
         }
         done += static_cast<size_t>(n);
@@ -437,12 +441,7 @@ int64_t Message_Block::writeFromPipe(int pipe, uint64_t length) {
             break;
         }
         if (n <= 0) {
-            if (done == 0 && n < 0) {
-                TW_LOG_ERRNO("%D ERROR (%t): Can not write payload data: write error.");
-            } else {
-                TW_LOG_ERRNO(
-                    "%D ERROR (%t): Can not write payload data: only partially succeeded.");
-            }
+            logWriteFailure(done == 0 && n < 0);
             result = -1;
             break;
         }

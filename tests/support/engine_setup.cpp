@@ -196,4 +196,18 @@ const std::string ACTIVATED_AGENT_7 =
 const std::string CONVERSION_FAILED =
     "%D ERROR (%t): An error occurred while converting network data into an event.";
 
+void expectReactorGaveUp(const LogLines& log) {
+    EXPECT_EQ(log.count("%D WARN  (%t): Could not initialize reactor. Retry within 5 seconds."),
+              10);
+    EXPECT_EQ(
+        log.count(" Please ensure open file hard limits are above 1010 for this user. (ulimit)"),
+        10);
+    std::string const text = log.text();
+    std::string const tail =
+        ".\nPlease make sure that no firewalls are blocking network connections.";
+    ASSERT_GE(text.size(), tail.size());
+    EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
+    EXPECT_NE(text.find("%D ERROR (%t): Could not initialize reactor: "), std::string::npos);
+}
+
 }  // namespace TarnwickTest

@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "log_lines.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -131,5 +133,9 @@ std::string workersName(const ::testing::TestParamInfo<int>& info);
 
 extern const std::string ACTIVATED_AGENT_7;
 extern const std::string CONVERSION_FAILED;
+
+// Expects in `log` the lines of an engine that gave up making its reactor:
+// ten warnings with their hint, then the error that ends the last try.
+void expectReactorGaveUp(const LogLines& log);
 
 }  // namespace TarnwickTest

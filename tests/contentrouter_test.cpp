@@ -44,6 +44,7 @@ using Tarnwick::Setting;
 using Tarnwick::StoreReader;
 using TarnwickTest::LogCapture;
 using TarnwickTest::ScratchDir;
+using TarnwickTest::sourceDir;
 
 namespace {
 
@@ -1063,14 +1064,6 @@ TEST_F(ContentRouterS3Test, AServerStoppedInTheMiddleFailsCleanlyAndARepeatCompl
 }  // namespace
 
 namespace {
-
-std::string sourceDir() {
-    const char* const fromEnvironment = std::getenv("TARNWICK_SOURCE_DIR");
-    if (fromEnvironment != nullptr && *fromEnvironment != '\0')
-        return fromEnvironment;
-    std::string const file = __FILE__;
-    return file.substr(0, file.rfind("/tests/"));
-}
 
 // An S3 store that speaks HTTPS and wants a client certificate: the server's
 // and the Agent's key files come from tests/support/make_certs.sh, the

@@ -79,20 +79,13 @@ using TarnwickTest::now;
 using TarnwickTest::pumpFor;
 using TarnwickTest::pumpUntil;
 using TarnwickTest::ScratchDir;
+using TarnwickTest::sourceDir;
 using TarnwickTest::wordAt;
 
 namespace {
 
 // ---------------------------------------------------------------------------
 // Helpers
-
-std::string sourceDir() {
-    const char* const fromEnvironment = std::getenv("TARNWICK_SOURCE_DIR");
-    if (fromEnvironment != nullptr && *fromEnvironment != '\0')
-        return fromEnvironment;
-    std::string const file = __FILE__;
-    return file.substr(0, file.rfind("/tests/"));
-}
 
 std::wstring widen(const std::string& text) {
     return std::wstring(text.begin(), text.end());

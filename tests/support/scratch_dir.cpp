@@ -61,4 +61,12 @@ int countEntries(const std::string& directory) {
     return count;
 }
 
+std::string sourceDir() {
+    const char* const fromEnvironment = std::getenv("TARNWICK_SOURCE_DIR");
+    if (fromEnvironment != nullptr && *fromEnvironment != '\0')
+        return fromEnvironment;
+    std::string const file = __FILE__;
+    return file.substr(0, file.rfind("/tests/"));
+}
+
 }  // namespace TarnwickTest

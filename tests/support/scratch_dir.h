@@ -31,4 +31,8 @@ private:
 // can't be opened.
 int countEntries(const std::string& directory);
 
+// The source tree of the project: $TARNWICK_SOURCE_DIR, else the tree this
+// file was compiled from.
+std::string sourceDir();
+
 }  // namespace TarnwickTest

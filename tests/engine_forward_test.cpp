@@ -25,6 +25,7 @@
 #include "forked.h"
 #include "pump.h"
 #include "scratch_dir.h"
+#include "wire.h"
 
 using namespace Tarnwick;
 using namespace TarnwickTest;
@@ -33,14 +34,6 @@ namespace {
 
 const int THREADS = 4;
 const uint32_t PER_THREAD = 300;
-
-std::string patterned(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 random(seed);
-    for (char& byte : bytes)
-        byte = static_cast<char>(random());
-    return bytes;
-}
 
 // The token of message `index` of thread `thread`.
 uint32_t tokenOf(int thread, uint32_t index) {

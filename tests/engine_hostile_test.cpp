@@ -123,14 +123,6 @@ std::string headerBytes(uint32_t type, uint32_t token, uint32_t size) {
     return std::string(reinterpret_cast<const char*>(&header), sizeof header);
 }
 
-std::string patterned(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    std::mt19937 random(seed);
-    for (char& byte : bytes)
-        byte = static_cast<char>(random());
-    return bytes;
-}
-
 // The one connection that the engine holds, with a reference; null when it
 // holds none or several.
 Handler* onlyConnection(Router_Base* router) {

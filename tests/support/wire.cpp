@@ -4,6 +4,7 @@
 #include <tarnwick/message_codec.h>
 
 #include <cstring>
+#include <random>
 
 namespace TarnwickTest {
 
@@ -27,6 +28,14 @@ std::string word(uint32_t value) {
         bytes[i] = static_cast<char>(value & 0xFF);
         value >>= 8;
     }
+    return bytes;
+}
+
+std::string patterned(size_t size, unsigned seed) {
+    std::string bytes(size, '\0');
+    std::mt19937 random(seed);
+    for (char& byte : bytes)
+        byte = static_cast<char>(random());
     return bytes;
 }
 

@@ -31,4 +31,7 @@ Tarnwick::Message_Block* blockFromWire(const std::string& wire);
 // The big-endian bytes of a 32-bit word.
 std::string word(uint32_t value);
 
+// `size` bytes of a repeatable pseudo-random pattern chosen by `seed`.
+std::string patterned(size_t size, unsigned seed);
+
 }  // namespace TarnwickTest

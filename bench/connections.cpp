@@ -7,7 +7,11 @@
 //    a margin) and one more for a stream; once the engine holds them all, it
 //    calls sendGlobalHeartBeat(), and the client reports when the last of
 //    the N has received the whole message. The raw baseline writes the same
-//    number of bytes with write(2) to N accepted plain sockets.
+//    number of bytes with write(2) to N accepted plain sockets. Both rows
+//    use the same client, which reads all N sockets through one epoll set.
+//    The time that the sending call itself takes (sendGlobalHeartBeat, or
+//    the loop of write(2) calls) is printed too: what is left of the row is
+//    the client's reading.
 //  - stream, N idle / 0 idle: the client sends M (default 200,000) 64-byte
 //    binary events on the stream connection, after one 0-byte event that
 //    starts the engine's clock; the figure is the engine's time per event,
@@ -17,7 +21,11 @@
 //    1,000,000) GetVersionEvents through Engine::forward to a peer that
 //    reads and never answers, so each one's token stays in the connection's
 //    list of open requests (up to its capacity, then the oldest goes). The
-//    rate of the first thousand and of all R are printed.
+//    time per event of the first thousand, of the last thousand and of all
+//    R are printed, in wall-clock time and in the CPU time of the
+//    forwarding thread: once the socket's buffers are full, the wall-clock
+//    rate is the pace at which the peer reads, the CPU time is the engine's
+//    own cost.
 //
 // Usage: connections [N [M [R [ROUNDS]]]]
 #include "bench_util.h"
@@ -37,6 +45,8 @@
 
 #include <sys/epoll.h>
 
+#include <ctime>
+
 #include <algorithm>
 #include <atomic>
 #include <cinttypes>
@@ -53,6 +63,13 @@ const unsigned CHILD_LIMIT = 300;
 const double WAIT_LIMIT = 120.0;
 
 enum { R_HEARD = 1 };
+
+// The CPU time of the calling thread, in seconds.
+double threadSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
 bool raiseDescriptorLimit(rlim_t needed) {
     struct rlimit limit;
@@ -201,6 +218,7 @@ private:
 struct Outcome {
     bool ok = false;
     double heartbeat_ms = 0.0;  // send to last delivery; 0 without idle ones
+    double send_ms = 0.0;       // the sending call alone
     double per_event_us = 0.0;
 };
 
@@ -250,6 +268,7 @@ Outcome withEngine(int idle, uint64_t events) {
     if (idle > 0) {
         sent = bench::now();
         engine->sendGlobalHeartBeat();
+        outcome.send_ms = (bench::now() - sent) * 1000.0;
     }
     bench::Report report{};
     bool heard = false;
@@ -292,6 +311,7 @@ Outcome withEngineApart(int idle, uint64_t events) {
             report.value[0] = o.ok ? 1.0 : 0.0;
             report.value[1] = o.heartbeat_ms;
             report.value[2] = o.per_event_us;
+            report.value[3] = o.send_ms;
             return r.send(report) ? 0 : 1;
         }))
         return outcome;
@@ -300,6 +320,7 @@ Outcome withEngineApart(int idle, uint64_t events) {
         outcome.ok = report.value[0] > 0.0;
         outcome.heartbeat_ms = report.value[1];
         outcome.per_event_us = report.value[2];
+        outcome.send_ms = report.value[3];
     }
     outcome.ok = server.finish(30.0) && outcome.ok;
     return outcome;
@@ -340,6 +361,7 @@ Outcome withRaw(int idle, uint64_t events, size_t heartbeat) {
         sent = bench::now();
         for (int const fd : fds)
             ok = bench::writeFull(fd, bytes.data(), bytes.size()) && ok;
+        outcome.send_ms = (bench::now() - sent) * 1000.0;
     }
     bench::Report report{};
     ok = peer.receive(report, WAIT_LIMIT) && ok;
@@ -371,9 +393,13 @@ Outcome withRaw(int idle, uint64_t events, size_t heartbeat) {
 
 struct ForwardOutcome {
     bool ok = false;
-    double first_us = 0.0;  // per event, the first thousand
-    double all_us = 0.0;    // per event, all of them
-    size_t open = 0;        // tokens in the connection's list at the end
+    double first_us = 0.0;      // per event, the first thousand
+    double last_us = 0.0;       // per event, the last thousand
+    double all_us = 0.0;        // per event, all of them
+    double first_cpu_us = 0.0;  // the same in CPU time of the forwarding thread
+    double last_cpu_us = 0.0;
+    double all_cpu_us = 0.0;
+    size_t open = 0;  // tokens in the connection's list at the end
 };
 
 ForwardOutcome forwardRequests(uint64_t requests) {
@@ -425,23 +451,38 @@ ForwardOutcome forwardRequests(uint64_t requests) {
 
     bool ok = true;
     double const start = bench::now();
+    double const start_cpu = threadSeconds();
     double first = 0.0;
+    double first_cpu = 0.0;
+    double last = 0.0;
+    double last_cpu = 0.0;
     for (uint64_t i = 0; ok && i < requests; ++i) {
+        if (i == requests - 1000) {
+            last = bench::now();
+            last_cpu = threadSeconds();
+        }
         Abstract_Event* event = Event_Factory::create(GET_VERSION_EVENT);
         ok = event != nullptr && engine->forward(event) == 0;
         if (event != nullptr)
             event->destroy();
-        if (i + 1 == 1000)
+        if (i + 1 == 1000) {
             first = bench::now();
+            first_cpu = threadSeconds();
+        }
         while (ok && queue->message_bytes() >= eager) {
             ACE_Time_Value wait(0, 1000);
             reactor->handle_events(wait);
         }
     }
     double const end = bench::now();
+    double const end_cpu = threadSeconds();
     outcome.ok = ok;
     outcome.first_us = (first - start) * 1e6 / 1000.0;
+    outcome.last_us = (end - last) * 1e6 / 1000.0;
     outcome.all_us = (end - start) * 1e6 / static_cast<double>(requests);
+    outcome.first_cpu_us = (first_cpu - start_cpu) * 1e6 / 1000.0;
+    outcome.last_cpu_us = (end_cpu - last_cpu) * 1e6 / 1000.0;
+    outcome.all_cpu_us = (end_cpu - start_cpu) * 1e6 / static_cast<double>(requests);
     outcome.open = peer->getTargetACT().size();
     for (int i = 0; i < 200 && queue->message_bytes() > 0; ++i) {
         ACE_Time_Value wait(0, 1000);
@@ -485,7 +526,7 @@ int main(int argc, char** argv) {
                 " requests, %d round(s), load %s\n",
                 idle, events, requests, rounds, bench::loadAverage().c_str());
 
-    std::vector<double> hb[2], stream_idle[2], stream_none[2];
+    std::vector<double> hb[2], hb_send[2], stream_idle[2], stream_none[2];
     bool all_ok = true;
     for (int round = 0; round < rounds; ++round) {
         for (int step = 0; step < 4; ++step) {
@@ -499,6 +540,7 @@ int main(int argc, char** argv) {
                              raw ? "raw" : "engine", n);
             if (n > 0) {
                 hb[raw ? 1 : 0].push_back(o.heartbeat_ms);
+                hb_send[raw ? 1 : 0].push_back(o.send_ms);
                 stream_idle[raw ? 1 : 0].push_back(o.per_event_us);
             } else {
                 stream_none[raw ? 1 : 0].push_back(o.per_event_us);
@@ -510,6 +552,10 @@ int main(int argc, char** argv) {
     double const hb_raw = median(hb[1]);
     std::printf("%-28s %9.1f ms %9.1f ms %7.1fx\n", "heartbeat to all N", hb_engine, hb_raw,
                 hb_raw > 0 ? hb_engine / hb_raw : 0.0);
+    double const send_engine = median(hb_send[0]);
+    double const send_raw = median(hb_send[1]);
+    std::printf("%-28s %9.1f ms %9.1f ms %7.1fx\n", "  of which the sending call", send_engine,
+                send_raw, send_raw > 0 ? send_engine / send_raw : 0.0);
     double const s_idle = median(stream_idle[0]);
     double const s_none = median(stream_none[0]);
     double const r_idle = median(stream_idle[1]);
@@ -522,8 +568,15 @@ int main(int argc, char** argv) {
     ForwardOutcome const f = forwardRequests(requests);
     all_ok = all_ok && f.ok;
     std::printf("%-28s %9.3f us\n", "forward, first 1000", f.first_us);
+    std::printf("%-28s %9.3f us %22.2fx of the first 1000\n", "forward, last 1000", f.last_us,
+                f.first_us > 0 ? f.last_us / f.first_us : 0.0);
     std::printf("%-28s %9.3f us %22.2fx of the first 1000\n", "forward, all R", f.all_us,
                 f.first_us > 0 ? f.all_us / f.first_us : 0.0);
+    std::printf("%-28s %9.3f us\n", "forward CPU, first 1000", f.first_cpu_us);
+    std::printf("%-28s %9.3f us %22.2fx of the first 1000\n", "forward CPU, last 1000",
+                f.last_cpu_us, f.first_cpu_us > 0 ? f.last_cpu_us / f.first_cpu_us : 0.0);
+    std::printf("%-28s %9.3f us %22.2fx of the first 1000\n", "forward CPU, all R", f.all_cpu_us,
+                f.first_cpu_us > 0 ? f.all_cpu_us / f.first_cpu_us : 0.0);
     std::printf(
         "(forward: %zu requests open in the connection's list at the end; its capacity "
         "%zu)\n",
@@ -543,6 +596,9 @@ int main(int argc, char** argv) {
                 " open requests at the rate of the first 1000: %s (%.2fx)\n",
                 requests, f.first_us > 0 && f.all_us <= 1.1 * f.first_us ? "met" : "MISSED",
                 f.first_us > 0 ? f.all_us / f.first_us : 0.0);
+    std::printf("  the same in CPU time of the forwarding thread: %s (%.2fx)\n",
+                f.first_cpu_us > 0 && f.all_cpu_us <= 1.1 * f.first_cpu_us ? "met" : "MISSED",
+                f.first_cpu_us > 0 ? f.all_cpu_us / f.first_cpu_us : 0.0);
     bench::removeTree(scratch);
     return all_ok ? 0 : 1;
 }

@@ -52,10 +52,8 @@ uint64_t hashSeed() {
     return seed;
 }
 
-}  // namespace
-
-size_t ACT_List::Hash::operator()(uint32_t token) const {
-    // The finalizer of splitmix64 over the keyed token.
+// The finalizer of splitmix64 over the keyed token.
+size_t tokenHash(uint32_t token) {
     uint64_t x = hashSeed() ^ token;
     x += 0x9e3779b97f4a7c15ull;
     x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
@@ -63,27 +61,204 @@ size_t ACT_List::Hash::operator()(uint32_t token) const {
     return static_cast<size_t>(x ^ (x >> 31));
 }
 
-ACT_List::ACT_List() : m_oldest(0), m_newest(0), m_capacity(newCapacity.load()), m_warned(false) {}
+// Slots of the first table, and of the first ring.
+const size_t FIRST_SLOTS = 16;
+// A list that empties with a table larger than this gives its memory back.
+const size_t KEPT_SLOTS = 1024;
+const size_t NOT_FOUND = ~static_cast<size_t>(0);
 
-ACT_List::~ACT_List() = default;
+// True when an entry whose home is `home` may stay at `at` after the slot
+// `hole` before it was freed: its home lies cyclically in (hole, at].
+bool staysAfter(size_t hole, size_t at, size_t home) {
+    return hole <= at ? (hole < home && home <= at) : (hole < home || home <= at);
+}
 
-void ACT_List::unlink(std::unordered_map<uint32_t, Links, Hash>::iterator it) {
-    Links const links = it->second;
-    if (links.older != 0)
-        m_tokens.find(links.older)->second.newer = links.newer;
-    else
-        m_oldest = links.newer;
-    if (links.newer != 0)
-        m_tokens.find(links.newer)->second.older = links.older;
-    else
-        m_newest = links.older;
-    m_tokens.erase(it);
+}  // namespace
+
+// --- ACT_Index ------------------------------------------------------------------
+
+ACT_Index::ACT_Index() : m_count(0) {}
+
+ACT_Index::~ACT_Index() = default;
+
+size_t ACT_Index::find(uint32_t token, Holder* out, size_t room) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    if (token == 0 || m_count == 0)
+        return 0;
+    size_t const mask = m_slots.size() - 1;
+    size_t found = 0;
+    // Every pair of one token lies in the run that starts at its home slot.
+    for (size_t i = tokenHash(token) & mask; m_slots[i].token != 0; i = (i + 1) & mask) {
+        if (m_slots[i].token != token)
+            continue;
+        if (found < room)
+            out[found] = Holder{m_slots[i].handler, m_slots[i].order};
+        ++found;
+    }
+    return found;
+}
+
+size_t ACT_Index::size() {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    return m_count;
+}
+
+void ACT_Index::rehash(size_t slots) {
+    std::vector<Entry> table(slots, Entry{nullptr, 0, 0});
+    size_t const mask = slots - 1;
+    for (const Entry& entry : m_slots) {
+        if (entry.token == 0)
+            continue;
+        size_t i = tokenHash(entry.token) & mask;
+        while (table[i].token != 0)
+            i = (i + 1) & mask;
+        table[i] = entry;
+    }
+    m_slots.swap(table);
+}
+
+void ACT_Index::insert(uint32_t token, const Holder& holder) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    // At most half full, so that runs stay short.
+    if ((m_count + 1) * 2 > m_slots.size())
+        rehash(m_slots.empty() ? FIRST_SLOTS : m_slots.size() * 2);
+    size_t const mask = m_slots.size() - 1;
+    size_t i = tokenHash(token) & mask;
+    while (m_slots[i].token != 0)
+        i = (i + 1) & mask;
+    m_slots[i] = Entry{holder.handler, holder.order, token};
+    ++m_count;
+}
+
+void ACT_Index::erase(uint32_t token, Handler* handler) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    if (m_count == 0)
+        return;
+    size_t const mask = m_slots.size() - 1;
+    size_t hole = tokenHash(token) & mask;
+    while (m_slots[hole].token != 0 &&
+           (m_slots[hole].token != token || m_slots[hole].handler != handler))
+        hole = (hole + 1) & mask;
+    if (m_slots[hole].token == 0)
+        return;
+    // Backward shift: the entries after the hole that may not stay move
+    // into it, so that no run has a gap and no tombstone is left.
+    for (size_t at = (hole + 1) & mask; m_slots[at].token != 0; at = (at + 1) & mask) {
+        if (staysAfter(hole, at, tokenHash(m_slots[at].token) & mask))
+            continue;
+        m_slots[hole] = m_slots[at];
+        hole = at;
+    }
+    m_slots[hole].token = 0;
+    --m_count;
+    if (m_count * 8 < m_slots.size() && m_slots.size() > KEPT_SLOTS) {
+        try {
+            rehash(m_slots.size() / 2);
+        } catch (...) {
+            // Keeping the larger table is as good.
+        }
+    }
+}
+
+// --- ACT_List -------------------------------------------------------------------
+
+ACT_List::ACT_List()
+    : m_head(0),
+      m_tail(0),
+      m_count(0),
+      m_capacity(newCapacity.load()),
+      m_warned(false),
+      m_index(nullptr),
+      m_holder(nullptr),
+      m_order(0) {}
+
+ACT_List::~ACT_List() {
+    detach();
+}
+
+size_t ACT_List::lookup(uint32_t token) const {
+    if (m_table.empty())
+        return NOT_FOUND;
+    size_t const mask = m_table.size() - 1;
+    for (size_t i = tokenHash(token) & mask; m_table[i].token != 0; i = (i + 1) & mask) {
+        if (m_table[i].token == token)
+            return i;
+    }
+    return NOT_FOUND;
+}
+
+void ACT_List::reserveOne() {
+    // The table stays at most half full.
+    if ((m_count + 1) * 2 > m_table.size()) {
+        size_t const slots = m_table.empty() ? FIRST_SLOTS : m_table.size() * 2;
+        std::vector<Slot> table(slots, Slot{0, 0});
+        size_t const mask = slots - 1;
+        for (const Slot& slot : m_table) {
+            if (slot.token == 0)
+                continue;
+            size_t i = tokenHash(slot.token) & mask;
+            while (table[i].token != 0)
+                i = (i + 1) & mask;
+            table[i] = slot;
+        }
+        m_table.swap(table);
+    }
+    // A full ring is compacted (holes left by removals go) when at most half
+    // of it is live, else doubled: either way each token moves a bounded
+    // number of times on average.
+    if (m_tail - m_head == m_ring.size()) {
+        size_t const places = m_ring.empty()                 ? FIRST_SLOTS
+                              : m_count * 2 <= m_ring.size() ? m_ring.size()
+                                                             : m_ring.size() * 2;
+        std::vector<uint32_t> ring(places, 0);
+        size_t const old_mask = m_ring.size() - 1;
+        size_t next = 0;
+        for (size_t at = m_head; at != m_tail; ++at) {
+            uint32_t const token = m_ring[at & old_mask];
+            if (token == 0)
+                continue;
+            m_table[lookup(token)].place = static_cast<uint32_t>(next);
+            ring[next++] = token;
+        }
+        m_ring.swap(ring);
+        m_head = 0;
+        m_tail = next;
+    }
+}
+
+void ACT_List::erase(size_t slot) {
+    uint32_t const token = m_table[slot].token;
+    m_ring[m_table[slot].place] = 0;
+    size_t const mask = m_table.size() - 1;
+    size_t hole = slot;
+    for (size_t at = (hole + 1) & mask; m_table[at].token != 0; at = (at + 1) & mask) {
+        if (staysAfter(hole, at, tokenHash(m_table[at].token) & mask))
+            continue;
+        m_table[hole] = m_table[at];
+        hole = at;
+    }
+    m_table[hole].token = 0;
+    --m_count;
+    if (m_index != nullptr)
+        m_index->erase(token, m_holder);
+    // The ends of the ring always hold a token, so that the oldest is at
+    // hand; each hole is stepped over once.
+    size_t const ring_mask = m_ring.size() - 1;
+    while (m_head != m_tail && m_ring[m_head & ring_mask] == 0)
+        ++m_head;
+    while (m_tail != m_head && m_ring[(m_tail - 1) & ring_mask] == 0)
+        --m_tail;
+    if (m_count == 0 && m_table.size() > KEPT_SLOTS) {
+        std::vector<Slot>().swap(m_table);
+        std::vector<uint32_t>().swap(m_ring);
+        m_head = m_tail = 0;
+    }
 }
 
 bool ACT_List::trim(size_t limit) {
     bool evicted = false;
-    while (m_tokens.size() > limit && m_oldest != 0) {
-        unlink(m_tokens.find(m_oldest));
+    while (m_count > limit) {
+        erase(lookup(m_ring[m_head & (m_ring.size() - 1)]));
         evicted = true;
     }
     return evicted;
@@ -105,21 +280,27 @@ int ACT_List::add(uint32_t token) {
         ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
         if (!guard.locked())
             return -1;
-        if (m_tokens.find(token) != m_tokens.end())
+        if (lookup(token) != NOT_FOUND)
             return 0;
         if (trim(m_capacity - 1) && !m_warned)
             first = m_warned = true;
         try {
-            m_tokens.emplace(token, Links{m_newest, 0});
+            reserveOne();
+            if (m_index != nullptr)
+                m_index->insert(token, ACT_Index::Holder{m_holder, m_order});
         } catch (...) {
             errno = ENOMEM;
             return -1;
         }
-        if (m_newest != 0)
-            m_tokens.find(m_newest)->second.newer = token;
-        else
-            m_oldest = token;
-        m_newest = token;
+        size_t const place = m_tail & (m_ring.size() - 1);
+        m_ring[place] = token;
+        ++m_tail;
+        size_t const mask = m_table.size() - 1;
+        size_t i = tokenHash(token) & mask;
+        while (m_table[i].token != 0)
+            i = (i + 1) & mask;
+        m_table[i] = Slot{token, static_cast<uint32_t>(place)};
+        ++m_count;
     }
     warnEvicted(first);
     return 0;
@@ -129,9 +310,11 @@ int ACT_List::remove(uint32_t token) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     if (!guard.locked())
         return -1;
-    auto it = m_tokens.find(token);
-    if (it != m_tokens.end())
-        unlink(it);
+    if (token == 0)
+        return 0;
+    size_t const slot = lookup(token);
+    if (slot != NOT_FOUND)
+        erase(slot);
     return 0;
 }
 
@@ -139,12 +322,12 @@ bool ACT_List::contains(uint32_t token) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
     if (!guard.locked())
         return false;
-    return m_tokens.find(token) != m_tokens.end();
+    return token != 0 && lookup(token) != NOT_FOUND;
 }
 
 size_t ACT_List::size() {
     ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
-    return m_tokens.size();
+    return m_count;
 }
 
 size_t ACT_List::capacity() {
@@ -171,6 +354,64 @@ void ACT_List::setNewListCapacity(size_t capacity) {
 
 size_t ACT_List::newListCapacity() {
     return newCapacity.load();
+}
+
+int ACT_List::attach(ACT_Index* index, Handler* handler, uint64_t order) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    if (!guard.locked())
+        return -1;
+    if (index == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (m_index == index)
+        return 0;
+    if (m_index != nullptr) {
+        errno = EBUSY;
+        return -1;
+    }
+    size_t const mask = m_ring.size() - 1;
+    size_t at = m_head;
+    try {
+        for (; at != m_tail; ++at) {
+            uint32_t const token = m_ring[at & mask];
+            if (token != 0)
+                index->insert(token, ACT_Index::Holder{handler, order});
+        }
+    } catch (...) {
+        // Take back what went in.
+        for (size_t back = m_head; back != at; ++back) {
+            uint32_t const token = m_ring[back & mask];
+            if (token != 0)
+                index->erase(token, handler);
+        }
+        errno = ENOMEM;
+        return -1;
+    }
+    m_index = index;
+    m_holder = handler;
+    m_order = order;
+    return 0;
+}
+
+void ACT_List::detach() {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    if (m_index == nullptr)
+        return;
+    size_t const mask = m_ring.size() - 1;
+    for (size_t at = m_head; at != m_tail; ++at) {
+        uint32_t const token = m_ring[at & mask];
+        if (token != 0)
+            m_index->erase(token, m_holder);
+    }
+    m_index = nullptr;
+    m_holder = nullptr;
+    m_order = 0;
+}
+
+bool ACT_List::attachedTo(const ACT_Index* index) {
+    ACE_Guard<ACE_Thread_Mutex> guard(m_mutex);
+    return index != nullptr && m_index == index;
 }
 
 namespace {

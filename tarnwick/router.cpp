@@ -15,10 +15,14 @@ typedef ACE_Map_Iterator<Handler*, Handler*, ACE_Thread_Mutex> ConnectionIterato
 
 }  // namespace
 
-Router::Router() = default;
+Router::Router() : m_registrations(0), m_unindexed(0) {}
 
-// The map closes itself; the handlers' references are not released here.
-Router::~Router() = default;
+// The map closes itself; the handlers' references are not released here,
+// but their source lists leave the index that dies with the router.
+Router::~Router() {
+    for (ConnectionIterator it(m_connections); !it.done(); it.advance())
+        (*it).int_id_->getSourceACT().detach();
+}
 
 int Router::register_handler(Handler* handler) {
     if (handler == nullptr) {
@@ -40,6 +44,10 @@ int Router::register_handler(Handler* handler) {
         TW_LOG_ERRNO("%D ERROR (%t): Can not bind connection to connection map.");
         return -1;
     }
+    // From here on the connection's source tokens are in the index; a list
+    // that can't join it makes searches by token walk every connection.
+    if (handler->getSourceACT().attach(&m_tokens, handler, ++m_registrations) == -1)
+        ++m_unindexed;
     TW_LOG("%D DEBUG (%t): Connection stored in connection map: %d items\n",
            static_cast<int>(m_connections.current_size()));
     return 0;
@@ -57,6 +65,11 @@ int Router::remove_handler(Handler* handler) {
         // the removal of a connection that was never stored, changes nothing.
         if (m_connections.unbind(handler) == -1)
             return 1;
+        ACT_List& tokens = handler->getSourceACT();
+        if (tokens.attachedTo(&m_tokens))
+            tokens.detach();
+        else if (m_unindexed > 0)
+            --m_unindexed;
     }
     // Outside the lock: this may end the handler.
     handler->release();
@@ -67,13 +80,49 @@ int Router::find(const Routing_Key& key, Dispatch_Set& set) {
     ACE_Guard<ACE_Thread_Mutex> guard(m_lock);
     if (!guard.locked())
         return -1;
-    // The map's entries are walked newest first.
-    for (ConnectionIterator it(m_connections); !it.done(); it.advance()) {
-        Handler* handler = (*it).int_id_;
-        if (Routing_Key(handler) == key && set.insert(handler) == 0)
-            handler->duplicate();
+    // The stored connections are distinct: into a set that was empty they
+    // go without a search for duplicates.
+    bool const fresh = set.is_empty();
+    if (key.type == Routing_Key::ROUTE_ACT && m_unindexed == 0) {
+        findByToken(key.ACT, set, fresh);
+    } else {
+        // The map's entries are walked newest first.
+        for (ConnectionIterator it(m_connections); !it.done(); it.advance()) {
+            Handler* handler = (*it).int_id_;
+            if (Routing_Key(handler) == key &&
+                (fresh ? set.append(handler) : set.insert(handler)) == 0)
+                handler->duplicate();
+        }
     }
     return set.is_empty() ? -1 : 0;
+}
+
+void Router::findByToken(uint32_t token, Dispatch_Set& set, bool fresh) {
+    // Mostly one connection holds a token; a few room on the stack.
+    ACT_Index::Holder local[8];
+    std::vector<ACT_Index::Holder> more;
+    ACT_Index::Holder* holders = local;
+    size_t room = sizeof local / sizeof local[0];
+    size_t count = m_tokens.find(token, holders, room);
+    while (count > room) {
+        try {
+            more.resize(count);
+        } catch (...) {
+            return;
+        }
+        holders = more.data();
+        room = count;
+        count = m_tokens.find(token, holders, room);
+    }
+    // In the order of the walk over the map: newest registration first.
+    std::sort(holders, holders + count, [](const ACT_Index::Holder& a, const ACT_Index::Holder& b) {
+        return a.order > b.order;
+    });
+    for (size_t i = 0; i < count; ++i) {
+        Handler* handler = holders[i].handler;
+        if ((fresh ? set.append(handler) : set.insert(handler)) == 0)
+            handler->duplicate();
+    }
 }
 
 SinglePeerRouter::SinglePeerRouter() : m_peer(nullptr) {}
@@ -138,7 +187,8 @@ int SinglePeerRouter::find(const Routing_Key&, Dispatch_Set& set) {
     Handler* peer = m_peer;
     if (!guard.locked() || peer == nullptr)
         return -1;
-    if (set.insert(peer) == 0)
+    // A set that was empty can't hold the peer yet.
+    if ((set.is_empty() ? set.append(peer) : set.insert(peer)) == 0)
         peer->duplicate();
     return 0;
 }

@@ -67,6 +67,10 @@ void Dispatch_Set::release() {
     reset();
 }
 
+int Dispatch_Set::append(Handler* handler) {
+    return insert_tail(handler);
+}
+
 Router_Base::Router_Base() = default;
 Router_Base::~Router_Base() = default;
 

@@ -11,10 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -717,4 +719,302 @@ TEST_F(Router, SinglePeerTheOldestAsideTakesOverFromAGonePeer) {
     EXPECT_EQ(router.remove_handler(peer), 1);
     EXPECT_EQ(router.remove_handler(third), 0);
     EXPECT_FALSE(router.isConnected());
+}
+
+// ---------------------------------------------------------------------------
+// Searches by token against the lists
+
+namespace {
+
+// What a search by `token` must find among `stored` (newest registration
+// first): the connections whose source list holds it.
+std::vector<Handler*> holding(const std::vector<Handler*>& stored, uint32_t token) {
+    std::vector<Handler*> out;
+    for (Handler* handler : stored) {
+        if (handler->getSourceACT().contains(token))
+            out.push_back(handler);
+    }
+    return out;
+}
+
+std::vector<Handler*> byToken(Router_Base& router, uint32_t token) {
+    Dispatch_Set set;
+    router.findHandlersByACT(token, set);
+    return members(set);
+}
+
+void expectAgree(Router_Base& router, const std::vector<Handler*>& stored, uint32_t first,
+                 uint32_t last) {
+    for (uint32_t token = first; token <= last; ++token)
+        EXPECT_EQ(byToken(router, token), holding(stored, token)) << "token " << token;
+}
+
+}  // namespace
+
+TEST_F(Router, TokenSearchesFollowTheListsThroughEvictions) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    enter(router, a);
+    enter(router, b);
+    std::vector<Handler*> const stored{b, a};
+    a->getSourceACT().setCapacity(4);
+    {
+        LogCapture capture;
+        for (uint32_t token = 1; token <= 10; ++token)
+            a->getSourceACT().add(token);
+        EXPECT_EQ(capture.lines(), Lines{"%D WARN  (%t): More than 4 open tokens on one "
+                                         "connection: the oldest are forgotten"});
+    }
+    b->getSourceACT().add(8);
+    b->getSourceACT().add(2);
+    expectAgree(router, stored, 0, 12);
+    EXPECT_EQ(byToken(router, 6), std::vector<Handler*>{});
+    EXPECT_EQ(byToken(router, 7), std::vector<Handler*>{a});
+    EXPECT_EQ(byToken(router, 8), (std::vector<Handler*>{b, a}));
+    // A token added again keeps its place: 7 is still the oldest and goes
+    // first.
+    a->getSourceACT().add(7);
+    a->getSourceACT().add(11);
+    EXPECT_EQ(byToken(router, 7), std::vector<Handler*>{});
+    expectAgree(router, stored, 0, 12);
+    // A smaller capacity evicts at once, and so does a removal in between.
+    a->getSourceACT().remove(9);
+    a->getSourceACT().setCapacity(1);
+    EXPECT_EQ(a->getSourceACT().size(), 1u);
+    EXPECT_EQ(byToken(router, 11), std::vector<Handler*>{a});
+    expectAgree(router, stored, 0, 12);
+    EXPECT_EQ(router.remove_handler(a), 0);
+    EXPECT_EQ(router.remove_handler(b), 0);
+}
+
+TEST_F(Router, TokenSearchesFollowConnectionsThatComeAndGo) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    Handler* c = connect();
+    // Tokens noted before the registration are found after it.
+    a->getSourceACT().add(5);
+    a->getSourceACT().add(7);
+    enter(router, a);
+    enter(router, b);
+    enter(router, c);
+    c->getSourceACT().add(5);
+    b->getSourceACT().add(6);
+    EXPECT_EQ(byToken(router, 5), (std::vector<Handler*>{c, a}));
+    expectAgree(router, {c, b, a}, 0, 8);
+
+    // Removed with tokens open: the connection keeps its list, the router
+    // finds it no more, also for tokens it notes meanwhile.
+    EXPECT_EQ(router.remove_handler(a), 0);
+    EXPECT_TRUE(a->getSourceACT().contains(5));
+    a->getSourceACT().add(8);
+    EXPECT_EQ(byToken(router, 5), std::vector<Handler*>{c});
+    EXPECT_EQ(byToken(router, 7), std::vector<Handler*>{});
+    EXPECT_EQ(byToken(router, 8), std::vector<Handler*>{});
+    expectAgree(router, {c, b}, 0, 8);
+
+    // Stored again, it is the newest, with all its tokens.
+    enter(router, a);
+    EXPECT_EQ(byToken(router, 5), (std::vector<Handler*>{a, c}));
+    expectAgree(router, {a, c, b}, 0, 8);
+    EXPECT_EQ(router.clear_act(5), 0);
+    EXPECT_FALSE(a->getSourceACT().contains(5));
+    EXPECT_FALSE(c->getSourceACT().contains(5));
+    expectAgree(router, {a, c, b}, 0, 8);
+    EXPECT_EQ(router.remove_handler(a), 0);
+    EXPECT_EQ(router.remove_handler(b), 0);
+    EXPECT_EQ(router.remove_handler(c), 0);
+    EXPECT_EQ(byToken(router, 6), std::vector<Handler*>{});
+}
+
+// One connection stored in two routers: each finds it by its tokens while
+// it stands there.
+TEST_F(Router, AConnectionInTwoRoutersIsFoundByBoth) {
+    OpenRouter first;
+    OpenRouter second;
+    Handler* a = connect();
+    Handler* b = connect();
+    enter(first, a);
+    enter(first, b);
+    enter(second, a);
+    enter(second, b);
+    a->getSourceACT().add(1);
+    b->getSourceACT().add(1);
+    b->getSourceACT().add(2);
+    expectAgree(first, {b, a}, 0, 3);
+    expectAgree(second, {b, a}, 0, 3);
+    EXPECT_EQ(first.remove_handler(a), 0);
+    a->getSourceACT().add(3);
+    expectAgree(first, {b}, 0, 3);
+    expectAgree(second, {b, a}, 0, 3);
+    EXPECT_EQ(second.clear_act(1), 0);
+    expectAgree(first, {b}, 0, 3);
+    expectAgree(second, {b, a}, 0, 3);
+    EXPECT_EQ(second.remove_handler(a), 0);
+    enter(first, a);
+    expectAgree(first, {a, b}, 0, 3);
+    expectAgree(second, {b}, 0, 3);
+    EXPECT_EQ(first.remove_handler(a), 0);
+    EXPECT_EQ(first.remove_handler(b), 0);
+    EXPECT_EQ(second.remove_handler(b), 0);
+}
+
+// A router that ends with connections stored forgets them without releasing
+// them; their lists go on working without it.
+TEST_F(Router, ListsOutliveARouterThatEndsFirst) {
+    Handler* a = connect();
+    {
+        OpenRouter router;
+        enter(router, a);
+        a->getSourceACT().add(1);
+        EXPECT_EQ(byToken(router, 1), std::vector<Handler*>{a});
+    }
+    a->getSourceACT().add(2);
+    a->getSourceACT().remove(1);
+    EXPECT_TRUE(a->getSourceACT().contains(2));
+    OpenRouter router;
+    enter(router, a);
+    EXPECT_EQ(byToken(router, 2), std::vector<Handler*>{a});
+    EXPECT_EQ(router.remove_handler(a), 0);
+    // The reference that the first router kept.
+    a->release();
+}
+
+// Random changes of lists, capacities and registrations: after each, every
+// search by token finds what the lists say, in registration order.
+TEST_F(Router, TokenSearchesStayExactThroughRandomChanges) {
+    OpenRouter router;
+    std::vector<Handler*> handlers;
+    for (int i = 0; i < 4; ++i) {
+        handlers.push_back(connect());
+        handlers.back()->getSourceACT().setCapacity(6);
+    }
+    std::vector<Handler*> stored;  // newest first
+    std::mt19937 random(12345);
+    LogCapture capture;  // registrations and evictions
+    for (int step = 0; step < 3000; ++step) {
+        Handler* const handler = handlers[random() % handlers.size()];
+        uint32_t const token = 1 + random() % 16;
+        auto const at = std::find(stored.begin(), stored.end(), handler);
+        switch (random() % 8) {
+            case 0:
+            case 1:
+            case 2:
+                handler->getSourceACT().add(token);
+                break;
+            case 3:
+                handler->getSourceACT().remove(token);
+                break;
+            case 4:
+                EXPECT_EQ(router.clear_act(token), 0);
+                break;
+            case 5:
+                handler->getSourceACT().setCapacity(1 + random() % 8);
+                break;
+            case 6:
+                if (at != stored.end()) {
+                    EXPECT_EQ(router.remove_handler(handler), 0);
+                    stored.erase(at);
+                }
+                break;
+            default:
+                if (at == stored.end()) {
+                    enter(router, handler);
+                    stored.insert(stored.begin(), handler);
+                }
+                break;
+        }
+        expectAgree(router, stored, 0, 17);
+        if (HasFailure())
+            break;
+    }
+    for (Handler* handler : stored)
+        EXPECT_EQ(router.remove_handler(handler), 0);
+}
+
+// Lists change on several threads while connections are stored and removed
+// and tokens searched and cleared; once all stop, the searches agree with
+// the lists.
+TEST_F(Router, TokenSearchesStayExactUnderThreads) {
+    OpenRouter router;
+    std::vector<Handler*> handlers;
+    for (int i = 0; i < 4; ++i)
+        handlers.push_back(connect());
+    std::atomic<bool> done(false);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&handlers, &done, t] {
+            std::mt19937 random(77 + t);
+            while (!done.load()) {
+                Handler* const handler = handlers[random() % handlers.size()];
+                uint32_t const token = 1 + random() % 32;
+                if (random() % 3 == 0)
+                    handler->getSourceACT().remove(token);
+                else
+                    handler->getSourceACT().add(token);
+            }
+        });
+    }
+    threads.emplace_back([&router, &done] {
+        std::mt19937 random(99);
+        while (!done.load()) {
+            uint32_t const token = 1 + random() % 32;
+            Dispatch_Set set;
+            router.findHandlersByACT(token, set);
+            for (Handler* handler : set)
+                handler->getSourceACT().contains(token);
+            set.release();
+            if (random() % 4 == 0)
+                router.clear_act(token);
+        }
+    });
+    std::vector<Handler*> stored;
+    {
+        LogCapture capture;  // the registrations' lines
+        for (int round = 0; round < 300; ++round) {
+            Handler* const handler = handlers[round % handlers.size()];
+            auto const at = std::find(stored.begin(), stored.end(), handler);
+            if (at == stored.end()) {
+                enter(router, handler);
+                stored.insert(stored.begin(), handler);
+            } else {
+                EXPECT_EQ(router.remove_handler(handler), 0);
+                stored.erase(at);
+            }
+        }
+        done = true;
+        for (auto& thread : threads)
+            thread.join();
+    }
+    expectAgree(router, stored, 0, 33);
+    for (Handler* handler : stored)
+        EXPECT_EQ(router.remove_handler(handler), 0);
+}
+
+// Searches into a set that holds a connection already don't add it twice;
+// every reference handed out is released with the sets.
+TEST_F(Router, SearchIntoAFilledSetSkipsWhatItHolds) {
+    OpenRouter router;
+    Handler* a = connect();
+    Handler* b = connect();
+    enter(router, a);
+    enter(router, b);
+    a->getSourceACT().add(4);
+    Dispatch_Set set;
+    ASSERT_EQ(router.findHandlersByACT(4, set), 0);
+    ASSERT_EQ(router.findAllHandlers(set), 0);
+    EXPECT_EQ(members(set), (std::vector<Handler*>{a, b}));
+    ASSERT_EQ(router.findHandlersByACT(4, set), 0);
+    EXPECT_EQ(set.size(), 2u);
+    Dispatch_Set fresh;
+    ASSERT_EQ(router.findAllHandlers(fresh), 0);
+    EXPECT_EQ(members(fresh), (std::vector<Handler*>{b, a}));
+    EXPECT_EQ(fresh.append(nullptr), 0);
+    EXPECT_EQ(fresh.size(), 3u);
+    EXPECT_EQ(fresh.remove(nullptr), 0);
+    fresh.release();
+    set.release();
+    EXPECT_EQ(router.remove_handler(a), 0);
+    EXPECT_EQ(router.remove_handler(b), 0);
 }

@@ -11,24 +11,77 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <unordered_map>
+#include <vector>
 
 namespace Tarnwick {
+
+class Handler;
+class ACT_List;
+
+// Which connections hold which tokens, for a router that must find the
+// connections holding a token without asking every one of them. The index is
+// kept by the lists themselves (ACT_List::attach): every token that enters or
+// leaves an attached list, by add, remove, eviction at capacity or detach,
+// enters or leaves the index in the same step, under the list's mutex. The
+// index's own mutex is taken inside a list's mutex, never the other way
+// round. Lookups take constant time whatever the number of connections.
+class TARNWICK_EXPORT ACT_Index {
+public:
+    // A connection holding a token, with the order that it was attached
+    // with (a router's registration order).
+    struct Holder {
+        Handler* handler;
+        uint64_t order;
+    };
+
+    ACT_Index();
+    ~ACT_Index();
+    ACT_Index(const ACT_Index&) = delete;
+    ACT_Index& operator=(const ACT_Index&) = delete;
+
+    // Copies up to `room` holders of `token` to `out`, in no particular
+    // order, and returns how many there are in all (more than `room` means
+    // that some were not copied).
+    size_t find(uint32_t token, Holder* out, size_t room);
+    // The number of (token, connection) pairs held.
+    size_t size();
+
+private:
+    friend class ACT_List;
+    struct Entry {
+        Handler* handler;
+        uint64_t order;
+        uint32_t token;  // 0: a free slot
+    };
+
+    // Enters a pair that is not in the index yet. May throw std::bad_alloc,
+    // and then nothing changed.
+    void insert(uint32_t token, const Holder& holder);
+    // Takes the pair out if it is there. Never throws.
+    void erase(uint32_t token, Handler* handler);
+    // Moves every entry into a table of `slots` slots (a power of two).
+    void rehash(size_t slots);
+
+    std::vector<Entry> m_slots;  // open addressing, linear probing
+    size_t m_count;
+    ACE_Thread_Mutex m_mutex;
+};
 
 // The open tokens of one connection in one direction: tokens of requests
 // that arrived on it (source) or were sent out on it (target). A request and
 // its reply carry the same token, so a reply finds its way back by asking
 // which connection holds its token. Each list has its own mutex.
 //
-// add, remove and contains take constant time (a hash set, keyed with a
-// per-process random seed so that a peer can't choose colliding tokens). A
-// list holds at most capacity() tokens: tokens of requests that are never
-// answered (a peer that asks and goes on asking, broadcasts, messages that
-// were dropped) would otherwise pile up for the life of the connection. When
-// the list is full, adding a new token forgets the oldest one: a reply to it
-// that comes later finds no way back, as after a closed connection. The first
-// such eviction of a list logs one warning; later ones log nothing. Token 0
-// means "no token" and is never stored.
+// add, remove and contains take constant time (a flat hash table, keyed with
+// a per-process random seed so that a peer can't choose colliding tokens,
+// beside a ring of the tokens in their order of arrival). A list holds at
+// most capacity() tokens: tokens of requests that are never answered (a peer
+// that asks and goes on asking, broadcasts, messages that were dropped) would
+// otherwise pile up for the life of the connection. When the list is full,
+// adding a new token forgets the oldest one: a reply to it that comes later
+// finds no way back, as after a closed connection. The first such eviction
+// of a list logs one warning; later ones log nothing. Token 0 means "no
+// token" and is never stored.
 class TARNWICK_EXPORT ACT_List {
 public:
     // The capacity of a list unless changed: 65536 tokens.
@@ -37,6 +90,7 @@ public:
     // An empty list with the capacity that setNewListCapacity last set
     // (Default_Capacity unless changed).
     ACT_List();
+    // Leaves the index that the list is attached to, if any.
     ~ACT_List();
     ACT_List(const ACT_List&) = delete;
     ACT_List& operator=(const ACT_List&) = delete;
@@ -65,28 +119,50 @@ public:
     static size_t newListCapacity();
 
 private:
-    // Neighbours in the order of arrival, by token; 0 ends the chain.
-    struct Links {
-        uint32_t older;
-        uint32_t newer;
-    };
-    struct Hash {
-        size_t operator()(uint32_t token) const;
+    friend class Router;
+    // Keeps `index` in step with this list from now on: the tokens in the
+    // list are entered at once as held by `handler` with `order`, and every
+    // token that enters or leaves the list later enters or leaves the index
+    // with it. 0; -1 when the list is kept in another index already (EBUSY)
+    // or memory fails (ENOMEM), and then the index is as before. Attaching
+    // to the index that the list is kept in already changes nothing (0).
+    [[nodiscard]] int attach(ACT_Index* index, Handler* handler, uint64_t order);
+    // Takes the list's tokens out of its index and stops keeping it there.
+    // Nothing when the list is kept in no index.
+    void detach();
+    // True when the list is kept in `index`.
+    bool attachedTo(const ACT_Index* index);
+
+    // A token and its place in the ring; token 0 marks a free slot.
+    struct Slot {
+        uint32_t token;
+        uint32_t place;
     };
 
-    // Unlinks and erases the token at `it`; the caller holds the mutex.
-    void unlink(std::unordered_map<uint32_t, Links, Hash>::iterator it);
+    // The slot of `token` in the table, or NOT_FOUND.
+    size_t lookup(uint32_t token) const;
+    // Makes room for one more token in the table and the ring. May throw
+    // std::bad_alloc, and then nothing changed.
+    void reserveOne();
+    // Forgets the token in table slot `slot` (and tells the index). The
+    // caller holds the mutex.
+    void erase(size_t slot);
     // Evicts the oldest tokens down to `limit`; the caller holds the mutex.
     // True when anything went.
     bool trim(size_t limit);
     // Logs the first eviction of this list, once. Called without the mutex.
     void warnEvicted(bool evicted);
 
-    std::unordered_map<uint32_t, Links, Hash> m_tokens;
-    uint32_t m_oldest;
-    uint32_t m_newest;
+    std::vector<Slot> m_table;     // open addressing, linear probing; a power of two or empty
+    std::vector<uint32_t> m_ring;  // tokens oldest first from m_head; 0 is a hole
+    size_t m_head;                 // the ring position of the oldest token (or m_tail)
+    size_t m_tail;                 // the ring position after the newest token
+    size_t m_count;
     size_t m_capacity;
     bool m_warned;
+    ACT_Index* m_index;  // kept in step with this list, or null
+    Handler* m_holder;
+    uint64_t m_order;
     ACE_Thread_Mutex m_mutex;
 };
 

@@ -3,6 +3,7 @@
 
 #include <tarnwick/export.h>
 
+#include <tarnwick/act_cache.h>
 #include <tarnwick/router_base.h>
 
 #include <ace/Map_Manager.h>
@@ -20,7 +21,9 @@ namespace Tarnwick {
 // peer says it is: two connections whose peers claim one agent id are two
 // entries, and each is removed only by its own remove_handler. Searches
 // match the stored connections by Routing_Key, so a ROUTE_AGENT search finds
-// both of them.
+// both of them. A search by token (ROUTE_ACT, also behind clear_act) asks an
+// index of the source tokens of the stored connections, kept in step with
+// their lists, instead of every connection.
 class TARNWICK_EXPORT Router : public Router_Base {
 public:
     Router();
@@ -41,9 +44,22 @@ protected:
     int find(const Routing_Key& key, Dispatch_Set& set) override;
 
 private:
+    // Adds the stored connections whose source list holds `token` to `set`,
+    // newest first, with a reference each; without looking for duplicates
+    // when `fresh`. The caller holds m_lock.
+    void findByToken(uint32_t token, Dispatch_Set& set, bool fresh);
+
     ACE_Thread_Mutex m_lock;
     // Each connection by itself: the key is the handler's address.
     ACE_Map_Manager<Handler*, Handler*, ACE_Thread_Mutex> m_connections;
+    // The source tokens of the stored connections, each connection with its
+    // registration number (the map is walked in the reverse of that order).
+    ACT_Index m_tokens;
+    uint64_t m_registrations;
+    // Stored connections whose source list could not join m_tokens (kept in
+    // another router's index, or no memory): while there are any, a search
+    // by token walks all connections.
+    size_t m_unindexed;
 };
 
 // Keeps one connection, for a client that talks to one server: every event

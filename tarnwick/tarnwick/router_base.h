@@ -53,6 +53,10 @@ public:
     virtual ~Dispatch_Set();
     // Releases every handler and empties the set.
     void release();
+    // Adds `handler`, which the caller knows the set does not hold, at the
+    // end without looking for it (insert() looks, and so takes time in the
+    // size of the set). Takes no reference. 0, or -1 when memory fails.
+    int append(Handler* handler);
 };
 
 // Decides where events go and sends them. Subclasses keep the connections;
@@ -99,8 +103,9 @@ public:
     // none or when `handler` is no agent.
     int findOtherHandlersByAgentID(Handler* handler, Dispatch_Set& set);
     int findAllHandlers(Dispatch_Set& set);
-    // Removes `act` from every connection's source tokens: one search over
-    // the connections, constant time for each. 0, found or not.
+    // Removes `act` from every connection's source tokens: one search by
+    // token (constant time on a Router, whatever the number of connections).
+    // 0, found or not.
     int clear_act(uint32_t act);
     // Closes every connection. 0.
     int closeAllConnections();

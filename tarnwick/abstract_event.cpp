@@ -9,13 +9,14 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <set>
 #include <sstream>
+#include <vector>
 
 namespace Tarnwick {
 
@@ -46,6 +47,22 @@ int setNumber(Abstract_Event& event, const char* name, Number value) {
 // a parameter is left out.
 bool isParameterName(const std::string& name) {
     return isXMLText(name.c_str(), name.size());
+}
+
+// The text of a formatted payload is built here, in a buffer of the thread
+// that keeps its capacity from one event to the next.
+const size_t PAYLOAD_BUFFER_KEPT = 1 << 20;
+
+std::string& payloadBuffer() {
+    thread_local std::string buffer;
+    return buffer;
+}
+
+// Gives back the memory of an unusually large payload.
+void trimPayloadBuffer() {
+    std::string& buffer = payloadBuffer();
+    if (buffer.capacity() > PAYLOAD_BUFFER_KEPT)
+        std::string().swap(buffer);
 }
 
 }  // namespace
@@ -406,76 +423,107 @@ int Abstract_Event::getArg(const char* name, std::map<std::string, std::string>&
     return 0;
 }
 
-int Abstract_Event::writeXMLFromArgMap(XMLMemoryWriter& writer) const {
-    if (writer.open(XMLWriter::Indentation) == -1)
-        return -1;
-    // A value that is not XML text is written as nothing (writeString
-    // refuses it), and a parameter whose name is not is left out whole.
-    writer.startElement(nullptr, nullptr, "message");
-    for (const auto& arg : m_args) {
-        if (!isParameterName(arg.first))
-            continue;
-        writer.startElement(nullptr, nullptr, "param");
-        writer.writeAttribute("name", arg.first.c_str());
-        writer.writeString(arg.second.c_str());
-        writer.endElement();
-    }
-    for (const auto& group : m_nestedArgs) {
-        if (!isParameterName(group.first))
-            continue;
-        writer.startElement(nullptr, nullptr, "param");
-        writer.writeAttribute("name", group.first.c_str());
-        for (const auto& arg : group.second) {
+int Abstract_Event::writeXMLFromArgMap(std::string& out) const {
+    // A value that is not XML text is written as nothing (the writer refuses
+    // it), and a parameter whose name is not is left out whole.
+    try {
+        PayloadWriter writer(out);
+        writer.startDocument();
+        writer.startElement("message");
+        for (const auto& arg : m_args) {
             if (!isParameterName(arg.first))
                 continue;
-            writer.startElement(nullptr, nullptr, "param");
-            writer.writeAttribute("name", arg.first.c_str());
-            writer.writeString(arg.second.c_str());
+            writer.startElement("param");
+            writer.writeAttribute("name", arg.first.data(), arg.first.size());
+            writer.writeString(arg.second.c_str(), std::strlen(arg.second.c_str()));
+            writer.endElement();
+        }
+        for (const auto& group : m_nestedArgs) {
+            if (!isParameterName(group.first))
+                continue;
+            writer.startElement("param");
+            writer.writeAttribute("name", group.first.data(), group.first.size());
+            for (const auto& arg : group.second) {
+                if (!isParameterName(arg.first))
+                    continue;
+                writer.startElement("param");
+                writer.writeAttribute("name", arg.first.data(), arg.first.size());
+                writer.writeString(arg.second.c_str(), std::strlen(arg.second.c_str()));
+                writer.endElement();
+            }
             writer.endElement();
         }
         writer.endElement();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return -1;
     }
-    writer.endElement();
     return 0;
 }
 
 int Abstract_Event::getXMLString(std::string& out) const {
-    XMLMemoryWriter writer;
-    if (writeXMLFromArgMap(writer) == -1)
-        return -1;
-    const char* text = writer.content();
-    int64_t const length = writer.length();
-    if (text == nullptr || length <= 0)
-        return -1;
-    out.assign(text, static_cast<size_t>(length));
-    return 0;
+    std::string& text = payloadBuffer();
+    text.clear();
+    int const result = writeXMLFromArgMap(text);
+    if (result == 0 && !text.empty()) {
+        try {
+            out.assign(text);
+        } catch (const std::bad_alloc&) {
+            errno = ENOMEM;
+            trimPayloadBuffer();
+            return -1;
+        }
+    }
+    trimPayloadBuffer();
+    return result == 0 && !text.empty() ? 0 : -1;
+}
+
+// Each name of a parameter of a "message" element, in document order, takes
+// the text of the first child of the first parameter of that name; a first
+// parameter without children gives no argument, and later ones of the name
+// don't count. Names are compared as text and never pasted into a query. A
+// name already in m_args keeps its value (setArg doesn't overwrite), so
+// only the names whose first parameter gave nothing need remembering, in
+// `unset`.
+void Abstract_Event::addPayloadArgument(const std::string& name, const char* value,
+                                        std::vector<std::string>& unset) {
+    if (m_args.find(name) != m_args.end() ||
+        std::find(unset.begin(), unset.end(), name) != unset.end())
+        return;
+    if (value != nullptr) {
+        m_args.emplace(name, value);
+        m_dirty = 1;
+    } else {
+        unset.push_back(name);
+    }
 }
 
 int Abstract_Event::setArgsFromXMLDoc(_xmlDoc* doc) {
     if (doc == nullptr)
         return -1;
-    // Each name of a parameter of a "message" element, in document order,
-    // takes the text of the first child of the first parameter of that name;
-    // a first parameter without children gives no argument, and later ones
-    // of the name don't count. One walk of the tree finds them all: names
-    // are compared as text and never pasted into a query.
-    std::set<std::string> seen;
-    forEachParameter(doc, [this, &seen](const std::string& name, xmlNodePtr param) {
-        if (!seen.insert(name).second)
-            return;
-        if (param->children != nullptr && param->children->content != nullptr)
-            setArg(name.c_str(), reinterpret_cast<const char*>(param->children->content));
+    std::vector<std::string> unset;
+    forEachParameter(doc, [this, &unset](const std::string& name, xmlNodePtr param) {
+        xmlNodePtr const first = param->children;
+        addPayloadArgument(name,
+                           first != nullptr && first->content != nullptr
+                               ? reinterpret_cast<const char*>(first->content)
+                               : nullptr,
+                           unset);
     });
     return 0;
 }
 
+int Abstract_Event::setArgsFromPayload(const char* text, size_t length) {
+    std::vector<std::string> unset;
+    bool const parsed = readPayloadParameters(
+        text, length, [this, &unset](const std::string& name, const char* value) {
+            addPayloadArgument(name, value, unset);
+        });
+    return parsed ? 0 : -1;
+}
+
 int Abstract_Event::setXMLString(const std::string& text) {
-    xmlDocPtr doc = parsePayload(text.data(), text.size());
-    if (doc == nullptr)
-        return -1;
-    int const result = setArgsFromXMLDoc(doc);
-    xmlFreeDoc(doc);
-    return result;
+    return setArgsFromPayload(text.data(), text.size());
 }
 
 int Abstract_Event::prepare_header() {
@@ -577,19 +625,23 @@ int64_t Abstract_Event::writeFile(const wchar_t* path) {
 }
 
 int Abstract_Event::write_xml() {
-    XMLMemoryWriter writer;
-    if (writeXMLFromArgMap(writer) == -1)
+    std::string& text = payloadBuffer();
+    text.clear();
+    if (writeXMLFromArgMap(text) == -1)
         return -1;
     reset();
-    int64_t const length = writer.length();
-    if (length < 0)
-        return -1;
-    if (write(writer.content(), static_cast<uint64_t>(length)) == -1)
-        return -1;
-    static const char terminator = '\0';
-    if (write(&terminator, 1) == -1)
-        return -1;
-    return 0;
+    // The text and its final zero byte go into the block in one write.
+    int result = 0;
+    try {
+        text.push_back('\0');
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        result = -1;
+    }
+    if (result == 0 && write(text.data(), text.size()) == -1)
+        result = -1;
+    trimPayloadBuffer();
+    return result;
 }
 
 int Abstract_Event::refresh() {
@@ -647,16 +699,15 @@ int Abstract_Event::data(ACE_Message_Block* block) {
     setACT(0);
 
     if (!isBinary()) {
-        xmlDocPtr doc = nullptr;
         ACE_Message_Block* payload = m_block->cont();
         if (m_block->isStoredOnDisk()) {
-            doc = parsePayloadFile(m_block->getFileName());
+            xmlDocPtr doc = parsePayloadFile(m_block->getFileName());
+            setArgsFromXMLDoc(doc);
+            if (doc != nullptr)
+                xmlFreeDoc(doc);
         } else if (payload != nullptr && payload->length() > 0) {
-            doc = parsePayload(payload->rd_ptr(), payload->length());
+            setArgsFromPayload(payload->rd_ptr(), payload->length());
         }
-        setArgsFromXMLDoc(doc);
-        if (doc != nullptr)
-            xmlFreeDoc(doc);
     }
     return update_header();
 }

@@ -20,6 +20,10 @@
 #include <new>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace Tarnwick {
 
 // Name to the parameters of that name: the first in document order and how
@@ -38,6 +42,39 @@ namespace {
 // reports go through the error handlers below rather than the parser's
 // printing callbacks. Entity substitution and DTD loading stay off.
 const int PARSE_OPTIONS = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+// The position of the first byte from `i` on that element text can't take
+// as it is: a control character, a byte of a multi-byte character, or one
+// of < > & ". `length` if there is none. Sixteen bytes at a time where the
+// processor has SSE2 (every x86-64 does).
+size_t skipPlainText(const char* text, size_t i, size_t length) {
+#if defined(__SSE2__)
+    __m128i const below = _mm_set1_epi8(0x20);
+    __m128i const lt = _mm_set1_epi8('<');
+    __m128i const gt = _mm_set1_epi8('>');
+    __m128i const amp = _mm_set1_epi8('&');
+    __m128i const quote = _mm_set1_epi8('"');
+    while (length - i >= 16) {
+        __m128i const bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
+        // A signed comparison: bytes from 0x80 on are negative, so one test
+        // finds both the controls and the non-ASCII bytes.
+        __m128i const special = _mm_or_si128(
+            _mm_or_si128(_mm_cmplt_epi8(bytes, below), _mm_cmpeq_epi8(bytes, lt)),
+            _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(bytes, gt), _mm_cmpeq_epi8(bytes, amp)),
+                         _mm_cmpeq_epi8(bytes, quote)));
+        int const mask = _mm_movemask_epi8(special);
+        if (mask != 0)
+            return i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+        i += 16;
+    }
+#endif
+    for (; i < length; ++i) {
+        unsigned char const c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c >= 0x80 || c == '<' || c == '>' || c == '&' || c == '"')
+            return i;
+    }
+    return length;
+}
 
 // Appends `text` as element content, escaped as libxml2's text writer
 // escapes it: the five characters below become references, every other
@@ -59,6 +96,9 @@ bool appendEscapedText(const char* text, size_t length, std::string& out) {
     size_t run = 0;
     size_t i = 0;
     while (i < length) {
+        i = skipPlainText(text, i, length);
+        if (i == length)
+            break;
         unsigned char const c = static_cast<unsigned char>(text[i]);
         unsigned char const what = classes.of[c];
         if (what == 0) {
@@ -90,6 +130,62 @@ bool appendEscapedText(const char* text, size_t length, std::string& out) {
                 out.append("&#13;", 5);
                 break;
         }
+        run = ++i;
+    }
+    out.append(text + run, length - run);
+    return true;
+}
+
+// Appends `text` as an attribute value, escaped as libxml2's writer escapes
+// a value of a document with a declared encoding: the three blanks other
+// than the space and the four characters below become references, every
+// other byte stays. False, with `out` in no defined state, when the text is
+// not XML text.
+bool appendEscapedAttribute(const char* text, size_t length, std::string& out) {
+    out.reserve(out.size() + length + 8);
+    size_t run = 0;
+    size_t i = 0;
+    while (i < length) {
+        unsigned char const c = static_cast<unsigned char>(text[i]);
+        const char* reference = nullptr;
+        switch (c) {
+            case '\n':
+                reference = "&#10;";
+                break;
+            case '\r':
+                reference = "&#13;";
+                break;
+            case '\t':
+                reference = "&#9;";
+                break;
+            case '"':
+                reference = "&quot;";
+                break;
+            case '<':
+                reference = "&lt;";
+                break;
+            case '>':
+                reference = "&gt;";
+                break;
+            case '&':
+                reference = "&amp;";
+                break;
+            default:
+                break;
+        }
+        if (reference == nullptr) {
+            if (c >= 0x20 && c < 0x80) {
+                ++i;
+                continue;
+            }
+            size_t const step = xmlTextCharLength(text + i, length - i);
+            if (step == 0)
+                return false;
+            i += step;
+            continue;
+        }
+        out.append(text + run, i - run);
+        out.append(reference);
         run = ++i;
     }
     out.append(text + run, length - run);
@@ -765,6 +861,84 @@ int64_t XMLMemoryWriter::length() {
 }
 
 // ---------------------------------------------------------------------------
+// PayloadWriter
+
+PayloadWriter::PayloadWriter(std::string& out)
+    : m_out(out), m_names(), m_depth(0), m_tagOpen(false), m_indentEnd(false) {}
+
+void PayloadWriter::startDocument() {
+    m_out.append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+}
+
+void PayloadWriter::closeStartTag() {
+    if (m_tagOpen) {
+        m_out.append(">\n", 2);
+        m_tagOpen = false;
+    }
+}
+
+bool PayloadWriter::startElement(const char* name) {
+    if (m_depth == Max_Depth)
+        return false;
+    closeStartTag();
+    m_out.append(static_cast<size_t>(m_depth), ' ');
+    m_out.push_back('<');
+    m_out.append(name);
+    m_names[m_depth++] = name;
+    m_tagOpen = true;
+    return true;
+}
+
+bool PayloadWriter::writeAttribute(const char* name, const char* value, size_t length) {
+    if (!m_tagOpen)
+        return false;
+    size_t const mark = m_out.size();
+    m_out.push_back(' ');
+    m_out.append(name);
+    m_out.append("=\"", 2);
+    if (!appendEscapedAttribute(value, length, m_out)) {
+        m_out.resize(mark);
+        return false;
+    }
+    m_out.push_back('"');
+    return true;
+}
+
+bool PayloadWriter::writeString(const char* text, size_t length) {
+    if (m_depth == 0)
+        return false;
+    size_t const mark = m_out.size();
+    if (m_tagOpen)
+        m_out.push_back('>');
+    if (!appendEscapedText(text, length, m_out)) {
+        m_out.resize(mark);
+        return false;
+    }
+    m_tagOpen = false;
+    m_indentEnd = false;
+    return true;
+}
+
+bool PayloadWriter::endElement() {
+    if (m_depth == 0)
+        return false;
+    --m_depth;
+    if (m_tagOpen) {
+        m_out.append("/>", 2);
+        m_tagOpen = false;
+    } else {
+        if (m_indentEnd)
+            m_out.append(static_cast<size_t>(m_depth), ' ');
+        m_out.append("</", 2);
+        m_out.append(m_names[m_depth]);
+        m_out.push_back('>');
+    }
+    m_out.push_back('\n');
+    m_indentEnd = true;
+    return true;
+}
+
+// ---------------------------------------------------------------------------
 
 xmlChar* convertInput(const char* text, const char* encoding) {
     if (text == nullptr) {
@@ -847,6 +1021,366 @@ xmlDocPtr parsePayload(const char* text, size_t length) {
     }
     ErrorRoute route;
     return xmlReadMemory(text, static_cast<int>(length), nullptr, nullptr, PARSE_OPTIONS);
+}
+
+namespace {
+
+// A parser context of one thread, reused by withParsedPayload: making and
+// freeing a context and its dictionary for every payload costs about a
+// fifth of the parse. Each document it makes shares its dictionary and is
+// freed on this thread before the next parse, so the dictionary is never
+// used by two threads. The dictionary keeps every name it has seen; past
+// MAX_NAMES the context is dropped and the next parse makes a new one, so
+// names from peers can't make it grow without bound.
+class ThreadParser {
+public:
+    static const size_t MAX_NAMES = 1024;
+
+    ~ThreadParser() {
+        if (m_context != nullptr)
+            xmlFreeParserCtxt(m_context);
+    }
+
+    // True when the context is ready for this thread's parse: made on first
+    // use; false while one is in use on this thread or when none can be
+    // made.
+    bool acquire() {
+        if (m_busy)
+            return false;
+        if (m_context == nullptr)
+            m_context = xmlNewParserCtxt();
+        if (m_context != nullptr)
+            m_busy = true;
+        return m_busy;
+    }
+
+    void release() {
+        m_busy = false;
+        if (m_context != nullptr && m_context->dict != nullptr &&
+            static_cast<size_t>(xmlDictSize(m_context->dict)) > MAX_NAMES) {
+            xmlFreeParserCtxt(m_context);
+            m_context = nullptr;
+        }
+    }
+
+    // xmlReadMemory with the thread's context: the same document and the
+    // same reports. Like xmlReadMemory, an empty text is no document and no
+    // error.
+    xmlDocPtr read(const char* text, size_t length) {
+        if (length == 0)
+            return nullptr;
+        return xmlCtxtReadMemory(m_context, text, static_cast<int>(length), nullptr, nullptr,
+                                 PARSE_OPTIONS);
+    }
+
+private:
+    xmlParserCtxtPtr m_context = nullptr;
+    bool m_busy = false;
+};
+
+thread_local ThreadParser threadParser;
+
+}  // namespace
+
+void withParsedPayload(const char* text, size_t length, const std::function<void(xmlDocPtr)>& use) {
+    initParserOnce();
+    if (!threadParser.acquire()) {
+        xmlDocPtr const doc = parsePayload(text, length);
+        use(doc);
+        if (doc != nullptr)
+            xmlFreeDoc(doc);
+        return;
+    }
+    // The steps of parsePayload, with the thread's context for the parse.
+    xmlResetLastError();
+    lastRefusal.clear();
+    xmlDocPtr doc = nullptr;
+    if (text != nullptr && length <= static_cast<size_t>(INT_MAX)) {
+        MarkupBudget budget;
+        budget.feed(text, length);
+        if (budget.refusal() != nullptr) {
+            refuse(budget.refusal());
+        } else {
+            ErrorRoute route;
+            doc = threadParser.read(text, length);
+        }
+    }
+    // Freed before the context is let go, whatever `use` does.
+    struct Release {
+        xmlDocPtr doc;
+        ~Release() {
+            if (doc != nullptr)
+                xmlFreeDoc(doc);
+            threadParser.release();
+        }
+    } const release{doc};
+    use(doc);
+}
+
+namespace {
+
+// Reads a payload in the form that PayloadWriter gives to the parameters of
+// an event, without libxml2: the declaration, a "message" element, its
+// "param" children with one "name" attribute each, holding text or "param"
+// children that hold text, and blanks between elements. Anything else, even
+// what is well-formed XML (a comment, a character reference other than the
+// five the writers make, a raw carriage return, text out of place, markup
+// nested deeper), makes it give up, and the payload goes to libxml2. Within
+// that form it answers what forEachParameter answers over libxml2's document
+// of the same text, having checked every character as libxml2 checks it.
+class PlainPayloadReader {
+public:
+    static const size_t MAX_LENGTH = 1 << 20;
+
+    struct Parameter {
+        size_t nameStart, nameLength;    // in m_names
+        size_t valueStart, valueLength;  // in m_values
+        bool hasValue;
+    };
+
+    // True when the whole payload is in the form; then parameters() and
+    // name() / value() tell what it holds.
+    bool read(const char* text, size_t length) {
+        m_parameters.clear();
+        m_names.clear();
+        m_values.clear();
+        m_position = text;
+        // One zero byte may end the text, as it ends every payload.
+        m_end = text + length;
+        if (length > 0 && m_end[-1] == '\0')
+            --m_end;
+        if (!literal("<?xml version=\"1.0\" encoding=\"UTF-8\"?>") || !blanks() ||
+            !literal("<message"))
+            return false;
+        if (literal("/>"))
+            return blanks() && m_position == m_end;
+        if (!literal(">"))
+            return false;
+        for (;;) {
+            if (!blanks())
+                return false;
+            if (literal("</message>"))
+                return blanks() && m_position == m_end;
+            if (!topParameter())
+                return false;
+        }
+    }
+
+    const std::vector<Parameter>& parameters() const { return m_parameters; }
+    const char* name(const Parameter& p) const { return m_names.data() + p.nameStart; }
+    const char* value(const Parameter& p) const { return m_values.data() + p.valueStart; }
+
+private:
+    bool literal(const char* word) {
+        size_t const n = std::strlen(word);
+        if (static_cast<size_t>(m_end - m_position) < n || std::memcmp(m_position, word, n) != 0)
+            return false;
+        m_position += n;
+        return true;
+    }
+
+    // Blanks between elements. False when the text there is anything else.
+    bool blanks() {
+        while (m_position < m_end &&
+               (*m_position == ' ' || *m_position == '\n' || *m_position == '\t'))
+            ++m_position;
+        return m_position == m_end || *m_position == '<';
+    }
+
+    // `<param name="NAME"`, the name appended to m_names with a zero byte.
+    bool paramStart(size_t& start, size_t& length) {
+        if (!literal("<param name=\""))
+            return false;
+        start = m_names.size();
+        const char* const from = m_position;
+        while (m_position < m_end && *m_position != '"') {
+            unsigned char const c = static_cast<unsigned char>(*m_position);
+            // Markup, references and blanks other than the space (which an
+            // attribute value turns into spaces) are left to libxml2.
+            if (c == '<' || c == '&' || c < 0x20)
+                return false;
+            if (c < 0x80) {
+                ++m_position;
+                continue;
+            }
+            size_t const step = xmlTextCharLength(m_position, m_end - m_position);
+            if (step == 0)
+                return false;
+            m_position += step;
+        }
+        if (m_position == m_end)
+            return false;
+        length = m_position - from;
+        m_names.append(from, length);
+        m_names.push_back('\0');
+        ++m_position;
+        return true;
+    }
+
+    // Character data up to the next '<', decoded and appended to m_values.
+    bool characters() {
+        while (m_position < m_end) {
+            const char* const run = m_position;
+            size_t const stop = skipPlainText(m_position, 0, m_end - m_position);
+            m_position += stop;
+            m_values.append(run, stop);
+            if (m_position == m_end)
+                return false;
+            unsigned char const c = static_cast<unsigned char>(*m_position);
+            if (c == '<')
+                return true;
+            if (c == '&') {
+                if (!reference())
+                    return false;
+                continue;
+            }
+            // '>' could end "]]>", '"' is plain text, a carriage return is
+            // normalised by the parser: only the last two are simple.
+            if (c == '"' || c == '\t' || c == '\n') {
+                m_values.push_back(static_cast<char>(c));
+                ++m_position;
+                continue;
+            }
+            if (c < 0x80)
+                return false;
+            size_t const step = xmlTextCharLength(m_position, m_end - m_position);
+            if (step == 0)
+                return false;
+            m_values.append(m_position, step);
+            m_position += step;
+        }
+        return false;
+    }
+
+    bool reference() {
+        static const struct {
+            const char* text;
+            char value;
+        } known[] = {
+            {"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}, {"&quot;", '"'}, {"&#13;", '\r'}};
+        for (const auto& k : known) {
+            if (literal(k.text)) {
+                m_values.push_back(k.value);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // The rest of a parameter after its name: "/>", or ">" text "</param>".
+    // `nested` allows "param" children (a group) before the end tag.
+    bool parameterBody(bool nested, Parameter& p) {
+        p.valueStart = m_values.size();
+        p.valueLength = 0;
+        p.hasValue = false;
+        if (literal("/>"))
+            return finishValue(p);
+        if (!literal(">") || !characters())
+            return false;
+        // The text before the first child element, or the whole text.
+        p.valueLength = m_values.size() - p.valueStart;
+        p.hasValue = p.valueLength > 0;
+        if (literal("</param>"))
+            return finishValue(p);
+        if (!nested)
+            return false;
+        size_t const kept = m_values.size();
+        while (!literal("</param>")) {
+            Parameter inner;
+            if (!paramStart(inner.nameStart, inner.nameLength) || !parameterBody(false, inner))
+                return false;
+            // The children are checked, not kept: only top-level parameters
+            // count.
+            m_names.resize(inner.nameStart);
+            m_values.resize(kept);
+            if (!characters())
+                return false;
+            m_values.resize(kept);
+        }
+        return finishValue(p);
+    }
+
+    bool finishValue(Parameter& p) {
+        m_values.resize(p.valueStart + p.valueLength);
+        m_values.push_back('\0');
+        return true;
+    }
+
+    bool topParameter() {
+        Parameter p;
+        if (!paramStart(p.nameStart, p.nameLength) || !parameterBody(true, p))
+            return false;
+        m_parameters.push_back(p);
+        return true;
+    }
+
+    const char* m_position = nullptr;
+    const char* m_end = nullptr;
+    std::vector<Parameter> m_parameters;
+    std::string m_names;
+    std::string m_values;
+};
+
+// The reader of each thread, kept for the capacity of its buffers; one
+// visit that reads another payload reads it with a reader of its own.
+thread_local PlainPayloadReader plainReader;
+thread_local bool plainReaderBusy = false;
+
+}  // namespace
+
+bool readsWithoutParser(const char* text, size_t length) {
+    try {
+        PlainPayloadReader reader;
+        return text != nullptr && length <= PlainPayloadReader::MAX_LENGTH &&
+               reader.read(text, length);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool readPayloadParameters(
+    const char* text, size_t length,
+    const std::function<void(const std::string& name, const char* value)>& visit) {
+    PlainPayloadReader nested;
+    PlainPayloadReader& reader = plainReaderBusy ? nested : plainReader;
+    bool plain = false;
+    // Large texts are left to libxml2, whose limits on the length of a text
+    // node or an attribute value then apply as before.
+    if (text != nullptr && length <= PlainPayloadReader::MAX_LENGTH) {
+        try {
+            plain = reader.read(text, length);
+        } catch (const std::bad_alloc&) {
+            plain = false;
+        }
+    }
+    if (plain) {
+        struct Busy {
+            bool was = plainReaderBusy;
+            Busy() { plainReaderBusy = true; }
+            ~Busy() { plainReaderBusy = was; }
+        } const busy;
+        initParserOnce();
+        // As a parse would: the last error and refusal are this payload's.
+        xmlResetLastError();
+        lastRefusal.clear();
+        std::string name;
+        for (const PlainPayloadReader::Parameter& p : reader.parameters()) {
+            name.assign(reader.name(p), p.nameLength);
+            visit(name, p.hasValue ? reader.value(p) : nullptr);
+        }
+        return true;
+    }
+    bool parsed = false;
+    withParsedPayload(text, length, [&visit, &parsed](xmlDocPtr doc) {
+        parsed = doc != nullptr;
+        forEachParameter(doc, [&visit](const std::string& name, xmlNodePtr param) {
+            xmlNodePtr const first = param->children;
+            visit(name, first != nullptr && first->content != nullptr
+                            ? reinterpret_cast<const char*>(first->content)
+                            : nullptr);
+        });
+    });
+    return parsed;
 }
 
 xmlDocPtr parsePayloadFile(const char* path) {

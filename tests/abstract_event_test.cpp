@@ -1,12 +1,15 @@
 #include <tarnwick/abstract_event.h>
 #include <tarnwick/event_factory.h>
 #include <tarnwick/message_block.h>
+#include <tarnwick/utf8.h>
+#include <tarnwick/xml.h>
 
 #include <gtest/gtest.h>
 #include <libxml/xmlmemory.h>
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +17,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -973,6 +977,210 @@ namespace {
 const char* const MALFORMED = "<message><param name=\"a\">1</param>";
 const char* const MALFORMED_DEBUG =
     "%D DEBUG (%t): libxml2: Premature end of data in tag message line 1";
+// ---------------------------------------------------------------------------
+// The payload text is written without libxml2's writer and read without its
+// parser where it can be: the bytes and the arguments are those of before.
+
+// The payload as libxml2's writer wrote it: an indenting memory writer, the
+// flat arguments, then the groups, and the final zero byte.
+std::string libxml2Payload(
+    const std::map<std::string, std::string>& args,
+    const std::map<std::string, std::map<std::string, std::string>>& groups) {
+    auto nameOk = [](const std::string& name) { return isXMLText(name.c_str(), name.size()); };
+    XMLMemoryWriter writer;
+    EXPECT_EQ(writer.open(XMLWriter::Indentation), 0);
+    writer.startElement(nullptr, nullptr, "message");
+    for (const auto& arg : args) {
+        if (!nameOk(arg.first))
+            continue;
+        writer.startElement(nullptr, nullptr, "param");
+        writer.writeAttribute("name", arg.first.c_str());
+        writer.writeString(arg.second.c_str());
+        writer.endElement();
+    }
+    for (const auto& group : groups) {
+        if (!nameOk(group.first))
+            continue;
+        writer.startElement(nullptr, nullptr, "param");
+        writer.writeAttribute("name", group.first.c_str());
+        for (const auto& arg : group.second) {
+            if (!nameOk(arg.first))
+                continue;
+            writer.startElement(nullptr, nullptr, "param");
+            writer.writeAttribute("name", arg.first.c_str());
+            writer.writeString(arg.second.c_str());
+            writer.endElement();
+        }
+        writer.endElement();
+    }
+    writer.endElement();
+    return std::string(writer.content(), static_cast<size_t>(writer.length())) +
+           std::string(1, '\0');
+}
+
+// The arguments as libxml2's parse of a payload gave them: the first
+// parameter of each name, when its first child holds text.
+std::map<std::string, std::string> libxml2Arguments(const std::string& payload, bool& parsed) {
+    std::map<std::string, std::string> args;
+    xmlDocPtr doc = parsePayload(payload.data(), payload.size());
+    parsed = doc != nullptr;
+    std::vector<std::string> seen;
+    forEachParameter(doc, [&](const std::string& name, xmlNodePtr param) {
+        if (std::find(seen.begin(), seen.end(), name) != seen.end())
+            return;
+        seen.push_back(name);
+        if (param->children != nullptr && param->children->content != nullptr)
+            args.emplace(name, reinterpret_cast<const char*>(param->children->content));
+    });
+    if (doc != nullptr)
+        xmlFreeDoc(doc);
+    return args;
+}
+
+std::vector<std::string> tricky() {
+    std::vector<std::string> texts = {"",
+                                      "plain",
+                                      " spaced ",
+                                      "\t\n\r",
+                                      "a\r\nb",
+                                      "<&>\"'",
+                                      "&amp; &lt;",
+                                      "]]>",
+                                      "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80",
+                                      "\xef\xbf\xbe",
+                                      "broken \xc3",
+                                      "\xff",
+                                      "bell \x07",
+                                      std::string(1500, 'x') + "<" + std::string(500, 'y')};
+    for (int c = 1; c < 0x80; ++c)
+        texts.push_back("v" + std::string(1, static_cast<char>(c)) + "w");
+    return texts;
+}
+
+TEST(AbstractEventPayload, BytesAreThoseOfLibxml2sWriter) {
+    std::vector<std::string> const texts = tricky();
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::string& text = texts[i];
+        std::map<std::string, std::string> args = {
+            {"value", text}, {text, "named"}, {"empty", ""}, {"z" + text, text}};
+        std::map<std::string, std::map<std::string, std::string>> groups = {
+            {"group", {{"a", text}, {text, "b"}, {"c", ""}}}, {"empty group", {}}};
+        GetVersionEvent event;
+        for (const auto& arg : args)
+            event.setArg(arg.first.c_str(), arg.second);
+        for (const auto& group : groups)
+            event.setArg(group.first.c_str(), group.second);
+        std::string const expected = libxml2Payload(args, groups);
+        std::string xml;
+        ASSERT_EQ(event.getXMLString(xml), 0);
+        EXPECT_EQ(xml + std::string(1, '\0'), expected) << text;
+        EXPECT_EQ(payloadOf(event), expected) << text;
+        EXPECT_EQ(event.getSize(), expected.size());
+    }
+}
+
+TEST(AbstractEventPayload, ErrorReplyBytesAreThoseOfLibxml2sWriter) {
+    for (const std::string& text : tricky()) {
+        GetVersionEvent event;
+        LogCapture capture;
+        ASSERT_EQ(event.error(text.c_str(), 7), 1);
+        std::string const expected =
+            libxml2Payload({{"errormsg", text.c_str()}, {"errornr", "7"}}, {});
+        ACE_Message_Block* block = event.data(false);
+        ASSERT_NE(block, nullptr);
+        ASSERT_NE(block->cont(), nullptr);
+        EXPECT_EQ(std::string(block->cont()->rd_ptr(), block->cont()->length()), expected);
+    }
+}
+
+TEST(AbstractEventPayload, ReceivedArgumentsAreThoseOfLibxml2sParse) {
+    std::vector<std::string> payloads;
+    for (const std::string& text : tricky()) {
+        payloads.push_back(libxml2Payload({{"value", text}, {text, "named"}, {"e", ""}},
+                                          {{"group", {{"a", text}}}}));
+        payloads.push_back(messageXML({{"a", text}, {"a", "second"}, {"b", text}}) +
+                           std::string(1, '\0'));
+    }
+    std::string const d = DECLARATION;
+    payloads.push_back(d +
+                       "<message>\n <param name=\"a\"></param>\n <param name=\"a\">2</param>\n"
+                       " <param name=\"b\"><!--c--></param>\n</message>\n");
+    payloads.push_back(d + "<message>\n <param name=\"a\">1&#10;2</param>\n</message>\n");
+    payloads.push_back(d + "<message>\n <param name=\"a\">1</param>\n</message>\n" +
+                       std::string(2, '\0'));
+    for (const std::string& payload : payloads) {
+        bool parsed = false;
+        std::vector<std::string> expectedLog;
+        std::map<std::string, std::string> expected;
+        {
+            LogCapture capture;
+            expected = libxml2Arguments(payload, parsed);
+            expectedLog = capture.lines();
+        }
+        LogCapture capture;
+        EventPtr event = receivedText(payload);
+        ASSERT_NE(event.event, nullptr);
+        EXPECT_EQ(event->getArgMap(), expected) << payload;
+        EXPECT_EQ(capture.lines(), expectedLog) << payload;
+        // And the same through setXMLString.
+        GetVersionEvent other;
+        EXPECT_EQ(other.setXMLString(payload), parsed ? 0 : -1) << payload;
+        EXPECT_EQ(other.getArgMap(), expected) << payload;
+    }
+}
+
+TEST(AbstractEventPayload, SetXMLStringKeepsArgumentsAlreadySet) {
+    GetVersionEvent event;
+    event.setArg("a", "mine");
+    ASSERT_EQ(event.setXMLString(messageXML({{"a", "theirs"}, {"b", "2"}})), 0);
+    EXPECT_EQ(event.getArgMap(), (std::map<std::string, std::string>{{"a", "mine"}, {"b", "2"}}));
+    EXPECT_EQ(event.setXMLString("<message><param"), -1);
+    EXPECT_EQ(event.setXMLString(""), -1);
+}
+
+// Events received and read on one thread (their parsed documents kept for
+// getArg) are destroyed on another, while the first goes on receiving.
+TEST(AbstractEventPayload, EventsParsedOnOneThreadAreFreedOnAnother) {
+    std::string const payload = messageXML({{"a", "1"}, {"b", "two"}}) + std::string(1, '\0');
+    std::string const odd = std::string(DECLARATION) +
+                            "<message><!--x--><param name=\"a\">1</param></message>" +
+                            std::string(1, '\0');
+    std::vector<Abstract_Event*> events;
+    std::mutex lock;
+    std::thread receiver([&] {
+        for (int i = 0; i < 300; ++i) {
+            EventPtr event = receivedText(i % 2 == 0 ? payload : odd);
+            char value[8] = "";
+            EXPECT_EQ(event->getArg("a", value, sizeof value), 0);
+            EXPECT_STREQ(value, "1");
+            std::lock_guard<std::mutex> guard(lock);
+            events.push_back(event.event);
+            event.event = nullptr;
+        }
+    });
+    std::thread destroyer([&] {
+        size_t done = 0;
+        while (done < 300) {
+            Abstract_Event* event = nullptr;
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                if (done < events.size())
+                    event = events[done];
+            }
+            if (event == nullptr) {
+                std::this_thread::yield();
+                continue;
+            }
+            std::string value;
+            EXPECT_EQ(event->getArg("a", value), 0);
+            event->destroy();
+            ++done;
+        }
+    });
+    receiver.join();
+    destroyer.join();
+}
+
 }  // namespace
 
 TEST(AbstractEvent, MalformedPayloadGoesToTheLogAtDebugLevelAndNotToStandardError) {

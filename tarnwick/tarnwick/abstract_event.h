@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 struct _xmlDoc;
 
@@ -17,7 +18,6 @@ class EventHandler;
 class Message_Block;
 class Message_Header;
 class XMLDocument;
-class XMLMemoryWriter;
 
 // The event type numbers carried in the header's type word.
 enum EventType {
@@ -183,8 +183,15 @@ private:
     int update_header();
     int write_xml();
     int64_t writeHandle(ACE_HANDLE handle);
-    int writeXMLFromArgMap(XMLMemoryWriter& writer) const;
+    // Appends the formatted payload text of the arguments to `out`. 0, or -1
+    // without memory.
+    int writeXMLFromArgMap(std::string& out) const;
     int setArgsFromXMLDoc(_xmlDoc* doc);
+    // Fills the flat arguments from a formatted payload in memory; 0, or -1
+    // when the text is no document.
+    int setArgsFromPayload(const char* text, size_t length);
+    void addPayloadArgument(const std::string& name, const char* value,
+                            std::vector<std::string>& unset);
     // Brings the block up to date with the arguments; clears m_dirty.
     int refresh();
     // Parses the payload into m_document on first use. 0 or -1.

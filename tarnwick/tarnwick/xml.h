@@ -127,6 +127,46 @@ private:
     xmlBufferPtr buffer;
 };
 
+// Writes a UTF-8 document with indentation straight into a string: the
+// bytes are those that XMLMemoryWriter, opened with Indentation and the
+// default encoding, gives for the same calls up to the end of the root
+// element (declaration, one blank per level, one line per element, text
+// and attribute values escaped as libxml2 escapes them). It keeps no
+// libxml2 state, so a payload costs no writer, buffer or encoder of its own.
+// Element names are the caller's constants and are not checked; at most
+// Max_Depth elements may be open at once.
+class PayloadWriter {
+public:
+    enum { Max_Depth = 16 };
+
+    // Appends to `out`, which the caller owns and may reuse.
+    explicit PayloadWriter(std::string& out);
+    PayloadWriter(const PayloadWriter&) = delete;
+    PayloadWriter& operator=(const PayloadWriter&) = delete;
+
+    // The declaration: <?xml version="1.0" encoding="UTF-8"?> and a line end.
+    void startDocument();
+    // False when Max_Depth elements are open; nothing is written then.
+    bool startElement(const char* name);
+    // An attribute of the element just started. False, with nothing
+    // written, when no start tag is open or the value is not XML text.
+    bool writeAttribute(const char* name, const char* value, size_t length);
+    // Escaped element text. False, with nothing written, when no element is
+    // open or the text is not XML text.
+    bool writeString(const char* text, size_t length);
+    // False when no element is open.
+    bool endElement();
+
+private:
+    void closeStartTag();
+
+    std::string& m_out;
+    const char* m_names[Max_Depth];
+    int m_depth;
+    bool m_tagOpen;    // the innermost element's start tag still lacks its '>'
+    bool m_indentEnd;  // an end tag here goes on a line of its own
+};
+
 // Converts narrow text from `encoding` for the writer. Returns a new string
 // freed with xmlFree, or null for null input, an unknown encoding, text that
 // doesn't convert completely, or a result that isn't XML text.
@@ -146,6 +186,29 @@ private:
 // parser time that grows with its square, and no event payload has it.
 [[nodiscard]] xmlDocPtr parsePayload(const char* text, size_t length);
 [[nodiscard]] xmlDocPtr parsePayloadFile(const char* path);
+
+// Parses a payload held in memory as parsePayload does (same checks, same
+// log lines, same document), calls `use` with the document (null when there
+// is none) and frees it before returning. Since the document never outlives
+// the call, the parse reuses a parser context that belongs to the calling
+// thread, with its dictionary: its documents never reach another thread.
+// A call made from inside `use` parses with a context of its own.
+void withParsedPayload(const char* text, size_t length, const std::function<void(xmlDocPtr)>& use);
+
+// Reads the parameters of a payload held in memory: for each "param"
+// element that forEachParameter finds in the document that parsePayload
+// makes of the text, in document order, `visit` gets its name and the text
+// of its first child, or null when it has no child or the child holds no
+// text. The results and log lines are those of that parse; a payload in the
+// form that PayloadWriter gives is read without building a document, and
+// any other goes through withParsedPayload. Returns false, having visited
+// nothing, when the text is no document.
+bool readPayloadParameters(
+    const char* text, size_t length,
+    const std::function<void(const std::string& name, const char* value)>& visit);
+
+// True when readPayloadParameters reads `text` without libxml2.
+[[nodiscard]] bool readsWithoutParser(const char* text, size_t length);
 
 // Calls `visit` for each "param" element that is a child of a "message"
 // element (both in no namespace) and has a "name" attribute in no namespace

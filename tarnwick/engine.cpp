@@ -17,7 +17,6 @@
 #include <ace/OS_NS_sys_time.h>
 #include <ace/OS_NS_unistd.h>
 #include <ace/Reactor_Token_T.h>
-#include <ace/Select_Reactor_T.h>
 #include <ace/Singleton.h>
 #include <ace/Thread_Manager.h>
 #include <ace/Token.h>
@@ -110,12 +109,6 @@ private:
 // reactor lowers it to its room, and the process may well hold descriptors
 // beyond the room (files, pipes) that no reactor sees. A hard limit below
 // the room fails as it always has, with EMFILE.
-// The reactor for the default room: select() based, as it has always been;
-// the epoll reactor is made for a raised room, where a select reactor can't
-// go (handles at or above 1024) and where its per-pass cost, which grows
-// with the highest handle, matters.
-typedef ACE_Select_Reactor_T<ACE_Reactor_Token_T<ACE_Token>> Select_Engine_Reactor;
-
 bool isEpollReactor(ACE_Reactor* reactor) {
     return reactor != nullptr &&
            dynamic_cast<ACE_Dev_Poll_Reactor*>(reactor->implementation()) != nullptr;
@@ -127,12 +120,6 @@ ACE_Reactor_Impl* makeReactor(size_t handles) {
     if (known && before.rlim_max != RLIM_INFINITY && before.rlim_max < handles) {
         errno = EMFILE;
         return nullptr;
-    }
-    if (handles <= Engine::Default_Reactor_Handles) {
-        ACE_Reactor_Impl* const select = new (std::nothrow) Select_Engine_Reactor(handles);
-        if (select == nullptr)
-            errno = ENOMEM;
-        return select;
     }
     Engine_Reactor* const reactor = new (std::nothrow) Engine_Reactor(handles);
     if (reactor == nullptr) {

@@ -55,9 +55,9 @@ public:
     // connections"). Default_Reactor_Handles unless set before open(); open()
     // raises the process's soft descriptor limit to it as far as the hard
     // limit lets, and fails (after its tries) when the hard limit is lower.
-    // With the default room the reactor is select based; with a raised room
-    // it is epoll based, so that a pass costs the same whatever the number of
-    // idle connections, and a server for thousands of peers raises this.
+    // The reactor is epoll based, so that a pass costs the same whatever the
+    // number of idle connections; a server for thousands of peers raises
+    // the room.
     static constexpr size_t Default_Reactor_Handles = 1010;
     static size_t Reactor_Handles;
 

@@ -6,15 +6,254 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ace/Malloc_Allocator.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#define TW_POISON(address, size) ASAN_POISON_MEMORY_REGION(address, size)
+#define TW_UNPOISON(address, size) ASAN_UNPOISON_MEMORY_REGION(address, size)
+#else
+#define TW_POISON(address, size) ((void)(address), (void)(size))
+#define TW_UNPOISON(address, size) ((void)(address), (void)(size))
+#endif
+
 namespace Tarnwick {
 
 namespace {
+
+// The kinds of pieces kept on free lists: one list of each per thread.
+enum Piece_Kind { MESSAGE_BLOCKS, DATA_BLOCKS, PAYLOAD_BLOCKS, PAYLOAD_DATA_BLOCKS, PIECE_KINDS };
+
+// Pieces kept per thread and kind; more freed pieces go back to the heap.
+const size_t PIECES_KEPT = 256;
+
+struct Free_Piece {
+    Free_Piece* next;
+};
+
+// The free lists of one thread. Plain data, so that it stays usable while
+// the thread's other objects are destroyed at its end.
+struct Free_Lists {
+    Free_Piece* head[PIECE_KINDS];
+    size_t count[PIECE_KINDS];
+    bool closed;  // the thread is ending: frees go to the heap
+};
+
+thread_local Free_Lists free_lists;
+
+size_t pieceSize(Piece_Kind kind) {
+    switch (kind) {
+        case MESSAGE_BLOCKS:
+            return sizeof(Message_Block);
+        case DATA_BLOCKS:
+            return sizeof(Data_Block);
+        case PAYLOAD_BLOCKS:
+            return sizeof(ACE_Message_Block);
+        default:
+            return sizeof(ACE_Data_Block);
+    }
+}
+
+// Gives a thread's kept pieces back to the heap when the thread ends.
+struct Free_Lists_Drain {
+    Free_Lists_Drain() = default;
+    Free_Lists_Drain(const Free_Lists_Drain&) = delete;
+    Free_Lists_Drain& operator=(const Free_Lists_Drain&) = delete;
+    ~Free_Lists_Drain() {
+        free_lists.closed = true;
+        for (int kind = 0; kind < PIECE_KINDS; ++kind) {
+            while (Free_Piece* piece = free_lists.head[kind]) {
+                TW_UNPOISON(piece, pieceSize(static_cast<Piece_Kind>(kind)));
+                free_lists.head[kind] = piece->next;
+                std::free(piece);
+            }
+            free_lists.count[kind] = 0;
+        }
+    }
+};
+
+thread_local Free_Lists_Drain free_lists_drain;
+
+// A piece of `size` bytes: one freed before on this thread, or a new one.
+void* takePiece(Piece_Kind kind, size_t size) {
+    (void)&free_lists_drain;  // made with the first piece of the thread
+    Free_Piece* const piece = free_lists.head[kind];
+    if (piece == nullptr)
+        return std::malloc(size);
+    TW_UNPOISON(piece, size);
+    free_lists.head[kind] = piece->next;
+    --free_lists.count[kind];
+    return piece;
+}
+
+// Keeps `memory` (a piece of `size` bytes) for the next takePiece() of this
+// thread, or frees it.
+void givePiece(Piece_Kind kind, size_t size, void* memory) {
+    if (memory == nullptr)
+        return;
+    if (free_lists.closed || free_lists.count[kind] >= PIECES_KEPT) {
+        std::free(memory);
+        return;
+    }
+    (void)&free_lists_drain;
+    auto* const piece = static_cast<Free_Piece*>(memory);
+    piece->next = free_lists.head[kind];
+    free_lists.head[kind] = piece;
+    ++free_lists.count[kind];
+    TW_POISON(piece, size);
+}
+
+// An ACE allocator of pieces of one size from the free lists, for the data
+// blocks and payload blocks of messages (ACE allocates and frees them
+// through it). Larger requests fail.
+class Piece_Allocator : public ACE_New_Allocator {
+public:
+    Piece_Allocator(Piece_Kind kind, size_t size) : m_kind(kind), m_size(size) {}
+
+    void* malloc(size_t nbytes) override {
+        if (nbytes > m_size) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        void* const memory = takePiece(m_kind, m_size);
+        if (memory == nullptr)
+            errno = ENOMEM;
+        return memory;
+    }
+    void* calloc(size_t nbytes, char initial_value) override {
+        void* const memory = malloc(nbytes);
+        if (memory != nullptr)
+            std::memset(memory, initial_value, nbytes);
+        return memory;
+    }
+    void* calloc(size_t n_elem, size_t elem_size, char initial_value) override {
+        if (elem_size != 0 && n_elem > m_size / elem_size) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        return calloc(n_elem * elem_size, initial_value);
+    }
+    void free(void* ptr) override { givePiece(m_kind, m_size, ptr); }
+
+private:
+    Piece_Kind m_kind;
+    size_t m_size;
+};
+
+// The allocators live as long as the process (never destroyed: blocks may
+// be released by other static objects' destructors).
+Piece_Allocator* dataBlockAllocator() {
+    static Piece_Allocator* const allocator = new Piece_Allocator(DATA_BLOCKS, sizeof(Data_Block));
+    return allocator;
+}
+
+Piece_Allocator* payloadDataAllocator() {
+    static Piece_Allocator* const allocator =
+        new Piece_Allocator(PAYLOAD_DATA_BLOCKS, sizeof(ACE_Data_Block));
+    return allocator;
+}
+
+// The data block of an in-memory payload: a plain buffer whose reference
+// count, like a Data_Block's, is changed atomically (not under the locking
+// strategy, which it carries all the same).
+class Payload_Data : public ACE_Data_Block {
+public:
+    Payload_Data(size_t size, ACE_Lock* lock)
+        : ACE_Data_Block(size, ACE_Message_Block::MB_DATA, nullptr, nullptr, lock, 0,
+                         payloadDataAllocator()) {}
+
+    void addReference() { __atomic_add_fetch(&reference_count_, 1, __ATOMIC_RELAXED); }
+    bool dropReference() { return __atomic_sub_fetch(&reference_count_, 1, __ATOMIC_ACQ_REL) == 0; }
+    // Ends a data block, as ACE does, through its allocator.
+    static void destroy(ACE_Data_Block* data) {
+        ACE_Allocator* const allocator = data->data_block_allocator();
+        data->~ACE_Data_Block();
+        allocator->free(data);
+    }
+};
+
+// The continuation of a Message_Block that holds its payload in memory:
+// duplicates share the buffer with read positions of their own, and come
+// from and go back to the free lists without a lock.
+class Payload_Block : public ACE_Message_Block {
+public:
+    explicit Payload_Block(ACE_Data_Block* data) : ACE_Message_Block(data, 0, nullptr) {}
+    Payload_Block(const Payload_Block&) = delete;
+    Payload_Block& operator=(const Payload_Block&) = delete;
+    ~Payload_Block() override { dropData(); }
+
+    // A new block with `size` bytes of room; null without memory.
+    static Payload_Block* create(size_t size, ACE_Lock* lock) {
+        void* const memory = payloadDataAllocator()->malloc(sizeof(Payload_Data));
+        if (memory == nullptr)
+            return nullptr;
+        auto* const data = new (memory) Payload_Data(size, lock);
+        auto* const block = new (std::nothrow) Payload_Block(data);
+        if (block == nullptr) {
+            Payload_Data::destroy(data);
+            return nullptr;
+        }
+        return block;
+    }
+
+    ACE_Message_Block* duplicate() const override {
+        auto* const data = static_cast<Payload_Data*>(data_block_);
+        if (data == nullptr)
+            return nullptr;
+        data->addReference();
+        auto* const copy = new (std::nothrow) Payload_Block(data);
+        if (copy == nullptr) {
+            // Never the last reference: this block holds one.
+            (void)data->dropReference();
+            return nullptr;
+        }
+        copy->rd_ptr_ = rd_ptr_;
+        copy->wr_ptr_ = wr_ptr_;
+        copy->priority_ = priority_;
+        return copy;
+    }
+
+    ACE_Message_Block* release() override {
+        if (cont_ != nullptr) {
+            ACE_Message_Block* const next = cont_;
+            cont_ = nullptr;
+            next->release();
+        }
+        delete this;
+        return nullptr;
+    }
+
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept {
+        if (size != sizeof(Payload_Block))
+            return ::operator new(size, std::nothrow);
+        return takePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block));
+    }
+    static void operator delete(void* memory, size_t size) noexcept {
+        if (size != sizeof(Payload_Block)) {
+            ::operator delete(memory);
+            return;
+        }
+        givePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block), memory);
+    }
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept {
+        givePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block), memory);
+    }
+
+private:
+    void dropData() {
+        auto* const data = static_cast<Payload_Data*>(data_block_);
+        data_block_ = nullptr;
+        if (data != nullptr && data->dropReference())
+            Payload_Data::destroy(data);
+    }
+};
 
 // Gives the event cache's quota back for the part of a charged write that
 // did not reach the spill file; errno stays as the failed write left it.
@@ -63,9 +302,13 @@ int writeAll(ACE_HANDLE fd, const char* data, size_t length, size_t& done) {
 
 }  // namespace
 
+// The header lies in the data block's own m_header (the base gets its
+// address before the member exists; it is written in the body), which ACE
+// must not free: DONT_DELETE.
 Data_Block::Data_Block()
-    : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, nullptr, nullptr,
-                     Message_Block::LockingStrategy(), 0, ACE_Allocator::instance()),
+    : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, m_header, nullptr,
+                     Message_Block::LockingStrategy(), ACE_Message_Block::DONT_DELETE,
+                     dataBlockAllocator()),
       m_handle(ACE_INVALID_HANDLE),
       m_writable(false),
       m_size(0),
@@ -124,6 +367,12 @@ void Data_Block::setFileName(const char* name) {
 }
 
 int Data_Block::reset() {
+    // Without a file nobody opens a descriptor (get_handle() needs a name),
+    // so one that is not there now won't come: no lock to take.
+    if (m_fileName.empty() && m_handle == ACE_INVALID_HANDLE) {
+        m_size.store(0);
+        return 0;
+    }
     set_handle(ACE_INVALID_HANDLE);
     m_size.store(0);
     if (!m_fileName.empty()) {
@@ -141,11 +390,18 @@ int Data_Block::reset() {
 }
 
 Data_Block* Data_Block::create() {
-    ACE_Allocator* allocator = ACE_Allocator::instance();
-    void* memory = allocator->malloc(sizeof(Data_Block));
+    void* memory = dataBlockAllocator()->malloc(sizeof(Data_Block));
     if (memory == nullptr)
         return nullptr;
     return new (memory) Data_Block();
+}
+
+void Data_Block::addReference() {
+    __atomic_add_fetch(&reference_count_, 1, __ATOMIC_RELAXED);
+}
+
+bool Data_Block::dropReference() {
+    return __atomic_sub_fetch(&reference_count_, 1, __ATOMIC_ACQ_REL) == 0;
 }
 
 uint64_t Message_Block::Chunk_Size = 0x20000;
@@ -171,17 +427,90 @@ Message_Block::Message_Block(ACE_Data_Block* shared)
     set_self_flags(MESSAGE_BLOCK_FLAG);
 }
 
-Message_Block::~Message_Block() = default;
+Message_Block::~Message_Block() {
+    // Before ACE's destructor, which would release the data block under the
+    // lock.
+    releaseDataBlock();
+}
+
+void* Message_Block::operator new(size_t size) {
+    void* const memory = operator new(size, std::nothrow);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void* Message_Block::operator new(size_t size, const std::nothrow_t&) noexcept {
+    if (size != sizeof(Message_Block))
+        return ::operator new(size, std::nothrow);
+    return takePiece(MESSAGE_BLOCKS, sizeof(Message_Block));
+}
+
+void Message_Block::operator delete(void* memory, size_t size) noexcept {
+    if (size != sizeof(Message_Block)) {
+        ::operator delete(memory);
+        return;
+    }
+    givePiece(MESSAGE_BLOCKS, sizeof(Message_Block), memory);
+}
+
+void Message_Block::operator delete(void* memory, const std::nothrow_t&) noexcept {
+    givePiece(MESSAGE_BLOCKS, sizeof(Message_Block), memory);
+}
+
+void Message_Block::releaseDataBlock() {
+    ACE_Data_Block* const block = data_block_;
+    data_block_ = nullptr;
+    if (block == nullptr || (self_flags() & DONT_DELETE) != 0)
+        return;
+    if ((block->flags() & Data_Block::DATA_BLOCK_FLAG) == 0) {
+        // Not one of ours (set by hand): ACE's own count, under its lock.
+        block->release();
+        return;
+    }
+    auto* const ours = static_cast<Data_Block*>(block);
+    if (!ours->dropReference())
+        return;
+    // The last reference: as ACE ends a data block, through its allocator.
+    ACE_Allocator* const allocator = ours->data_block_allocator();
+    ours->~Data_Block();
+    allocator->free(ours);
+}
+
+ACE_Message_Block* Message_Block::release() {
+    if (cont_ != nullptr) {
+        ACE_Message_Block* const payload = cont_;
+        cont_ = nullptr;
+        payload->release();
+    }
+    delete this;
+    return nullptr;
+}
 
 ACE_Message_Block* Message_Block::duplicate() const {
-    ACE_Data_Block* shared = data_block() != nullptr ? data_block()->duplicate() : nullptr;
+    ACE_Data_Block* shared = data_block();
     if (shared == nullptr) {
         errno = ENOMEM;
         return nullptr;
     }
+    bool const ours = (shared->flags() & Data_Block::DATA_BLOCK_FLAG) != 0;
+    if (ours) {
+        static_cast<Data_Block*>(shared)->addReference();
+    } else {
+        shared = shared->duplicate();
+        if (shared == nullptr) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+    }
     Message_Block* copy = new (std::nothrow) Message_Block(shared);
     if (copy == nullptr) {
-        shared->release();
+        if (ours) {
+            // Never the last reference: this block holds one.
+            (void)static_cast<Data_Block*>(shared)->dropReference();
+        } else {
+            shared->release();
+        }
         errno = ENOMEM;
         return nullptr;
     }
@@ -298,8 +627,8 @@ int64_t Message_Block::write(const char* data, uint64_t length) {
 
     if (cont_ == nullptr) {
         ACE_Lock* lock = data_block() != nullptr ? data_block()->locking_strategy() : nullptr;
-        ACE_Message_Block* payload =
-            new (std::nothrow) ACE_Message_Block(total, MB_DATA, nullptr, nullptr, nullptr, lock);
+        // The payload block and its data block from the free lists.
+        ACE_Message_Block* payload = Payload_Block::create(static_cast<size_t>(total), lock);
         if (payload == nullptr || payload->base() == nullptr || payload->size() < total) {
             if (payload != nullptr)
                 payload->release();

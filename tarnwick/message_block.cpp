@@ -15,15 +15,6 @@
 #include <mutex>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#define TW_POISON(address, size) ASAN_POISON_MEMORY_REGION(address, size)
-#define TW_UNPOISON(address, size) ASAN_UNPOISON_MEMORY_REGION(address, size)
-#else
-#define TW_POISON(address, size) ((void)(address), (void)(size))
-#define TW_UNPOISON(address, size) ((void)(address), (void)(size))
-#endif
-
 namespace Tarnwick {
 
 namespace {
@@ -32,82 +23,77 @@ namespace {
 enum Piece_Kind { MESSAGE_BLOCKS, DATA_BLOCKS, PAYLOAD_BLOCKS, PAYLOAD_DATA_BLOCKS, PIECE_KINDS };
 
 // Pieces kept per thread and kind; more freed pieces go back to the heap.
+// The AddressSanitizer build keeps none, so that it sees every release of a
+// block and every use after it.
+#if defined(__SANITIZE_ADDRESS__)
+const size_t PIECES_KEPT = 0;
+#else
 const size_t PIECES_KEPT = 256;
+#endif
 
 struct Free_Piece {
     Free_Piece* next;
 };
 
-// The free lists of one thread. Plain data, so that it stays usable while
-// the thread's other objects are destroyed at its end.
+// Set when the thread's free lists are gone (the thread is ending): from
+// then on pieces come from and go back to the heap. Plain data, so that it
+// stays readable while the thread's other objects are destroyed.
+thread_local bool free_lists_closed = false;
+
+// The free lists of one thread; the kept pieces go back to the heap when the
+// thread ends.
 struct Free_Lists {
-    Free_Piece* head[PIECE_KINDS];
-    size_t count[PIECE_KINDS];
-    bool closed;  // the thread is ending: frees go to the heap
-};
+    Free_Piece* head[PIECE_KINDS] = {};
+    size_t count[PIECE_KINDS] = {};
 
-thread_local Free_Lists free_lists;
-
-size_t pieceSize(Piece_Kind kind) {
-    switch (kind) {
-        case MESSAGE_BLOCKS:
-            return sizeof(Message_Block);
-        case DATA_BLOCKS:
-            return sizeof(Data_Block);
-        case PAYLOAD_BLOCKS:
-            return sizeof(ACE_Message_Block);
-        default:
-            return sizeof(ACE_Data_Block);
-    }
-}
-
-// Gives a thread's kept pieces back to the heap when the thread ends.
-struct Free_Lists_Drain {
-    Free_Lists_Drain() = default;
-    Free_Lists_Drain(const Free_Lists_Drain&) = delete;
-    Free_Lists_Drain& operator=(const Free_Lists_Drain&) = delete;
-    ~Free_Lists_Drain() {
-        free_lists.closed = true;
+    Free_Lists() = default;
+    Free_Lists(const Free_Lists&) = delete;
+    Free_Lists& operator=(const Free_Lists&) = delete;
+    ~Free_Lists() {
+        free_lists_closed = true;
         for (int kind = 0; kind < PIECE_KINDS; ++kind) {
-            while (Free_Piece* piece = free_lists.head[kind]) {
-                TW_UNPOISON(piece, pieceSize(static_cast<Piece_Kind>(kind)));
-                free_lists.head[kind] = piece->next;
+            while (Free_Piece* piece = head[kind]) {
+                head[kind] = piece->next;
                 std::free(piece);
             }
-            free_lists.count[kind] = 0;
+            count[kind] = 0;
         }
     }
 };
 
-thread_local Free_Lists_Drain free_lists_drain;
+thread_local Free_Lists free_lists;
 
 // A piece of `size` bytes: one freed before on this thread, or a new one.
 void* takePiece(Piece_Kind kind, size_t size) {
-    (void)&free_lists_drain;  // made with the first piece of the thread
-    Free_Piece* const piece = free_lists.head[kind];
+    if (free_lists_closed)
+        return std::malloc(size);
+    Free_Lists& lists = free_lists;
+    Free_Piece* const piece = lists.head[kind];
     if (piece == nullptr)
         return std::malloc(size);
-    TW_UNPOISON(piece, size);
-    free_lists.head[kind] = piece->next;
-    --free_lists.count[kind];
+    lists.head[kind] = piece->next;
+    --lists.count[kind];
     return piece;
 }
 
-// Keeps `memory` (a piece of `size` bytes) for the next takePiece() of this
-// thread, or frees it.
-void givePiece(Piece_Kind kind, size_t size, void* memory) {
+// Keeps `memory` (a piece taken for `kind`) for the next takePiece() of
+// this thread, or frees it.
+void givePiece(Piece_Kind kind, void* memory) {
     if (memory == nullptr)
         return;
-    if (free_lists.closed || free_lists.count[kind] >= PIECES_KEPT) {
+    if (PIECES_KEPT == 0 || free_lists_closed) {
         std::free(memory);
         return;
     }
-    (void)&free_lists_drain;
+    Free_Lists& lists = free_lists;
+    if (lists.count[kind] >= PIECES_KEPT) {
+        std::free(memory);
+        return;
+    }
     auto* const piece = static_cast<Free_Piece*>(memory);
-    piece->next = free_lists.head[kind];
-    free_lists.head[kind] = piece;
-    ++free_lists.count[kind];
-    TW_POISON(piece, size);
+    piece->next = lists.head[kind];
+    lists.head[kind] = piece;
+    ++lists.count[kind];
 }
 
 // An ACE allocator of pieces of one size from the free lists, for the data
@@ -140,7 +126,7 @@ public:
         }
         return calloc(n_elem * elem_size, initial_value);
     }
-    void free(void* ptr) override { givePiece(m_kind, m_size, ptr); }
+    void free(void* ptr) override { givePiece(m_kind, ptr); }
 
 private:
     Piece_Kind m_kind;
@@ -240,10 +226,10 @@ public:
             ::operator delete(memory);
             return;
         }
-        givePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block), memory);
+        givePiece(PAYLOAD_BLOCKS, memory);
     }
     static void operator delete(void* memory, const std::nothrow_t&) noexcept {
-        givePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block), memory);
+        givePiece(PAYLOAD_BLOCKS, memory);
     }
 
 private:
@@ -451,11 +437,11 @@ void Message_Block::operator delete(void* memory, size_t size) noexcept {
         ::operator delete(memory);
         return;
     }
-    givePiece(MESSAGE_BLOCKS, sizeof(Message_Block), memory);
+    givePiece(MESSAGE_BLOCKS, memory);
 }
 
 void Message_Block::operator delete(void* memory, const std::nothrow_t&) noexcept {
-    givePiece(MESSAGE_BLOCKS, sizeof(Message_Block), memory);
+    givePiece(MESSAGE_BLOCKS, memory);
 }
 
 void Message_Block::releaseDataBlock() {

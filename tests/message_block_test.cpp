@@ -820,8 +820,13 @@ TEST(MessageBlockReuse, ABlockMadeAfterARelease) {
     first->release();
 
     Message_Block* second = new Message_Block();
+#if !defined(__SANITIZE_ADDRESS__)
+    // (The AddressSanitizer build keeps no released blocks.)
     EXPECT_EQ(static_cast<void*>(second), static_cast<void*>(first));
     EXPECT_EQ(second->data_block(), old_data);
+#else
+    (void)old_data;
+#endif
     const Tarnwick::Message_Header* fresh = second->getHeader();
     ASSERT_NE(fresh, nullptr);
     EXPECT_TRUE(fresh->isReadable());
@@ -846,7 +851,11 @@ TEST(MessageBlockReuse, ABlockMadeAfterARelease) {
     // The new payload block holds the new bytes only.
     second->wr_ptr(32);
     ASSERT_EQ(second->write("abc", 3), 3);
+#if !defined(__SANITIZE_ADDRESS__)
     EXPECT_EQ(second->cont(), old_payload_block);
+#else
+    (void)old_payload_block;
+#endif
     EXPECT_EQ(second->getLength(), 3u);
     ACE_Message_Block* piece = nullptr;
     ASSERT_EQ(second->read(piece), 3);

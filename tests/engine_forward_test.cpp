@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -160,9 +162,16 @@ TEST(EngineForward, SmallMessagesCutByAFullSocketArriveWhole) {
         Handler* const connection = onlyConnection(setup.router);
         ASSERT_NE(connection, nullptr);
         ASSERT_EQ(peer.stream().enable(ACE_NONBLOCK), 0);
+        // A small send buffer too, so that the socket fills every few
+        // messages.
+        int const room = 4096;
+        ASSERT_EQ(::setsockopt(connection->get_handle(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room),
+                  0);
 
-        const uint32_t total = 3000;
-        auto const sizeOfSmall = [](uint32_t index) { return static_cast<size_t>(index % 97); };
+        const uint32_t total = 2000;
+        auto const sizeOfSmall = [](uint32_t index) {
+            return static_cast<size_t>((index * 131) % 1500);
+        };
         std::atomic<int> failures(0);
         std::thread sender([&] {
             for (uint32_t i = 0; i < total; ++i) {
@@ -191,7 +200,7 @@ TEST(EngineForward, SmallMessagesCutByAFullSocketArriveWhole) {
         uint32_t received = 0;
         bool broken = false;
         ACE_Time_Value const deadline = now() + ACE_Time_Value(60);
-        char buffer[61];
+        char buffer[509];
         while (received < total && !broken && now() < deadline) {
             engine->run_step();
             ssize_t const count = peer.stream().recv(buffer, sizeof buffer);

@@ -102,6 +102,8 @@ void givePiece(Piece_Kind kind, void* memory) {
 class Piece_Allocator : public ACE_New_Allocator {
 public:
     Piece_Allocator(Piece_Kind kind, size_t size) : m_kind(kind), m_size(size) {}
+    Piece_Allocator(const Piece_Allocator&) = delete;
+    Piece_Allocator& operator=(const Piece_Allocator&) = delete;
 
     void* malloc(size_t nbytes) override {
         if (nbytes > m_size) {

@@ -107,13 +107,14 @@ private:
 // duplicate of a Message_Block is a Message_Block with read positions of its
 // own: the header's (rd_ptr), the continuation's (a duplicate of its own) and
 // the offset into a spill file. So a message sent to several connections, or
-// twice to one, is read whole by each send. The data blocks carry the
-// process-wide locking strategy, LockingStrategy(), which guards the
-// reference counts of the payload blocks; the reference count of a
-// Data_Block is changed atomically by duplicate() and release(), without
-// that lock. Message_Blocks, their Data_Blocks and the blocks of an
-// in-memory payload come from free lists kept per thread, so that a message
-// costs few allocations.
+// twice to one, is read whole by each send. The data blocks (the header's
+// and an in-memory payload's) carry the process-wide locking strategy,
+// LockingStrategy(), under which ACE's own operations read and change their
+// reference counts; duplicate() and release() change them atomically,
+// without that lock, so that the duplicates of one message may be released
+// on different threads. Message_Blocks, their Data_Blocks and the blocks of
+// an in-memory payload come from free lists kept per thread, so that a
+// message costs few allocations.
 class TARNWICK_EXPORT Message_Block : public ACE_Message_Block {
 public:
     // Set in the block's own flags: the block is a Message_Block.
@@ -202,7 +203,7 @@ public:
     int setFileName(const char* name);
     bool isStoredOnDisk();
 
-    // The lock that guards the reference counts of all message blocks.
+    // The locking strategy that the data blocks of all messages carry.
     // Null (errno ENOMEM) only if it could not be created.
     static ACE_Lock_Adapter<ACE_Thread_Mutex>* LockingStrategy();
 

@@ -79,7 +79,7 @@ if [[ $run_tsan -eq 1 ]]; then
         message_codec_test application_test twconfiguration_test process_test twprocess_test
         logfile_rotate_test webservice_test scheduler_test pidfile_test service_systemd_test
         contentrouter_test engine_forward_test engine_reactor_test router_tokens_test xml_test
-        abstract_event_test)
+        abstract_event_test message_block_test)
     # Parameterised suites are instantiated as Workers/SUITE. The application
     # tests that run here are those of the signal thread.
     tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'
@@ -96,6 +96,8 @@ if [[ $run_tsan -eq 1 ]]; then
     # Payloads parsed on one thread and freed on another, with each thread's
     # own parser context.
     tsan_tests+='|^(PayloadReadingTest|AbstractEventPayload)\.'
+    # Message blocks kept per thread and released on another.
+    tsan_tests+='|^MessageBlockReuse\.'
     echo "==== threads: configure (build-tsan)"
     if cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARNWICK_TSAN=ON \
             -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF &&

@@ -464,8 +464,9 @@ int Engine::svc() {
         uint64_t const disk = Handler::diskBytes(block);
         if (disk > 0)
             m_queued_disk_bytes -= std::min<uint64_t>(disk, m_queued_disk_bytes);
-        process_incoming(block->duplicate());
-        block->release();
+        // The reference taken from the queue is the one process_incoming
+        // owns.
+        process_incoming(block);
     }
 }
 
@@ -571,7 +572,7 @@ int Engine::forward(ACE_Message_Block* block) {
     if (block == nullptr)
         return 0;
     if (m_threads == 0) {
-        process_incoming(block->duplicate());
+        dispatch(block);
         return 0;
     }
     // No waiting: above the queue's high water mark the message is dropped,
@@ -599,6 +600,13 @@ int Engine::forward(ACE_Message_Block* block) {
 }
 
 int Engine::process_incoming(ACE_Message_Block* block) {
+    int const result = dispatch(block);
+    if (block != nullptr)
+        block->release();
+    return result;
+}
+
+int Engine::dispatch(ACE_Message_Block* block) {
     Abstract_Event* event = Event_Factory::create(block);
     if (event == nullptr) {
         TW_LOG("%D ERROR (%t): An error occurred while converting network data into an event.\n");
@@ -606,8 +614,6 @@ int Engine::process_incoming(ACE_Message_Block* block) {
         uint32_t const token = requestToken(block);
         if (token != 0 && m_router != nullptr)
             m_router->clear_act(token);
-        if (block != nullptr)
-            block->release();
         return -1;
     }
 
@@ -633,7 +639,6 @@ int Engine::process_incoming(ACE_Message_Block* block) {
         if (event->getACT() != 0)
             m_router->clear_act(event->getACT());
         event->destroy();
-        block->release();
         return 0;
     }
 
@@ -649,7 +654,6 @@ int Engine::process_incoming(ACE_Message_Block* block) {
     }
 
     event->destroy();
-    block->release();
     return 0;
 }
 

@@ -1116,6 +1116,69 @@ int Handler::wakeForOutput() {
     return 0;
 }
 
+namespace {
+
+// A message whose payload lies in memory in at most one piece behind a
+// header that no write has begun; its payload, or null.
+bool smallInMemory(ACE_Message_Block* block, ACE_Message_Block*& payload) {
+    ACE_Data_Block* const data = block->data_block();
+    if (block->length() != HEADER_SIZE || data == nullptr ||
+        (data->flags() & Data_Block::DATA_BLOCK_FLAG) == 0 ||
+        static_cast<Data_Block*>(data)->isStoredOnDisk())
+        return false;
+    payload = block->cont();
+    return payload == nullptr || payload->cont() == nullptr;
+}
+
+}  // namespace
+
+int Handler::writeSmall(ACE_Message_Block* block, ACE_Message_Block*& copy) {
+    // The header (encoded into a copy: the block's own stays as it is) and
+    // the payload in one writev, straight from the caller's block. Only
+    // when the socket takes part of it does the rest need a reference and
+    // a writer of its own, set up as send() leaves them after such a write.
+    ACE_Message_Block* payload = nullptr;
+    auto* const message = static_cast<Message_Block*>(block);
+    if (!smallInMemory(block, payload) || message->getHeader() == nullptr)
+        return 0;
+    char head[HEADER_SIZE];
+    Message_Writer::EncodeHeader(message->getHeader(), head);
+    size_t const payload_length = payload != nullptr ? payload->length() : 0;
+    iovec parts[2];
+    parts[0].iov_base = head;
+    parts[0].iov_len = HEADER_SIZE;
+    parts[1].iov_base = payload_length > 0 ? payload->rd_ptr() : nullptr;
+    parts[1].iov_len = payload_length;
+    errno = 0;
+    ssize_t const count = send_parts(parts, payload_length > 0 ? 2 : 1);
+    // Nothing written (or a failure): send() tries again and tells.
+    if (count < 1)
+        return 0;
+    if (static_cast<size_t>(count) == HEADER_SIZE + payload_length)
+        return 1;
+    copy = block->duplicate();
+    m_writer.reset(copy != nullptr ? new (std::nothrow) Message_Writer(copy) : nullptr);
+    const char* ignored_head = nullptr;
+    size_t ignored_head_length = 0;
+    const char* ignored_chunk = nullptr;
+    size_t ignored_chunk_length = 0;
+    if (m_writer == nullptr || m_writer->nextWithHeader(ignored_head, ignored_head_length,
+                                                        ignored_chunk, ignored_chunk_length) != 1) {
+        // Out of memory half way through a message: the stream can't go on.
+        endWrite();
+        if (copy != nullptr)
+            copy->release();
+        copy = nullptr;
+        errno = ENOMEM;
+        return -1;
+    }
+    m_writing = copy;
+    m_writer->advance(static_cast<size_t>(count));
+    copy->rd_ptr(std::min(static_cast<size_t>(count), HEADER_SIZE));
+    m_socket_full = true;
+    return 2;
+}
+
 int Handler::writeNow(ACE_Message_Block* block, uint64_t disk) {
     // Only a connection that has joined its engine, whose socket may be
     // written from this thread, with a whole message that isn't the closing
@@ -1130,13 +1193,32 @@ int Handler::writeNow(ACE_Message_Block* block, uint64_t disk) {
     if (!writing.owns_lock() || m_closed || m_writer != nullptr ||
         m_coalesced_begin != m_coalesced_end || !msg_queue()->is_empty())
         return 0;
-    ACE_Message_Block* copy = block->duplicate();
-    if (copy == nullptr)
-        return 0;
     errno = 0;
     m_socket_full = false;
     uint64_t const sent_before = m_bytes_sent;
-    int64_t const result = send(copy, nullptr);
+    ACE_Message_Block* copy = nullptr;
+    int64_t result = 0;
+    int const small = writeSmall(block, copy);
+    if (small == 1) {
+        // All of it went out, from the caller's block: no reference taken.
+        m_blocked_since = 0;
+        return 1;
+    }
+    if (small == -1) {
+        writing.unlock();
+        requestClose();
+        return -1;
+    }
+    if (small == 2) {
+        result = 0;
+        errno = EWOULDBLOCK;
+    } else {
+        copy = block->duplicate();
+        if (copy == nullptr)
+            return 0;
+        errno = 0;
+        result = send(copy, nullptr);
+    }
     int const error = errno;
     // The stall clock, as handle_output keeps it.
     if (m_bytes_sent != sent_before)

@@ -6,8 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ace/Malloc_Allocator.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
@@ -15,6 +18,230 @@
 namespace Tarnwick {
 
 namespace {
+
+// The kinds of pieces kept on free lists: one list of each per thread.
+enum Piece_Kind { MESSAGE_BLOCKS, DATA_BLOCKS, PAYLOAD_BLOCKS, PAYLOAD_DATA_BLOCKS, PIECE_KINDS };
+
+// Pieces kept per thread and kind; more freed pieces go back to the heap.
+// The AddressSanitizer build keeps none, so that it sees every release of a
+// block and every use after it.
+#if defined(__SANITIZE_ADDRESS__)
+const size_t PIECES_KEPT = 0;
+#else
+const size_t PIECES_KEPT = 256;
+#endif
+
+struct Free_Piece {
+    Free_Piece* next;
+};
+
+// Set when the thread's free lists are gone (the thread is ending): from
+// then on pieces come from and go back to the heap. Plain data, so that it
+// stays readable while the thread's other objects are destroyed.
+thread_local bool free_lists_closed = false;
+
+// The free lists of one thread; the kept pieces go back to the heap when the
+// thread ends.
+struct Free_Lists {
+    Free_Piece* head[PIECE_KINDS] = {};
+    size_t count[PIECE_KINDS] = {};
+
+    Free_Lists() = default;
+    Free_Lists(const Free_Lists&) = delete;
+    Free_Lists& operator=(const Free_Lists&) = delete;
+    ~Free_Lists() {
+        free_lists_closed = true;
+        for (int kind = 0; kind < PIECE_KINDS; ++kind) {
+            while (Free_Piece* piece = head[kind]) {
+                head[kind] = piece->next;
+                std::free(piece);
+            }
+            count[kind] = 0;
+        }
+    }
+};
+
+thread_local Free_Lists free_lists;
+
+// A piece of `size` bytes: one freed before on this thread, or a new one.
+void* takePiece(Piece_Kind kind, size_t size) {
+    if (free_lists_closed)
+        return std::malloc(size);
+    Free_Lists& lists = free_lists;
+    Free_Piece* const piece = lists.head[kind];
+    if (piece == nullptr)
+        return std::malloc(size);
+    lists.head[kind] = piece->next;
+    --lists.count[kind];
+    return piece;
+}
+
+// Keeps `memory` (a piece taken for `kind`) for the next takePiece() of
+// this thread, or frees it.
+void givePiece(Piece_Kind kind, void* memory) {
+    if (memory == nullptr)
+        return;
+    if (PIECES_KEPT == 0 || free_lists_closed) {
+        std::free(memory);
+        return;
+    }
+    Free_Lists& lists = free_lists;
+    if (lists.count[kind] >= PIECES_KEPT) {
+        std::free(memory);
+        return;
+    }
+    auto* const piece = static_cast<Free_Piece*>(memory);
+    piece->next = lists.head[kind];
+    lists.head[kind] = piece;
+    ++lists.count[kind];
+}
+
+// An ACE allocator of pieces of one size from the free lists, for the data
+// blocks and payload blocks of messages (ACE allocates and frees them
+// through it). Larger requests fail.
+class Piece_Allocator : public ACE_New_Allocator {
+public:
+    Piece_Allocator(Piece_Kind kind, size_t size) : m_kind(kind), m_size(size) {}
+    Piece_Allocator(const Piece_Allocator&) = delete;
+    Piece_Allocator& operator=(const Piece_Allocator&) = delete;
+
+    void* malloc(size_t nbytes) override {
+        if (nbytes > m_size) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        void* const memory = takePiece(m_kind, m_size);
+        if (memory == nullptr)
+            errno = ENOMEM;
+        return memory;
+    }
+    void* calloc(size_t nbytes, char initial_value) override {
+        void* const memory = malloc(nbytes);
+        if (memory != nullptr)
+            std::memset(memory, initial_value, nbytes);
+        return memory;
+    }
+    void* calloc(size_t n_elem, size_t elem_size, char initial_value) override {
+        if (elem_size != 0 && n_elem > m_size / elem_size) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        return calloc(n_elem * elem_size, initial_value);
+    }
+    void free(void* ptr) override { givePiece(m_kind, ptr); }
+
+private:
+    Piece_Kind m_kind;
+    size_t m_size;
+};
+
+// The allocators live as long as the process (never destroyed: blocks may
+// be released by other static objects' destructors).
+Piece_Allocator* dataBlockAllocator() {
+    static Piece_Allocator* const allocator = new Piece_Allocator(DATA_BLOCKS, sizeof(Data_Block));
+    return allocator;
+}
+
+Piece_Allocator* payloadDataAllocator() {
+    static Piece_Allocator* const allocator =
+        new Piece_Allocator(PAYLOAD_DATA_BLOCKS, sizeof(ACE_Data_Block));
+    return allocator;
+}
+
+// The data block of an in-memory payload: a plain buffer whose reference
+// count, like a Data_Block's, is changed atomically (not under the locking
+// strategy, which it carries all the same).
+class Payload_Data : public ACE_Data_Block {
+public:
+    Payload_Data(size_t size, ACE_Lock* lock)
+        : ACE_Data_Block(size, ACE_Message_Block::MB_DATA, nullptr, nullptr, lock, 0,
+                         payloadDataAllocator()) {}
+
+    void addReference() { __atomic_add_fetch(&reference_count_, 1, __ATOMIC_RELAXED); }
+    bool dropReference() { return __atomic_sub_fetch(&reference_count_, 1, __ATOMIC_ACQ_REL) == 0; }
+    // Ends a data block, as ACE does, through its allocator.
+    static void destroy(ACE_Data_Block* data) {
+        ACE_Allocator* const allocator = data->data_block_allocator();
+        data->~ACE_Data_Block();
+        allocator->free(data);
+    }
+};
+
+// The continuation of a Message_Block that holds its payload in memory:
+// duplicates share the buffer with read positions of their own, and come
+// from and go back to the free lists without a lock.
+class Payload_Block : public ACE_Message_Block {
+public:
+    explicit Payload_Block(ACE_Data_Block* data) : ACE_Message_Block(data, 0, nullptr) {}
+    Payload_Block(const Payload_Block&) = delete;
+    Payload_Block& operator=(const Payload_Block&) = delete;
+    ~Payload_Block() override { dropData(); }
+
+    // A new block with `size` bytes of room; null without memory.
+    static Payload_Block* create(size_t size, ACE_Lock* lock) {
+        void* const memory = payloadDataAllocator()->malloc(sizeof(Payload_Data));
+        if (memory == nullptr)
+            return nullptr;
+        auto* const data = new (memory) Payload_Data(size, lock);
+        auto* const block = new (std::nothrow) Payload_Block(data);
+        if (block == nullptr) {
+            Payload_Data::destroy(data);
+            return nullptr;
+        }
+        return block;
+    }
+
+    ACE_Message_Block* duplicate() const override {
+        auto* const data = static_cast<Payload_Data*>(data_block_);
+        if (data == nullptr)
+            return nullptr;
+        data->addReference();
+        auto* const copy = new (std::nothrow) Payload_Block(data);
+        if (copy == nullptr) {
+            // Never the last reference: this block holds one.
+            (void)data->dropReference();
+            return nullptr;
+        }
+        copy->rd_ptr_ = rd_ptr_;
+        copy->wr_ptr_ = wr_ptr_;
+        copy->priority_ = priority_;
+        return copy;
+    }
+
+    ACE_Message_Block* release() override {
+        if (cont_ != nullptr) {
+            ACE_Message_Block* const next = cont_;
+            cont_ = nullptr;
+            next->release();
+        }
+        delete this;
+        return nullptr;
+    }
+
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept {
+        if (size != sizeof(Payload_Block))
+            return ::operator new(size, std::nothrow);
+        return takePiece(PAYLOAD_BLOCKS, sizeof(Payload_Block));
+    }
+    static void operator delete(void* memory, size_t size) noexcept {
+        if (size != sizeof(Payload_Block)) {
+            ::operator delete(memory);
+            return;
+        }
+        givePiece(PAYLOAD_BLOCKS, memory);
+    }
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept {
+        givePiece(PAYLOAD_BLOCKS, memory);
+    }
+
+private:
+    void dropData() {
+        auto* const data = static_cast<Payload_Data*>(data_block_);
+        data_block_ = nullptr;
+        if (data != nullptr && data->dropReference())
+            Payload_Data::destroy(data);
+    }
+};
 
 // Gives the event cache's quota back for the part of a charged write that
 // did not reach the spill file; errno stays as the failed write left it.
@@ -63,9 +290,13 @@ int writeAll(ACE_HANDLE fd, const char* data, size_t length, size_t& done) {
 
 }  // namespace
 
+// The header lies in the data block's own m_header (the base gets its
+// address before the member exists; it is written in the body), which ACE
+// must not free: DONT_DELETE.
 Data_Block::Data_Block()
-    : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, nullptr, nullptr,
-                     Message_Block::LockingStrategy(), 0, ACE_Allocator::instance()),
+    : ACE_Data_Block(HEADER_SIZE, ACE_Message_Block::MB_DATA, m_header, nullptr,
+                     Message_Block::LockingStrategy(), ACE_Message_Block::DONT_DELETE,
+                     dataBlockAllocator()),
       m_handle(ACE_INVALID_HANDLE),
       m_writable(false),
       m_size(0),
@@ -124,6 +355,12 @@ void Data_Block::setFileName(const char* name) {
 }
 
 int Data_Block::reset() {
+    // Without a file nobody opens a descriptor (get_handle() needs a name),
+    // so one that is not there now won't come: no lock to take.
+    if (m_fileName.empty() && m_handle == ACE_INVALID_HANDLE) {
+        m_size.store(0);
+        return 0;
+    }
     set_handle(ACE_INVALID_HANDLE);
     m_size.store(0);
     if (!m_fileName.empty()) {
@@ -141,11 +378,18 @@ int Data_Block::reset() {
 }
 
 Data_Block* Data_Block::create() {
-    ACE_Allocator* allocator = ACE_Allocator::instance();
-    void* memory = allocator->malloc(sizeof(Data_Block));
+    void* memory = dataBlockAllocator()->malloc(sizeof(Data_Block));
     if (memory == nullptr)
         return nullptr;
     return new (memory) Data_Block();
+}
+
+void Data_Block::addReference() {
+    __atomic_add_fetch(&reference_count_, 1, __ATOMIC_RELAXED);
+}
+
+bool Data_Block::dropReference() {
+    return __atomic_sub_fetch(&reference_count_, 1, __ATOMIC_ACQ_REL) == 0;
 }
 
 uint64_t Message_Block::Chunk_Size = 0x20000;
@@ -171,17 +415,90 @@ Message_Block::Message_Block(ACE_Data_Block* shared)
     set_self_flags(MESSAGE_BLOCK_FLAG);
 }
 
-Message_Block::~Message_Block() = default;
+Message_Block::~Message_Block() {
+    // Before ACE's destructor, which would release the data block under the
+    // lock.
+    releaseDataBlock();
+}
+
+void* Message_Block::operator new(size_t size) {
+    void* const memory = operator new(size, std::nothrow);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void* Message_Block::operator new(size_t size, const std::nothrow_t&) noexcept {
+    if (size != sizeof(Message_Block))
+        return ::operator new(size, std::nothrow);
+    return takePiece(MESSAGE_BLOCKS, sizeof(Message_Block));
+}
+
+void Message_Block::operator delete(void* memory, size_t size) noexcept {
+    if (size != sizeof(Message_Block)) {
+        ::operator delete(memory);
+        return;
+    }
+    givePiece(MESSAGE_BLOCKS, memory);
+}
+
+void Message_Block::operator delete(void* memory, const std::nothrow_t&) noexcept {
+    givePiece(MESSAGE_BLOCKS, memory);
+}
+
+void Message_Block::releaseDataBlock() {
+    ACE_Data_Block* const block = data_block_;
+    data_block_ = nullptr;
+    if (block == nullptr || (self_flags() & DONT_DELETE) != 0)
+        return;
+    if ((block->flags() & Data_Block::DATA_BLOCK_FLAG) == 0) {
+        // Not one of ours (set by hand): ACE's own count, under its lock.
+        block->release();
+        return;
+    }
+    auto* const ours = static_cast<Data_Block*>(block);
+    if (!ours->dropReference())
+        return;
+    // The last reference: as ACE ends a data block, through its allocator.
+    ACE_Allocator* const allocator = ours->data_block_allocator();
+    ours->~Data_Block();
+    allocator->free(ours);
+}
+
+ACE_Message_Block* Message_Block::release() {
+    if (cont_ != nullptr) {
+        ACE_Message_Block* const payload = cont_;
+        cont_ = nullptr;
+        payload->release();
+    }
+    delete this;
+    return nullptr;
+}
 
 ACE_Message_Block* Message_Block::duplicate() const {
-    ACE_Data_Block* shared = data_block() != nullptr ? data_block()->duplicate() : nullptr;
+    ACE_Data_Block* shared = data_block();
     if (shared == nullptr) {
         errno = ENOMEM;
         return nullptr;
     }
+    bool const ours = (shared->flags() & Data_Block::DATA_BLOCK_FLAG) != 0;
+    if (ours) {
+        static_cast<Data_Block*>(shared)->addReference();
+    } else {
+        shared = shared->duplicate();
+        if (shared == nullptr) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+    }
     Message_Block* copy = new (std::nothrow) Message_Block(shared);
     if (copy == nullptr) {
-        shared->release();
+        if (ours) {
+            // Never the last reference: this block holds one.
+            (void)static_cast<Data_Block*>(shared)->dropReference();
+        } else {
+            shared->release();
+        }
         errno = ENOMEM;
         return nullptr;
     }
@@ -298,8 +615,8 @@ int64_t Message_Block::write(const char* data, uint64_t length) {
 
     if (cont_ == nullptr) {
         ACE_Lock* lock = data_block() != nullptr ? data_block()->locking_strategy() : nullptr;
-        ACE_Message_Block* payload =
-            new (std::nothrow) ACE_Message_Block(total, MB_DATA, nullptr, nullptr, nullptr, lock);
+        // The payload block and its data block from the free lists.
+        ACE_Message_Block* payload = Payload_Block::create(static_cast<size_t>(total), lock);
         if (payload == nullptr || payload->base() == nullptr || payload->size() < total) {
             if (payload != nullptr)
                 payload->release();

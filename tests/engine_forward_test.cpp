@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -138,6 +140,92 @@ TEST(EngineForward, ThreadsForwardingToOneConnectionNeverInterleave) {
         for (std::thread& thread : threads)
             thread.join();
         EXPECT_EQ(received, THREADS * PER_THREAD);
+        EXPECT_EQ(failures.load(), 0);
+        EXPECT_TRUE(wire.empty());
+        connection->release();
+        engine->shutdown();
+    });
+}
+
+TEST(EngineForward, SmallMessagesCutByAFullSocketArriveWhole) {
+    // Small messages written straight from the forwarding thread into a
+    // socket that a slow reader with a small window keeps nearly full: many
+    // writes take only part of a message, whose rest goes out later from
+    // the queue, before anything forwarded behind it.
+    inChild([] {
+        EngineSetup setup = start(0, new TestRouter(), false);
+        Engine* engine = setup.engine;
+        u_short const port = startListening(engine);
+        WirePeer peer(port, 2048);
+        ASSERT_TRUE(peer.connected());
+        ASSERT_TRUE(pumpUntil(engine, [&] { return connections(setup.router) == 1; }));
+        Handler* const connection = onlyConnection(setup.router);
+        ASSERT_NE(connection, nullptr);
+        ASSERT_EQ(peer.stream().enable(ACE_NONBLOCK), 0);
+        // A small send buffer too, so that the socket fills every few
+        // messages.
+        int const room = 4096;
+        ASSERT_EQ(::setsockopt(connection->get_handle(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room),
+                  0);
+
+        const uint32_t total = 2000;
+        auto const sizeOfSmall = [](uint32_t index) {
+            return static_cast<size_t>((index * 131) % 1500);
+        };
+        std::atomic<int> failures(0);
+        std::thread sender([&] {
+            for (uint32_t i = 0; i < total; ++i) {
+                auto* block = new Message_Block();
+                Message_Header* header = block->getHeader();
+                uint32_t const token = tokenOf(0, i);
+                std::string const payload = patterned(sizeOfSmall(i), token);
+                header->setACT(token);
+                header->setType(7);
+                header->setBinary(true);
+                header->setSize(static_cast<uint32_t>(payload.size()));
+                block->wr_ptr(32);
+                if (!payload.empty() && block->write(payload.data(), payload.size()) !=
+                                            static_cast<int64_t>(payload.size()))
+                    ++failures;
+                int tries = 0;
+                while (connection->forward(block) == -1 && ++tries < 20000)
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                if (tries >= 20000)
+                    ++failures;
+                block->release();
+            }
+        });
+
+        std::string wire;
+        uint32_t received = 0;
+        bool broken = false;
+        ACE_Time_Value const deadline = now() + ACE_Time_Value(60);
+        char buffer[509];
+        while (received < total && !broken && now() < deadline) {
+            engine->run_step();
+            ssize_t const count = peer.stream().recv(buffer, sizeof buffer);
+            if (count > 0)
+                wire.append(buffer, static_cast<size_t>(count));
+            while (wire.size() >= 32 && !broken) {
+                Message_Header header;
+                std::memcpy(static_cast<void*>(&header), wire.data(), 32);
+                header.decode();
+                size_t const size = header.getSize();
+                if (header.isReadable() && wire.size() < 32 + size)
+                    break;
+                if (!header.isReadable() || header.getACT() != tokenOf(0, received) ||
+                    size != sizeOfSmall(received) ||
+                    wire.compare(32, size, patterned(size, header.getACT())) != 0) {
+                    ADD_FAILURE() << "message " << received << " not whole or out of order";
+                    broken = true;
+                    break;
+                }
+                ++received;
+                wire.erase(0, 32 + size);
+            }
+        }
+        sender.join();
+        EXPECT_EQ(received, total);
         EXPECT_EQ(failures.load(), 0);
         EXPECT_TRUE(wire.empty());
         connection->release();

@@ -148,6 +148,11 @@ private:
     Engine(const Engine&);
     Engine& operator=(const Engine&);
 
+    // process_incoming() on a block that the caller keeps: the event takes
+    // a reference of its own, so a message dispatched on the thread that
+    // received it needs none beside the connection's.
+    int dispatch(ACE_Message_Block* block);
+
     EventHandler* m_event_handler;
     ACE_Thread_Mutex m_lock;
     bool m_owns_event_handler;

@@ -316,6 +316,12 @@ private:
     // message is to be queued as usual, -1 the connection failed (its close
     // has been asked for).
     int writeNow(ACE_Message_Block* block, uint64_t disk);
+    // writeNow() of a message with its payload in memory, without a
+    // reference or a writer unless the socket takes only part of it: 1 all
+    // written, 2 part written (`copy` a new reference to queue, the writer
+    // set up for the rest), 0 nothing written (send() is to try), -1 part
+    // written and no memory for the rest.
+    int writeSmall(ACE_Message_Block* block, ACE_Message_Block*& copy);
     // Puts `copy` (owned from here on) on the tail of the output queue,
     // counting its spilled bytes. 0, or -1 (queue full or deactivated).
     int queue(ACE_Message_Block* copy, uint64_t disk);

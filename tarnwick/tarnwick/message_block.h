@@ -16,13 +16,15 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <string>
 
 namespace Tarnwick {
 
 // The data part beneath a Message_Block: a reference-counted 32-byte buffer
-// that holds the Message_Header, and the spill file of a payload that has
-// outgrown memory. The file goes with the last reference. The flag bit
+// that holds the Message_Header (inside the data block itself: no buffer of
+// its own to allocate), and the spill file of a payload that has outgrown
+// memory. The file goes with the last reference. The flag bit
 // DATA_BLOCK_FLAG marks a data block as one of this class.
 //
 // The spill file has one descriptor, shared by every Message_Block on this
@@ -34,9 +36,10 @@ class TARNWICK_EXPORT Data_Block : public ACE_Data_Block {
 public:
     static const ACE_Message_Block::Message_Flags DATA_BLOCK_FLAG = 0x2000;
 
-    // A new data block from ACE's allocator, which also frees it when the
-    // last reference goes; null without memory. Make data blocks this way,
-    // never with a plain new.
+    // A new data block from its allocator (data_block_allocator(), which
+    // keeps a few freed data blocks per thread for reuse and also frees it
+    // when the last reference goes); null without memory. Make data blocks
+    // this way, never with a plain new.
     static Data_Block* create();
 
     Data_Block();
@@ -68,6 +71,11 @@ protected:
     // Closes the descriptor, deletes the spill file, gives its bytes back to
     // the quota. 0.
     int reset();
+    // The reference count, changed atomically: a Message_Block shares its
+    // data block without taking the locking strategy's lock, also across
+    // threads. dropReference() is true for the last reference.
+    void addReference();
+    [[nodiscard]] bool dropReference();
 
 private:
     // The descriptor, when the data block may write through it.
@@ -84,6 +92,7 @@ private:
     std::atomic<uint64_t> m_size;  // bytes in the file
     uint64_t m_charged;            // bytes taken from the event cache's quota
     std::string m_fileName;
+    alignas(8) char m_header[32];  // the data block's buffer: the header
 };
 
 // One message. The data block's buffer holds the 32-byte header, over which
@@ -98,8 +107,14 @@ private:
 // duplicate of a Message_Block is a Message_Block with read positions of its
 // own: the header's (rd_ptr), the continuation's (a duplicate of its own) and
 // the offset into a spill file. So a message sent to several connections, or
-// twice to one, is read whole by each send. The reference counts of all
-// blocks are guarded by one process-wide lock, LockingStrategy().
+// twice to one, is read whole by each send. The data blocks (the header's
+// and an in-memory payload's) carry the process-wide locking strategy,
+// LockingStrategy(), under which ACE's own operations read and change their
+// reference counts; duplicate() and release() change them atomically,
+// without that lock, so that the duplicates of one message may be released
+// on different threads. Message_Blocks, their Data_Blocks and the blocks of
+// an in-memory payload come from free lists kept per thread, so that a
+// message costs few allocations.
 class TARNWICK_EXPORT Message_Block : public ACE_Message_Block {
 public:
     // Set in the block's own flags: the block is a Message_Block.
@@ -118,6 +133,16 @@ public:
     // its continuation, with this one's read positions (spill file offset
     // included); the caller owns one reference. Null on failure.
     ACE_Message_Block* duplicate() const override;
+    // Releases the continuation and this block, and the data block with its
+    // last reference (deleting a spill file). Null.
+    ACE_Message_Block* release() override;
+
+    // Message_Blocks are kept on a free list of the thread that releases
+    // them, for the next one made there.
+    static void* operator new(size_t size);
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, size_t size) noexcept;
+    static void operator delete(void* memory, const std::nothrow_t&) noexcept;
 
     // The header at the data block's base, whatever the read position.
     Message_Header* getHeader() const;
@@ -178,7 +203,7 @@ public:
     int setFileName(const char* name);
     bool isStoredOnDisk();
 
-    // The lock that guards the reference counts of all message blocks.
+    // The locking strategy that the data blocks of all messages carry.
     // Null (errno ENOMEM) only if it could not be created.
     static ACE_Lock_Adapter<ACE_Thread_Mutex>* LockingStrategy();
 
@@ -199,6 +224,9 @@ private:
     int64_t readFromDisk(Data_Block* block, ACE_Message_Block*& out);
     // getLength() of a payload on disk.
     static uint32_t diskLength(Data_Block* block);
+
+    // Drops this block's reference to its data block.
+    void releaseDataBlock();
 
     // Where this block reads on in the spill file.
     uint64_t m_file_offset;

@@ -430,27 +430,24 @@ int Abstract_Event::writeXMLFromArgMap(std::string& out) const {
         PayloadWriter writer(out);
         writer.startDocument();
         writer.startElement("message");
-        for (const auto& arg : m_args) {
-            if (!isParameterName(arg.first))
-                continue;
+        // A value is written up to its first zero byte.
+        auto const writeParameter = [&writer](const std::string& name, const std::string& value) {
+            if (!isParameterName(name))
+                return;
             writer.startElement("param");
-            writer.writeAttribute("name", arg.first.data(), arg.first.size());
-            writer.writeString(arg.second.c_str(), std::strlen(arg.second.c_str()));
+            writer.writeAttribute("name", name.data(), name.size());
+            writer.writeString(value.c_str(), std::strlen(value.c_str()));
             writer.endElement();
-        }
+        };
+        for (const auto& arg : m_args)
+            writeParameter(arg.first, arg.second);
         for (const auto& group : m_nestedArgs) {
             if (!isParameterName(group.first))
                 continue;
             writer.startElement("param");
             writer.writeAttribute("name", group.first.data(), group.first.size());
-            for (const auto& arg : group.second) {
-                if (!isParameterName(arg.first))
-                    continue;
-                writer.startElement("param");
-                writer.writeAttribute("name", arg.first.data(), arg.first.size());
-                writer.writeString(arg.second.c_str(), std::strlen(arg.second.c_str()));
-                writer.endElement();
-            }
+            for (const auto& arg : group.second)
+                writeParameter(arg.first, arg.second);
             writer.endElement();
         }
         writer.endElement();

@@ -167,6 +167,7 @@ Reading compareReadings(const char* text, size_t length) {
     // PAYLOAD_READER_FUZZ_SHOW=1 prints every reading, to look at a case.
     static bool const show = std::getenv("PAYLOAD_READER_FUZZ_SHOW") != nullptr;
     if (show) {
+        printQuoted("payload", std::string(text, length));
         std::fprintf(stderr, "read %s\n", direct ? "without libxml2" : "by libxml2");
         printReading("readPayloadParameters", actual);
     }
@@ -228,7 +229,10 @@ struct Parameter {
     bool hasText;
     std::string text;
     bool group;
+    bool named;
     std::vector<std::pair<std::string, std::string>> children;
+    bool hasTail;
+    std::string tail;  // text after the children of a group
 };
 
 // The three writers, driven by the same calls. Each call returns whether it
@@ -316,8 +320,9 @@ private:
 };
 
 // Input layout after the 0xFF: records of a kind byte and texts; the kind's
-// low bit makes a group, bit 1 gives a parameter (or group) a text. A group
-// takes (kind >> 2) % 4 children of a name and a text each.
+// low bit makes a group, bit 1 gives a parameter (or group) a text, bit 5
+// leaves out its name. A group takes (kind >> 2) % 4 children of a name and
+// a text each, and with bit 4 a text after them.
 void writePayloads(Input input) {
     std::vector<Parameter> parameters;
     while (!input.empty() && parameters.size() < 32) {
@@ -325,7 +330,10 @@ void writePayloads(Input input) {
         Parameter p;
         p.group = (kind & 1) != 0;
         p.hasText = (kind & 2) != 0;
-        p.name = input.text();
+        p.named = (kind & 0x20) == 0;
+        p.hasTail = p.group && (kind & 0x10) != 0;
+        if (p.named)
+            p.name = input.text();
         if (p.hasText)
             p.text = input.text();
         if (p.group) {
@@ -336,20 +344,23 @@ void writePayloads(Input input) {
                 p.children.emplace_back(std::move(name), std::move(text));
             }
         }
+        if (p.hasTail)
+            p.tail = input.text();
         parameters.push_back(std::move(p));
     }
 
     // What the reading must give back: each top-level parameter written
     // whole, with its text, or (none) for no or empty text. The value of a
     // group with children also holds the indentation before its first
-    // child, so only its name is checked.
+    // child, and one with a text after them that text: only its name is
+    // checked.
     std::vector<Visit> written;
     std::vector<bool> anyValue;
     Writers writers;
     writers.start("message");
     for (const Parameter& p : parameters) {
         writers.start("param");
-        bool const named = writers.attribute(p.name);
+        bool const named = p.named && writers.attribute(p.name);
         bool const texted = p.hasText && writers.string(p.text);
         for (const auto& child : p.children) {
             writers.start("param");
@@ -357,9 +368,11 @@ void writePayloads(Input input) {
             writers.string(child.second);
             writers.end();
         }
+        if (p.hasTail)
+            writers.string(p.tail);
         writers.end();
         if (named) {
-            anyValue.push_back(!p.children.empty());
+            anyValue.push_back(!p.children.empty() || p.hasTail);
             if (texted && !p.text.empty())
                 written.push_back({p.name, p.text, false});
             else

@@ -1479,6 +1479,89 @@ TEST(PayloadReadingTest, MalformedPayloadLogsLibxml2sMessageOnce) {
               Lines{std::string(kDebug) + "Premature end of data in tag message line 2"});
 }
 
+// The edges of the form read without libxml2: what is still in it reads as
+// libxml2 reads it, with these exact parameters and no log line, and what
+// is just outside it goes to libxml2.
+TEST(PayloadReadingTest, EdgesOfTheDirectFormReadAsLibxml2ReadsThem) {
+    std::string const d = kDeclaration;
+    std::string const z(1, '\0');
+    struct Case {
+        std::string text;
+        bool direct;
+        bool document;
+        Visits visits;
+        std::string log = std::string();  // libxml2's message, when there is one
+    };
+    const Case cases[] = {
+        {d + "<message/>" + z, true, true, {}},
+        {d + "<message></message>", true, true, {}},
+        {d + "\t<message>\t<param name=\"a\">]]&gt;</param>\t</message>\t" + z,
+         true,
+         true,
+         {{"a", "]]>"}}},
+        {d + "<message><param name=\"a'>b\">x</param></message>", true, true, {{"a'>b", "x"}}},
+        // DEL, C1 controls, the replacement character, the last code point
+        // and a noncharacter other than U+FFFE and U+FFFF are all XML text.
+        {d + "<message><param name=\"\xf0\x9f\x98\x80\">\x7f\xc2\x80\xef\xbf\xbd\xf4\x8f\xbf\xbf"
+             "\xef\xb7\x90</param></message>",
+         true,
+         true,
+         {{"\xf0\x9f\x98\x80", "\x7f\xc2\x80\xef\xbf\xbd\xf4\x8f\xbf\xbf\xef\xb7\x90"}}},
+        {d + "<message><param name=\"\xed\x9f\xbf\"/></message>",
+         true,
+         true,
+         {{"\xed\x9f\xbf", kNone}}},
+        {d + "<message><param name=\"a\">&#13;</param></message>", true, true, {{"a", "\r"}}},
+        {d + "<message><param name=\"a\">&amp;lt;</param></message>", true, true, {{"a", "&lt;"}}},
+        {d + "<message><param name=\"g\"><param name=\"x\"/>t</param></message>",
+         true,
+         true,
+         {{"g", kNone}}},
+        {d + "<message><param name=\"g\">a<param name=\"x\">1</param>b<param name=\"y\">2</param>c"
+             "</param></message>",
+         true,
+         true,
+         {{"g", "a"}}},
+        {d + "<message><param name=\"a\"/><param name=\"a\">2</param></message>",
+         true,
+         true,
+         {{"a", kNone}, {"a", "2"}}},
+        // Sixteen-byte runs with a reference and a quote inside.
+        {d + "<message><param name=\"a\">0123456789abcdef0123456789abcdef&lt;0123456789abcdef\""
+             "0123456789</param></message>",
+         true,
+         true,
+         {{"a", "0123456789abcdef0123456789abcdef<0123456789abcdef\"0123456789"}}},
+        // Beyond Unicode, and U+FFFF: libxml2 refuses them.
+        {d + "<message><param name=\"a\">\xf4\x90\x80\x80</param></message>",
+         false,
+         false,
+         {},
+         "Char 0x110000 out of allowed range"},
+        {d + "<message><param name=\"a\">\xef\xbf\xbf</param></message>",
+         false,
+         false,
+         {},
+         "Char 0xFFFF out of allowed range"},
+        // A parameter without a name is no parameter, and not in the form.
+        {d + "<message><param name=\"a\">1</param><param>2</param></message>",
+         false,
+         true,
+         {{"a", "1"}}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Tarnwick::readsWithoutParser(c.text.data(), c.text.size()), c.direct) << c.text;
+        Reading const reading = payloadReading(c.text);
+        EXPECT_EQ(reading.document, c.document) << c.text;
+        EXPECT_EQ(reading.visits, c.visits) << c.text;
+        if (c.log.empty())
+            EXPECT_TRUE(reading.log.empty()) << c.text;
+        else
+            EXPECT_EQ(reading.log, Lines{std::string(kDebug) + c.log}) << c.text;
+        expectSameReading(c.text);
+    }
+}
+
 // The reused parser context carries nothing from one payload to the next:
 // neither attribute defaults nor entities of a document type, nor names.
 TEST(PayloadReadingTest, NothingCarriesOverFromOnePayloadToTheNext) {

@@ -38,6 +38,15 @@ struct ParameterIndex {
 
 namespace {
 
+// The length of the XML character at the start of `text`, 0 when there is
+// none: printable ASCII, most of any text, is taken without the full check.
+size_t textCharLength(const char* text, size_t length) {
+    unsigned char const c = static_cast<unsigned char>(*text);
+    if (c >= 0x20 && c < 0x80)
+        return 1;
+    return xmlTextCharLength(text, length);
+}
+
 // Options of every parse of a payload: no network access, and libxml2's
 // reports go through the error handlers below rather than the parser's
 // printing callbacks. Entity substitution and DTD loading stay off.
@@ -174,11 +183,7 @@ bool appendEscapedAttribute(const char* text, size_t length, std::string& out) {
                 break;
         }
         if (reference == nullptr) {
-            if (c >= 0x20 && c < 0x80) {
-                ++i;
-                continue;
-            }
-            size_t const step = xmlTextCharLength(text + i, length - i);
+            size_t const step = textCharLength(text + i, length - i);
             if (step == 0)
                 return false;
             i += step;
@@ -987,14 +992,7 @@ xmlChar* convertInput(const char* text, const char* encoding) {
 bool isXMLText(const char* text, size_t length) {
     size_t position = 0;
     while (position < length) {
-        // Runs of printable ASCII, most of any text, are passed in a tight
-        // loop; everything else goes through the full check.
-        unsigned char const c = static_cast<unsigned char>(text[position]);
-        if (c >= 0x20 && c < 0x80) {
-            ++position;
-            continue;
-        }
-        size_t const step = xmlTextCharLength(text + position, length - position);
+        size_t const step = textCharLength(text + position, length - position);
         if (step == 0)
             return false;
         position += step;

@@ -50,6 +50,30 @@ size_t sizeOf(uint32_t index) {
     return (index * 211) % 3000;
 }
 
+// Forwards a binary message of type 7 under `token` with `size` bytes of
+// the token's pattern into `connection`, again and again while its queue
+// refuses for a moment. False when the message could not be made or was
+// still refused after four seconds.
+bool forwardPatterned(Handler* connection, uint32_t token, size_t size) {
+    auto* block = new Message_Block();
+    Message_Header* header = block->getHeader();
+    std::string const payload = patterned(size, token);
+    header->setACT(token);
+    header->setType(7);
+    header->setBinary(true);
+    header->setSize(static_cast<uint32_t>(payload.size()));
+    block->wr_ptr(32);
+    bool ok = payload.empty() ||
+              block->write(payload.data(), payload.size()) == static_cast<int64_t>(payload.size());
+    int tries = 0;
+    while (connection->forward(block) == -1 && ++tries < 20000)
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    if (tries >= 20000)
+        ok = false;
+    block->release();
+    return ok;
+}
+
 Handler* onlyConnection(Router_Base* router) {
     Dispatch_Set set;
     if (router->findAllHandlers(set) == -1 || set.size() != 1)
@@ -76,25 +100,8 @@ TEST(EngineForward, ThreadsForwardingToOneConnectionNeverInterleave) {
         for (int t = 0; t < THREADS; ++t) {
             threads.emplace_back([t, connection, &failures] {
                 for (uint32_t i = 0; i < PER_THREAD; ++i) {
-                    auto* block = new Message_Block();
-                    Message_Header* header = block->getHeader();
-                    uint32_t const token = tokenOf(t, i);
-                    std::string const payload = patterned(sizeOf(i), token);
-                    header->setACT(token);
-                    header->setType(7);
-                    header->setBinary(true);
-                    header->setSize(static_cast<uint32_t>(payload.size()));
-                    block->wr_ptr(32);
-                    if (!payload.empty() && block->write(payload.data(), payload.size()) !=
-                                                static_cast<int64_t>(payload.size()))
+                    if (!forwardPatterned(connection, tokenOf(t, i), sizeOf(i)))
                         ++failures;
-                    // A full queue refuses for a moment: again, later.
-                    int tries = 0;
-                    while (connection->forward(block) == -1 && ++tries < 20000)
-                        std::this_thread::sleep_for(std::chrono::microseconds(200));
-                    if (tries >= 20000)
-                        ++failures;
-                    block->release();
                 }
             });
         }
@@ -175,24 +182,8 @@ TEST(EngineForward, SmallMessagesCutByAFullSocketArriveWhole) {
         std::atomic<int> failures(0);
         std::thread sender([&] {
             for (uint32_t i = 0; i < total; ++i) {
-                auto* block = new Message_Block();
-                Message_Header* header = block->getHeader();
-                uint32_t const token = tokenOf(0, i);
-                std::string const payload = patterned(sizeOfSmall(i), token);
-                header->setACT(token);
-                header->setType(7);
-                header->setBinary(true);
-                header->setSize(static_cast<uint32_t>(payload.size()));
-                block->wr_ptr(32);
-                if (!payload.empty() && block->write(payload.data(), payload.size()) !=
-                                            static_cast<int64_t>(payload.size()))
+                if (!forwardPatterned(connection, tokenOf(0, i), sizeOfSmall(i)))
                     ++failures;
-                int tries = 0;
-                while (connection->forward(block) == -1 && ++tries < 20000)
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
-                if (tries >= 20000)
-                    ++failures;
-                block->release();
             }
         });
 

@@ -272,7 +272,9 @@ void ACT_List::warnEvicted(bool first) {
             static_cast<int>(capacity()));
 }
 
-int ACT_List::add(uint32_t token) {
+int ACT_List::add(uint32_t token, bool* added) {
+    if (added != nullptr)
+        *added = false;
     if (token == 0)
         return 0;
     bool first = false;
@@ -301,6 +303,8 @@ int ACT_List::add(uint32_t token) {
             i = (i + 1) & mask;
         m_table[i] = Slot{token, static_cast<uint32_t>(place)};
         ++m_count;
+        if (added != nullptr)
+            *added = true;
     }
     warnEvicted(first);
     return 0;

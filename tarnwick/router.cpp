@@ -13,6 +13,14 @@ namespace {
 
 typedef ACE_Map_Iterator<Handler*, Handler*, ACE_Thread_Mutex> ConnectionIterator;
 
+// Adds a found connection to `set` with a reference of its own, unless the
+// set holds it already. A set that was empty before the search (`fresh`)
+// receives only distinct stored connections, so it is not searched.
+void addFound(Dispatch_Set& set, Handler* handler, bool fresh) {
+    if ((fresh ? set.append(handler) : set.insert(handler)) == 0)
+        handler->duplicate();
+}
+
 }  // namespace
 
 Router::Router() : m_registrations(0), m_unindexed(0) {}
@@ -89,9 +97,8 @@ int Router::find(const Routing_Key& key, Dispatch_Set& set) {
         // The map's entries are walked newest first.
         for (ConnectionIterator it(m_connections); !it.done(); it.advance()) {
             Handler* handler = (*it).int_id_;
-            if (Routing_Key(handler) == key &&
-                (fresh ? set.append(handler) : set.insert(handler)) == 0)
-                handler->duplicate();
+            if (Routing_Key(handler) == key)
+                addFound(set, handler, fresh);
         }
     }
     return set.is_empty() ? -1 : 0;
@@ -119,9 +126,7 @@ void Router::findByToken(uint32_t token, Dispatch_Set& set, bool fresh) {
         return a.order > b.order;
     });
     for (size_t i = 0; i < count; ++i) {
-        Handler* handler = holders[i].handler;
-        if ((fresh ? set.append(handler) : set.insert(handler)) == 0)
-            handler->duplicate();
+        addFound(set, holders[i].handler, fresh);
     }
 }
 
@@ -187,9 +192,7 @@ int SinglePeerRouter::find(const Routing_Key&, Dispatch_Set& set) {
     Handler* peer = m_peer;
     if (!guard.locked() || peer == nullptr)
         return -1;
-    // A set that was empty can't hold the peer yet.
-    if ((set.is_empty() ? set.append(peer) : set.insert(peer)) == 0)
-        peer->duplicate();
+    addFound(set, peer, set.is_empty());
     return 0;
 }
 

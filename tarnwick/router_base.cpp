@@ -149,10 +149,9 @@ int Router_Base::forward(Abstract_Event* event, Dispatch_Set& set) {
         // write them at once, on this thread, and the reply that clears the
         // token can then come back before forward has returned. A refused
         // request takes back a token that it added.
-        bool const noted = handler->getTargetACT().contains(act);
-        if (!noted)
-            handler->getTargetACT().add(act);
-        if (handler->forward(block) != 0 && !noted)
+        bool added = false;
+        handler->getTargetACT().add(act, &added);
+        if (handler->forward(block) != 0 && added)
             handler->getTargetACT().remove(act);
     }
     block->release();

@@ -98,8 +98,9 @@ public:
     // Adds the token unless it is there (a token that is there keeps its
     // place in the order of eviction); when the list is full, the oldest
     // token goes first. 0, also for token 0, which is not stored; -1 when the
-    // mutex can't be had or memory fails (errno ENOMEM).
-    int add(uint32_t token);
+    // mutex can't be had or memory fails (errno ENOMEM). With `added`, tells
+    // whether this call stored the token (false when it was there).
+    int add(uint32_t token, bool* added = nullptr);
     // Removes the token if it is there. 0, or -1 when the mutex can't be had.
     int remove(uint32_t token);
     // False also when the mutex can't be had.

@@ -9,14 +9,13 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
 #include <sstream>
-#include <vector>
 
 namespace Tarnwick {
 
@@ -483,22 +482,21 @@ int Abstract_Event::getXMLString(std::string& out) const {
 // only the names whose first parameter gave nothing need remembering, in
 // `unset`.
 void Abstract_Event::addPayloadArgument(const std::string& name, const char* value,
-                                        std::vector<std::string>& unset) {
-    if (m_args.find(name) != m_args.end() ||
-        std::find(unset.begin(), unset.end(), name) != unset.end())
+                                        std::set<std::string>& unset) {
+    if (m_args.find(name) != m_args.end() || unset.count(name) != 0)
         return;
     if (value != nullptr) {
         m_args.emplace(name, value);
         m_dirty = 1;
     } else {
-        unset.push_back(name);
+        unset.insert(name);
     }
 }
 
 int Abstract_Event::setArgsFromXMLDoc(_xmlDoc* doc) {
     if (doc == nullptr)
         return -1;
-    std::vector<std::string> unset;
+    std::set<std::string> unset;
     forEachParameter(doc, [this, &unset](const std::string& name, xmlNodePtr param) {
         xmlNodePtr const first = param->children;
         addPayloadArgument(name,
@@ -511,7 +509,7 @@ int Abstract_Event::setArgsFromXMLDoc(_xmlDoc* doc) {
 }
 
 int Abstract_Event::setArgsFromPayload(const char* text, size_t length) {
-    std::vector<std::string> unset;
+    std::set<std::string> unset;
     bool const parsed = readPayloadParameters(
         text, length, [this, &unset](const std::string& name, const char* value) {
             addPayloadArgument(name, value, unset);

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
-#include <vector>
 
 struct _xmlDoc;
 
@@ -190,8 +190,10 @@ private:
     // Fills the flat arguments from a formatted payload in memory; 0, or -1
     // when the text is no document.
     int setArgsFromPayload(const char* text, size_t length);
+    // Takes one parameter of a payload in document order: the first of each
+    // name counts; `unset` holds the names whose first one had no text.
     void addPayloadArgument(const std::string& name, const char* value,
-                            std::vector<std::string>& unset);
+                            std::set<std::string>& unset);
     // Brings the block up to date with the arguments; clears m_dirty.
     int refresh();
     // Parses the payload into m_document on first use. 0 or -1.

@@ -1,7 +1,9 @@
 // Fuzz target: the wire codec from the first byte of a stream. The input is
 // fed to a Message_Reader in pieces; every whole message becomes a typed
 // event through Event_Factory::create, and is given out again by a
-// Message_Writer, which must yield exactly the bytes the reader took for it.
+// Message_Writer, which must yield exactly the bytes the reader took for it,
+// with the header in network order: a header whose magic arrived in host
+// order is accepted as it stands and goes out again in network order.
 //
 // Input layout:
 //   byte 0    the size of the pieces: 1 + b
@@ -56,9 +58,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ACE_Message_Block* block = reader.take();
         if (block == nullptr)
             std::abort();
-        // What the writer gives out is what the reader took.
-        std::string const again = Tarnwick::Message_Writer::Bytes(block);
-        if (again != std::string(bytes + message_start, offset - message_start))
+        // What the writer gives out is what the reader took, the header
+        // brought to network order.
+        std::string taken(bytes + message_start, offset - message_start);
+        char wire_header[32];
+        Tarnwick::Message_Writer::EncodeHeader(taken.data(), wire_header);
+        taken.replace(0, sizeof wire_header, wire_header, sizeof wire_header);
+        if (Tarnwick::Message_Writer::Bytes(block) != taken)
             std::abort();
         message_start = offset;
         Tarnwick::Abstract_Event* event = Tarnwick::Event_Factory::create(block);

@@ -301,6 +301,27 @@ TEST(MessageWriter, GivesTheHeaderInNetworkOrderThenThePayload) {
     block->release();
 }
 
+TEST(MessageWriter, AHeaderThatArrivedInHostOrderGoesOutInNetworkOrder) {
+    // A header whose magic reads as host order needs no decoding, so it is
+    // accepted as it stands; the writer gives it out in network order.
+    Message_Header host;
+    host.setType(17);
+    host.setACT(77);
+    host.setSize(5);
+    std::string const sent = std::string(reinterpret_cast<const char*>(&host), 32) + "hello";
+    Message_Reader reader;
+    size_t used = 0;
+    ASSERT_EQ(reader.feed(sent.data(), sent.size(), used), 1);
+    EXPECT_EQ(used, sent.size());
+    ACE_Message_Block* block = reader.take();
+    Message_Header const* const taken = static_cast<Message_Block*>(block)->getHeader();
+    EXPECT_EQ(taken->getType(), 17u);
+    EXPECT_EQ(taken->getACT(), 77u);
+    EXPECT_EQ(taken->getSize(), 5u);
+    EXPECT_EQ(Message_Writer::Bytes(block), header(17, 77, 5) + "hello");
+    block->release();
+}
+
 TEST(MessageWriter, RangesCanBeWrittenInPartsAndASpilledPayloadTwice) {
     TarnwickTest::ScratchCache cache;
     TarnwickTest::BlockLimit limit(1024);

@@ -76,8 +76,7 @@ int Process::spawn() {
 
     errno = 0;
     for (const char* const name : ChildSpawn::Library_Path_Variables) {
-        std::string const entry = std::string(name) + "=";
-        (void)options.setenv(entry.c_str());
+        (void)options.setenv(name, "%s", "");
     }
 
     if (ChildSpawn::spawn(*this, options, false) == -1) {

@@ -96,8 +96,7 @@ void TWProcess::start() {
         fail(ERR_PROCESS_HANDLES, "Failed to start process: Set handles failed");
 
     for (const char* const name : ChildSpawn::Library_Path_Variables) {
-        std::string const entry = std::string(name) + "=";
-        if (options.setenv(entry.c_str()) == -1)
+        if (options.setenv(name, "%s", "") == -1)
             fail(ERR_PROCESS_ENVIRONMENT,
                  std::string("Failed to start process: Set environment variable ") + name +
                      " failed");

@@ -107,7 +107,8 @@ TEST(Exception, CopiesKeepTheDateAndDoNotLog) {
     assigned = source;
     EXPECT_EQ(assigned.getDate(), source.getDate());
     EXPECT_EQ(assigned.getSeverity(), SEVERITY_SEVERE);
-    assigned = assigned;
+    Exception& itself = assigned;
+    assigned = itself;
     EXPECT_STREQ(assigned.what(), "Missing required field: x");
     EXPECT_TRUE(capture.lines().empty());
 }

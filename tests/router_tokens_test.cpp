@@ -79,7 +79,7 @@ TEST_P(RouterTokens, OneTokenConsumedFromTwoConnectionsIsClearedOnBoth) {
         Peer second(port);
         ASSERT_TRUE(first.connected() && second.connected());
         uint32_t const token = 0x5eed;
-        auto shared = [token](Abstract_Event* event) { event->setACT(token); };
+        auto shared = [](Abstract_Event* event) { event->setACT(token); };
         ASSERT_EQ(first.send(KICK_EVENT, shared), token);
         ASSERT_EQ(second.send(KICK_EVENT, shared), token);
         ASSERT_TRUE(pumpUntil(engine, [&] { return setup.handler->seen(KICK_EVENT) == 2; }));

@@ -19,6 +19,12 @@ class Application;
 // A unit of long-running work, driven by the Application through its life:
 // open, run, any number of reload and reload_ready, suspend, and close.
 // Work usually runs on threads that run() starts; svc() is the thread body.
+//
+// open() and close() hide ACE's open(void*) and close(u_long) on purpose:
+// they are the task's own life, and ACE still calls its close(u_long) when a
+// thread of the task ends. A subclass overrides open() and close() only.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
 class TARNWICK_EXPORT Task : public ACE_Task<ACE_MT_SYNCH> {
 public:
     Task();
@@ -43,6 +49,7 @@ public:
     // False when the setting "no" + name() has the value 0.
     bool enabled();
 };
+#pragma GCC diagnostic pop
 
 // One registered task, with whether the application owns (deletes) it.
 class TARNWICK_EXPORT TaskSlot {

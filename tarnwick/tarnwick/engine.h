@@ -43,6 +43,11 @@ enum ConnectionFlag {
 // disableIdentification(); event_handler() and router(); the process's
 // Identity type and name; open(); makeConnection(); then run() or repeated
 // run_step() on the thread that owns the reactor; last shutdown().
+//
+// open(int, bool) and close() hide ACE's open(void*) and close(u_long) on
+// purpose; ACE still calls its close(u_long) when a worker thread ends.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Woverloaded-virtual"
 class TARNWICK_EXPORT Engine : public ACE_Task<ACE_MT_SYNCH>, public Connection_Owner {
 public:
     Engine();
@@ -185,5 +190,6 @@ private:
     static ACE_Time_Value (*s_clock)();
     friend struct EngineTestHooks;
 };
+#pragma GCC diagnostic pop
 
 }  // namespace Tarnwick

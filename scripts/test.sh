@@ -81,7 +81,8 @@ if [[ $run_tsan -eq 1 ]]; then
         contentrouter_test engine_forward_test engine_reactor_test router_tokens_test xml_test
         abstract_event_test message_block_test)
     # Parameterised suites are instantiated as Workers/SUITE. The application
-    # tests that run here are those of the signal thread.
+    # tests that run here are those of the signal thread; the daemon tests
+    # that signal a child program stay out (docs/testing.md says why).
     tsan_tests='^(Workers/)?(Engine|Router|RoutingKey|Handler|PlainHandler|SSLHandler|ACTList|SigPipeGuard|MessageReader|MessageWriter)'
     tsan_tests+='|^ProgramTest\.(Signal|Terminate|Interrupt|Hangup|SecondTerminate|Segmentation)'
     tsan_tests+='|^RunTest\.(Signal|RunReturns|HandleSignal)'

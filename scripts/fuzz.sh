@@ -29,6 +29,7 @@ CC=clang CXX=clang++ cmake -S . -B "$dir" \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DTARNWICK_FUZZ=ON \
+    -DTARNWICK_WERROR=ON \
     -DTARNWICK_BUILD_TESTS=OFF -DTARNWICK_BUILD_EXAMPLES=OFF -DTARNWICK_BUILD_BENCH=OFF
 echo "==== fuzz: build"
 cmake --build "$dir" -j "$jobs"

@@ -53,7 +53,8 @@ status=0
 results=()
 
 if [[ $run_normal -eq 1 ]]; then
-    if build_and_test "normal" build; then
+    # -Wall -Wextra clean: a warning fails the build.
+    if build_and_test "normal" build -DTARNWICK_WERROR=ON; then
         results+=("normal (build/): passed")
     else
         results+=("normal (build/): FAILED")

@@ -483,13 +483,13 @@ int Abstract_Event::getXMLString(std::string& out) const {
 // `unset`.
 void Abstract_Event::addPayloadArgument(const std::string& name, const char* value,
                                         std::set<std::string>& unset) {
-    if (m_args.find(name) != m_args.end() || unset.count(name) != 0)
-        return;
-    if (value != nullptr) {
-        m_args.emplace(name, value);
+    // One lookup in each container: emplace and insert do nothing to a name
+    // that is there.
+    if (value == nullptr) {
+        if (m_args.find(name) == m_args.end())
+            unset.insert(name);
+    } else if (unset.find(name) == unset.end() && m_args.emplace(name, value).second) {
         m_dirty = 1;
-    } else {
-        unset.insert(name);
     }
 }
 

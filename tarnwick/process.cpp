@@ -75,9 +75,8 @@ int Process::spawn() {
     }
 
     errno = 0;
-    for (const char* const name : ChildSpawn::Library_Path_Variables) {
+    for (const char* const name : ChildSpawn::Library_Path_Variables)
         (void)options.setenv(name, "%s", "");
-    }
 
     if (ChildSpawn::spawn(*this, options, false) == -1) {
         int const failure = errno;
